@@ -1,0 +1,46 @@
+# Shared build settings and the helpers that every folder uses.
+
+add_compile_options(-Wall -Wextra -Werror -Wno-missing-field-initializers)
+
+if(SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+  add_compile_definitions(OMBRY_SANITIZE_ADDRESS=1)
+elseif(SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+  add_compile_definitions(OMBRY_SANITIZE_THREAD=1)
+elseif(NOT SANITIZE STREQUAL "")
+  message(FATAL_ERROR "SANITIZE must be empty, address or thread")
+endif()
+
+# ombry_library(<name> [DEPS <targets>...])
+# One static library per subsystem folder. Sources are the folder's *.cpp files
+# (globbed, so adding a file needs no edit here); headers are included as
+# "<folder>/<file>.h" from src/.
+function(ombry_library name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(sources)
+    add_library(${name} STATIC ${sources})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  else()
+    # A subsystem that has no code yet still takes part in the graph.
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} INTERFACE ${ARG_DEPS})
+  endif()
+endfunction()
+
+# ombry_test(<name> [DEPS <targets>...])
+# One GoogleTest binary per test folder, from the folder's *.cpp files.
+function(ombry_test name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_executable(${name} ${sources})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES ENVIRONMENT "OMBRY_BUILD_DIR=${PROJECT_BINARY_DIR};OMBRY_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+endfunction()

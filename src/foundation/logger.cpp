@@ -1,0 +1,121 @@
+#include "foundation/logger.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace {
+
+constexpr size_t kMessageBufferSize = 4096;
+constexpr size_t kHostFilterBufferSize = 4096;
+
+// Written during start-up before other threads exist; relaxed atomics keep the
+// later unsynchronised reads well defined.
+std::atomic<uint32_t> g_threshold{VLLogLevelInfo};
+std::atomic<bool> g_consoleEnabled{false};
+std::atomic<VLLogCallback> g_callback{nullptr};
+std::atomic<void *> g_callbackContext{nullptr};
+std::atomic<VLLogHostFilter> g_hostFilter{nullptr};
+std::string *g_banner = nullptr;
+std::once_flag g_sinksStarted;
+
+struct LevelInfo {
+  uint32_t level;
+  const char *name;
+  char letter;
+};
+
+constexpr LevelInfo kLevels[] = {
+    {VLLogLevelError, "Error", 'E'},     {VLLogLevelWarning, "Warning", 'W'},
+    {VLLogLevelInfo, "Info", 'I'},       {VLLogLevelDebug, "Debug", 'D'},
+    {VLLogLevelVerbose, "Verbose", 'V'}, {VLLogLevelTrace, "Trace", 'T'},
+};
+
+const LevelInfo *FindLevel(uint32_t level) {
+  for (const LevelInfo &info : kLevels) {
+    if (info.level == level) return &info;
+  }
+  return nullptr;
+}
+
+void ConsoleSink(uint32_t level, const char *tag, const char *message) {
+  const LevelInfo *info = FindLevel(level);
+  char letter = info ? info->letter : '?';
+  FILE *stream = level >= VLLogLevelWarning ? stderr : stdout;
+  fprintf(stream, "%c/%-12s : %s\n", letter, tag, message);
+}
+
+void StartSinks() {
+  // The console sink has nothing to open; the hook exists for sinks that do.
+}
+
+}  // namespace
+
+void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, const char *format, ...) {
+  (void)line;
+  (void)file;
+  if (level < g_threshold.load(std::memory_order_relaxed)) return;
+
+  char message[kMessageBufferSize];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(message, sizeof message, format, args);
+  va_end(args);
+
+  VLLogCallback callback = g_callback.load(std::memory_order_relaxed);
+  if (callback) callback(level, tag, message, g_callbackContext.load(std::memory_order_relaxed));
+  if (g_consoleEnabled.load(std::memory_order_relaxed)) ConsoleSink(level, tag, message);
+}
+
+void VLLogEnableConsole() { g_consoleEnabled.store(true, std::memory_order_relaxed); }
+
+const char *VLLogLevelName(uint32_t level) {
+  const LevelInfo *info = FindLevel(level);
+  return info ? info->name : "Unknown";
+}
+
+uint32_t VLLogGetLevel() { return g_threshold.load(std::memory_order_relaxed); }
+
+static void ReportLevel() {
+  if (g_banner) VL_LOG(VLLogLevelInfo, "LOGGER", "%s", g_banner->c_str());
+  VL_LOG(VLLogLevelInfo, "LOGGER", "Log level set to %s", VLLogLevelName(VLLogGetLevel()));
+}
+
+void VLLogInit(uint32_t level) {
+  g_threshold.store(getenv("VL_LOG_TRACE") ? VLLogLevelTrace : level, std::memory_order_relaxed);
+  std::call_once(g_sinksStarted, StartSinks);
+  ReportLevel();
+}
+
+void VLLogSetLevel(uint32_t level) {
+  g_threshold.store(getenv("VL_LOG_TRACE") ? VLLogLevelTrace : level, std::memory_order_relaxed);
+  ReportLevel();
+}
+
+void VLLogSetCallback(VLLogCallback callback, void *context) {
+  g_callbackContext.store(context, std::memory_order_relaxed);
+  g_callback.store(callback, std::memory_order_relaxed);
+}
+
+void VLLogSetBanner(const char *text) {
+  delete g_banner;
+  g_banner = text ? new std::string(text) : nullptr;
+}
+
+const char *VLLogFilterHost(const char *text) {
+  // One shared buffer, as its single user is the socket set's connect thread.
+  static char buffer[kHostFilterBufferSize];
+  VLLogHostFilter filter = g_hostFilter.load(std::memory_order_relaxed);
+  if (filter) {
+    filter(buffer, sizeof buffer, text ? text : "");
+  } else {
+    snprintf(buffer, sizeof buffer, "%s", text ? text : "");
+  }
+  return buffer;
+}
+
+void VLLogSetHostFilter(VLLogHostFilter filter) { g_hostFilter.store(filter, std::memory_order_relaxed); }

@@ -1,0 +1,38 @@
+// The one logging facility: a level threshold and a console sink on the
+// standard streams. Each line leaves in a single write so that lines of
+// different threads never interleave.
+#pragma once
+
+#include <cstdint>
+
+enum : uint32_t {
+  VLLogLevelTrace = 50,
+  VLLogLevelVerbose = 100,
+  VLLogLevelDebug = 200,
+  VLLogLevelInfo = 300,
+  VLLogLevelWarning = 400,
+  VLLogLevelError = 500,
+};
+
+using VLLogCallback = void (*)(uint32_t level, const char *tag, const char *message, void *context);
+using VLLogHostFilter = void (*)(char *buffer, uint32_t size, const char *text);
+
+// Formats and emits one line when `level` passes the threshold. `line` and
+// `file` name the call site; the console sink doesn't print them.
+void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+void VLLogEnableConsole();
+void VLLogInit(uint32_t level);
+void VLLogSetLevel(uint32_t level);
+void VLLogSetCallback(VLLogCallback callback, void *context);
+void VLLogSetBanner(const char *text);
+uint32_t VLLogGetLevel();
+const char *VLLogLevelName(uint32_t level);
+
+// The text to log in place of a host name; unchanged unless a filter is set.
+const char *VLLogFilterHost(const char *text);
+void VLLogSetHostFilter(VLLogHostFilter filter);
+
+// Call-site convenience: passes the source line and file along.
+#define VL_LOG(level, tag, ...) VLLog((level), (tag), __LINE__, __FILE__, __VA_ARGS__)

@@ -1,0 +1,161 @@
+#include "miner/entry.h"
+
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "foundation/compat.h"
+#include "foundation/console.h"
+#include "foundation/logger.h"
+#include "miner/console_io.h"
+#include "miner/flash_catalogue.h"
+#include "miner/run_config.h"
+#include "miner/run_records.h"
+#include "miner/scan.h"
+#include "miner/status_console.h"
+#include "miner/watchdog.h"
+
+Relaxed<uint32_t> g_runState{RunStateRunning};
+
+namespace {
+
+constexpr const char *kTag = "Miner";
+constexpr int kStopBudgetMs = 15000;
+constexpr int kStopPollMs = 50;
+
+enum class RunMode { Mining, Recovery, Dump, MissingParameters };
+
+RunMode DecideMode(int argc, char **argv) {
+  // With six or more entries the mode words have no power: position 1 is an
+  // algorithm name then, and the run configuration refuses them.
+  if (argc >= 6) return RunMode::Mining;
+  if (argc > 1 && strcmp(argv[1], "recovery") == 0) return RunMode::Recovery;
+  if (argc > 1 && strcmp(argv[1], "dump") == 0) return RunMode::Dump;
+  return RunMode::MissingParameters;
+}
+
+bool AnyWorkerActive(const MiningContext &context) {
+  for (const auto &worker : context.workers) {
+    if (worker->active) return true;
+  }
+  return false;
+}
+
+// Waits a bounded time for every worker to ramp its board down and stop,
+// keeping the watchdog fed as MainLoop no longer does.
+void WaitForWorkersToStop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter) {
+  auto start = std::chrono::steady_clock::now();
+  for (;;) {
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    if (elapsed >= std::chrono::milliseconds(kStopBudgetMs)) {
+      VL_LOG(VLLogLevelError, kTag, "Waiting for workers to stop timed out");
+      return;
+    }
+    if (!AnyWorkerActive(context)) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(kStopPollMs));
+    watchdogCounter++;
+  }
+}
+
+}  // namespace
+
+void SystemInit() {
+  VLLogEnableConsole();
+  // Lines reach a pipe or log file as they are written, not when a block fills.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (!VLConsoleSetCtrlHandler(ConsoleCtrlHandler)) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelInfo, kTag, "Failed to set console control handler!");
+  }
+  srand(static_cast<unsigned>(time(nullptr)));
+  setlocale(LC_ALL, "");
+}
+
+bool ConsoleCtrlHandler(uint32_t event) {
+  switch (event) {
+    case VLConsoleEventInterrupt:
+    case VLConsoleEventBreak:
+    case VLConsoleEventClose:
+    case VLConsoleEventLogoff:
+    case VLConsoleEventShutdown:
+      g_runState = RunStateStopping;
+      while (g_runState != RunStateFinished) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+      return true;
+    default:
+      return false;
+  }
+}
+
+int MinerMain(int argc, char **argv) {
+  SystemInit();
+
+  // Kept for the whole run; left inactive, so the system may sleep as usual.
+  std::unique_ptr<VLSystemSleepManager, void (*)(VLSystemSleepManager *)> sleepManager(VLSleepManagerCreate(),
+                                                                                     VLSleepManagerDestroy);
+  VLSleepManagerSetMode(sleepManager.get(), 1);
+  VLSleepManagerSetDisabled(sleepManager.get(), false);
+
+  RunMode mode = DecideMode(argc, argv);
+  if (mode == RunMode::Dump) return 0;
+  if (mode == RunMode::MissingParameters) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
+              "Not enough parameters. Please check the provided example file (start.bat / start.sh).");
+    return 1;
+  }
+  bool recovery = mode == RunMode::Recovery;
+
+  VLLogInit(VLLogLevelInfo);
+  VL_LOG(VLLogLevelInfo, kTag, "Starting miner");
+  VLConsoleBeginKeys();
+
+  MiningContext context;
+  std::string whitelist;
+  if (argc > 7) whitelist = argv[7];
+
+  LoadFlashCatalogue(context);
+  ScanDevices(context, recovery, whitelist);
+
+  if (recovery) {
+    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Exiting");
+    return 0;
+  }
+  if (context.workers.empty()) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "No device is ready for mining, exiting");
+    return 1;
+  }
+  for (size_t i = 0; i < context.workers.size(); i++) {
+    VL_LOG(VLLogLevelError, kTag, "Device %llu: Assigned to worker %llu",
+           static_cast<unsigned long long>(context.workers[i]->deviceIndex + 1),
+           static_cast<unsigned long long>(i + 1));
+  }
+  LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag, "%llu devices are ready for mining",
+            static_cast<unsigned long long>(context.workers.size()));
+
+  std::atomic<uint64_t> watchdogCounter{0};
+  std::thread watchdog(WatchdogThread, &watchdogCounter);
+
+  SetupRun(context, argc, argv);
+
+  SetConsoleColor(ConsoleColorBlue);
+  VL_LOG(VLLogLevelInfo, kTag, "Starting Stratum Connection to %s on port %i", context.poolHost,
+         static_cast<int>(context.poolPort));
+  VL_LOG(VLLogLevelInfo, kTag, "Using Account: %s", context.account);
+  SetConsoleColor(ConsoleColorNormal);
+
+  // The session's state setter joins here with the Stratum client.
+  context.stratumState = 0;
+  MainLoop(context, watchdogCounter);
+
+  for (auto &worker : context.workers) worker->enabled = false;
+  WaitForWorkersToStop(context, watchdogCounter);
+
+  LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Exiting");
+  g_runState = RunStateFinished;
+  watchdog.join();
+  return 0;
+}

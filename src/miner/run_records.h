@@ -1,0 +1,121 @@
+// The run's central records: MiningContext on the stack of main, one Worker
+// per usable board, and the process-wide stop signal.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/relaxed.h"
+
+struct BRYLDMADevice;
+struct VLJsonRpcClient;
+struct StratumJob;
+
+using BoardModel = uint32_t;
+
+enum RunState : uint32_t {
+  RunStateRunning = 0,
+  RunStateStopping = 1,
+  RunStateFinished = 2,
+};
+
+// Polled by every thread; written as single stores.
+extern Relaxed<uint32_t> g_runState;
+
+enum WorkerState : uint32_t {
+  WorkerStateWaitingForWork = 0,
+  WorkerStateInitializing = 1,
+  WorkerStateWaitingForDma = 2,
+  WorkerStateWorkingOnDma = 3,
+  WorkerStateFinalPreparation = 4,
+  WorkerStateRunning = 5,
+};
+
+enum TuningState : uint32_t {
+  TuningOff = 0,
+  TuningActive = 1,
+  TuningDone = 2,
+};
+
+struct ShownCounters {
+  Relaxed<uint64_t> found;
+  Relaxed<uint64_t> invalid;
+  Relaxed<uint64_t> belowBoardTarget;
+  Relaxed<uint64_t> sharesAccepted;
+  Relaxed<uint64_t> sharesRejected;
+};
+
+// Closes a board's device; supplied by the board layer.
+void BRYLDMADeviceClose(BRYLDMADevice *device);
+struct BRYLDMADeviceCloser {
+  void operator()(BRYLDMADevice *device) const { BRYLDMADeviceClose(device); }
+};
+
+// One usable board. Never moved or destroyed while the run lasts; its worker
+// thread owns the board, other threads only poll and set the fields below.
+struct Worker {
+  std::unique_ptr<BRYLDMADevice, BRYLDMADeviceCloser> device;
+  Relaxed<uint64_t> id;
+  Relaxed<bool> enabled{false};
+  Relaxed<bool> active{false};
+  uint64_t deviceIndex = 0;
+  uint32_t layoutVersion = 0;
+  BoardModel model = 0;
+  std::string modelName;
+  std::string dna;
+  Relaxed<uint64_t> targetClockHz;
+  Relaxed<double> coreTemperature;
+  Relaxed<double> vrmTemperature;
+  Relaxed<double> vccint;
+  Relaxed<uint64_t> currentClockHz;
+  Relaxed<double> hashRateMHs;
+  Relaxed<bool> identityLedRequest{true};
+  Relaxed<uint64_t> identityLedCountdown{1000};
+  Relaxed<bool> couponRequest{false};
+  Relaxed<uint64_t> found;
+  Relaxed<uint64_t> invalid;
+  Relaxed<uint64_t> belowBoardTarget;
+  Relaxed<uint64_t> sharesAccepted;
+  Relaxed<uint64_t> sharesRejected;
+  ShownCounters shownCounters;
+  Relaxed<uint32_t> tuning{TuningOff};
+  Relaxed<uint32_t> state{WorkerStateWaitingForWork};
+  std::atomic<uint64_t> heartbeat{0};
+  std::optional<std::string> bitstreamName;
+  // The last thread started for this record. Never joined: main watches the
+  // active flag instead, and a worker that doesn't stop in time is abandoned.
+  std::thread::id threadHandle;
+};
+
+struct MiningContext {
+  VLJsonRpcClient *rpcClient = nullptr;
+  Relaxed<uint32_t> stratumState;
+  uint32_t algorithm = 0;
+  const char *poolHost = nullptr;
+  uint16_t poolPort = 0;
+  const char *account = nullptr;
+  const char *password = nullptr;
+  std::vector<std::unique_ptr<Worker>> workers;
+  // The flash catalogue (flashImages, staticImages) joins here with the
+  // flashing code.
+  std::shared_ptr<StratumJob> currentJob;
+  std::atomic<uint64_t> jobGeneration{0};
+  std::vector<uint8_t> extranonce1;
+  uint64_t extranonce2Size = 0;
+  double difficulty = 1.0;
+  Relaxed<uint64_t> lastSubmitWorker;
+  uint32_t fixedTargetWord = 0;
+  std::mutex lock;  // constructed with the record; no path takes it
+};
+
+// Heap pair handed to a worker thread; the thread frees it on each way out.
+struct WorkerThreadArgs {
+  uint64_t workerIndex;
+  MiningContext *context;
+};

@@ -1,0 +1,120 @@
+#include "foundation/logger.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/capture.h"
+
+using testing_support::StreamCapture;
+
+namespace {
+
+class LoggerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VLLogEnableConsole();
+    unsetenv("VL_LOG_TRACE");
+    StreamCapture quiet;
+    VLLogSetLevel(VLLogLevelInfo);
+  }
+  void TearDown() override {
+    unsetenv("VL_LOG_TRACE");
+    StreamCapture quiet;
+    VLLogSetLevel(VLLogLevelInfo);
+  }
+};
+
+TEST_F(LoggerTest, LineFormatAndStreamsByLevel) {
+  StreamCapture capture;
+  VL_LOG(VLLogLevelError, "Miner", "error %d", 1);
+  VL_LOG(VLLogLevelWarning, "DMA_DEVICE", "warning");
+  VL_LOG(VLLogLevelInfo, "LOGGER", "info");
+  VL_LOG(VLLogLevelDebug, "Miner", "debug is filtered");
+  capture.Stop();
+  EXPECT_EQ(capture.Err(), "E/Miner        : error 1\nW/DMA_DEVICE   : warning\n");
+  EXPECT_EQ(capture.Out(), "I/LOGGER       : info\n");
+}
+
+TEST_F(LoggerTest, ThresholdPassesOnlyItsLevelAndAbove) {
+  StreamCapture capture;
+  for (uint32_t level : {50u, 100u, 200u, 300u, 400u, 500u}) VL_LOG(level, "T", "%u", level);
+  capture.Stop();
+  EXPECT_EQ(capture.Out(), "I/T            : 300\n");
+  EXPECT_EQ(capture.Err(), "W/T            : 400\nE/T            : 500\n");
+}
+
+TEST_F(LoggerTest, TraceEnvironmentOverridesRequestedLevel) {
+  setenv("VL_LOG_TRACE", "", 1);
+  StreamCapture capture;
+  VLLogInit(VLLogLevelInfo);
+  VL_LOG(VLLogLevelTrace, "T", "trace passes");
+  capture.Stop();
+  EXPECT_EQ(capture.Out(), "I/LOGGER       : Log level set to Trace\nT/T            : trace passes\n");
+}
+
+TEST_F(LoggerTest, InitReportsItsLevelByName) {
+  StreamCapture capture;
+  VLLogInit(VLLogLevelWarning);
+  VL_LOG(VLLogLevelInfo, "T", "dropped");
+  capture.Stop();
+  // The report itself is at Info, so it falls below a Warning threshold.
+  EXPECT_EQ(capture.Out(), "");
+  EXPECT_EQ(VLLogGetLevel(), VLLogLevelWarning);
+}
+
+TEST_F(LoggerTest, LongMessageIsCutAt4095Characters) {
+  std::string longText(5000, 'x');
+  StreamCapture capture;
+  VL_LOG(VLLogLevelInfo, "T", "%s", longText.c_str());
+  capture.Stop();
+  EXPECT_EQ(capture.Out(), "I/T            : " + std::string(4095, 'x') + "\n");
+}
+
+TEST_F(LoggerTest, LongTagWidensTheLineAndPercentInArgumentsStays) {
+  StreamCapture capture;
+  VL_LOG(VLLogLevelInfo, "THIRTEENCHARS", "%s", "100% sure %d");
+  capture.Stop();
+  EXPECT_EQ(capture.Out(), "I/THIRTEENCHARS : 100% sure %d\n");
+}
+
+TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
+  constexpr int kThreads = 8;
+  constexpr int kLines = 300;
+  StreamCapture capture;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; t++) {
+    threads.emplace_back([t] {
+      std::string body(2000 + t * 50, static_cast<char>('a' + t));
+      for (int i = 0; i < kLines; i++) VL_LOG(VLLogLevelInfo, "W", "%d:%s", t, body.c_str());
+    });
+  }
+  for (auto &thread : threads) thread.join();
+  capture.Stop();
+
+  std::istringstream lines(capture.Out());
+  std::string line;
+  int counts[kThreads] = {};
+  while (std::getline(lines, line)) {
+    ASSERT_EQ(line.rfind("I/W            : ", 0), 0u) << line.substr(0, 40);
+    int t = line[17] - '0';
+    ASSERT_TRUE(t >= 0 && t < kThreads);
+    EXPECT_EQ(line.substr(19), std::string(2000 + t * 50, static_cast<char>('a' + t)));
+    counts[t]++;
+  }
+  for (int t = 0; t < kThreads; t++) EXPECT_EQ(counts[t], kLines);
+}
+
+TEST_F(LoggerTest, HostFilterPassesNamesUnchangedUnlessAFilterIsSet) {
+  EXPECT_STREQ(VLLogFilterHost("pool.example.org"), "pool.example.org");
+  VLLogSetHostFilter([](char *buffer, uint32_t size, const char *) { snprintf(buffer, size, "<host>"); });
+  EXPECT_STREQ(VLLogFilterHost("pool.example.org"), "<host>");
+  VLLogSetHostFilter(nullptr);
+}
+
+}  // namespace

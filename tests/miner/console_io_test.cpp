@@ -1,0 +1,76 @@
+// Key reading and the countdown question, driven through a pseudo-terminal.
+#include "miner/console_io.h"
+
+#include <gtest/gtest.h>
+
+#include "foundation/console.h"
+#include "support/process.h"
+
+using testing_support::PtyProcess;
+
+namespace {
+
+// Runs InterruptableDelay in a child on a terminal; the exit code is the key.
+std::unique_ptr<PtyProcess> StartDelay(uint64_t seconds, const char *keys) {
+  return std::make_unique<PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{}, [=] {
+    VLConsoleBeginKeys();
+    return static_cast<int>(static_cast<unsigned char>(InterruptableDelay(seconds, keys)));
+  });
+}
+
+TEST(InterruptableDelayTest, AcceptedKeyEndsTheWait) {
+  auto child = StartDelay(30, "yn");
+  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
+  child->Type("y");
+  EXPECT_EQ(child->Wait(), 'y');
+  EXPECT_EQ(child->Output().find("Waiting for 30 seconds"), 0u);
+  EXPECT_EQ(child->Output().back(), '\n');
+}
+
+TEST(InterruptableDelayTest, OtherKeysAndUpperCaseAreIgnored) {
+  auto child = StartDelay(30, "yn");
+  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
+  child->Type("qY N");
+  child->Type("n");
+  EXPECT_EQ(child->Wait(), 'n');
+}
+
+TEST(InterruptableDelayTest, FirstAcceptedKeyWinsWithinOneRead) {
+  auto child = StartDelay(30, "yn");
+  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
+  child->Type("xny");
+  EXPECT_EQ(child->Wait(), 'n');
+}
+
+TEST(InterruptableDelayTest, SilencePrintsADotASecondAndAnswersZero) {
+  auto child = StartDelay(2, "yn");
+  EXPECT_EQ(child->Wait(), 0);
+  // The terminal turns the line end into CR LF.
+  EXPECT_EQ(child->Output(), "Waiting for 2 seconds..\r\n");
+}
+
+TEST(ConsumeKeysTest, DeliversEveryKeyInOrder) {
+  PtyProcess child({}, {}, [] {
+    VLConsoleBeginKeys();
+    printf("ready\n");
+    fflush(stdout);
+    std::string seen;
+    for (int i = 0; i < 200 && seen.size() < 4; i++) {
+      usleep(10000);
+      ConsumeKeys([&](char key) { seen += key; });
+    }
+    return seen == "a+1Q" ? 0 : 1;
+  });
+  ASSERT_TRUE(child.WaitFor("ready"));
+  child.Type("a+1Q");
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(ConsumeKeysTest, NoTerminalMeansNoKeysAndNoFailure) {
+  // In the test process standard input is not a terminal in single-key mode.
+  int calls = 0;
+  ConsumeKeys([&](char) { calls++; });
+  EXPECT_EQ(calls, 0);
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "support/process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+extern char **environ;
+
+namespace testing_support {
+namespace {
+
+std::vector<char *> CStrings(std::vector<std::string> &strings) {
+  std::vector<char *> pointers;
+  for (auto &s : strings) pointers.push_back(s.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+[[noreturn]] void ExecChild(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv) {
+  for (const auto &entry : extraEnv) putenv(strdup(entry.c_str()));
+  std::vector<std::string> copy = argv;
+  auto pointers = CStrings(copy);
+  execv(pointers[0], pointers.data());
+  perror("execv");
+  _exit(127);
+}
+
+void DecodeStatus(int status, int &exitCode, int &signal) {
+  if (WIFEXITED(status)) {
+    exitCode = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    exitCode = -1;
+    signal = WTERMSIG(status);
+  }
+}
+
+}  // namespace
+
+std::string BuiltProgram(const std::string &relativePath) {
+  const char *build = getenv("OMBRY_BUILD_DIR");
+  if (!build) throw std::runtime_error("OMBRY_BUILD_DIR is not set; run the tests through ctest");
+  return std::string(build) + "/" + relativePath;
+}
+
+ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv,
+                         std::chrono::seconds limit) {
+  int outPipe[2], errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  pid_t pid = fork();
+  if (pid == 0) {
+    int devNull = open("/dev/null", O_RDONLY);
+    dup2(devNull, 0);
+    dup2(outPipe[1], 1);
+    dup2(errPipe[1], 2);
+    ExecChild(argv, extraEnv);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+
+  ProcessResult result;
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+  int open = 2;
+  bool killed = false;
+  while (open > 0) {
+    if (!killed && std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      killed = true;
+    }
+    if (poll(fds, 2, 100) <= 0) continue;
+    for (int i = 0; i < 2; i++) {
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
+      char buffer[4096];
+      ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n <= 0) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        open--;
+      } else {
+        (i == 0 ? result.out : result.err).append(buffer, static_cast<size_t>(n));
+      }
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  DecodeStatus(status, result.exitCode, result.signal);
+  return result;
+}
+
+PtyProcess::PtyProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv,
+                       std::function<int()> body) {
+  pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
+  if (pid_ < 0) throw std::runtime_error("forkpty");
+  if (pid_ == 0) {
+    if (body) {
+      int code = body();
+      fflush(stdout);
+      _exit(code);
+    }
+    ExecChild(argv, extraEnv);
+  }
+}
+
+PtyProcess::~PtyProcess() {
+  if (!exited_) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  close(master_);
+}
+
+void PtyProcess::Type(const std::string &keys) {
+  if (write(master_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
+    throw std::runtime_error("write to pty");
+  }
+}
+
+bool PtyProcess::ReadSome(std::chrono::milliseconds timeout) {
+  pollfd fd{master_, POLLIN, 0};
+  if (poll(&fd, 1, static_cast<int>(timeout.count())) <= 0) return true;
+  char buffer[4096];
+  ssize_t n = read(master_, buffer, sizeof buffer);
+  if (n <= 0) return false;  // the child closed the terminal
+  output_.append(buffer, static_cast<size_t>(n));
+  return true;
+}
+
+bool PtyProcess::WaitFor(const std::string &text, std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  size_t searchFrom = 0;
+  while (output_.find(text, searchFrom) == std::string::npos) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    if (!ReadSome(std::chrono::milliseconds(50))) return output_.find(text) != std::string::npos;
+  }
+  return true;
+}
+
+int PtyProcess::Wait(std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (ReadSome(std::chrono::milliseconds(50))) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid_, SIGKILL);
+      break;
+    }
+  }
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  exited_ = true;
+  int code = -1, signal = 0;
+  DecodeStatus(status, code, signal);
+  status_ = code;
+  return code;
+}
+
+void PtyProcess::Signal(int signal) { kill(pid_, signal); }
+
+}  // namespace testing_support
