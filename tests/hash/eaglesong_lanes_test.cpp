@@ -161,11 +161,4 @@ INSTANTIATE_TEST_SUITE_P(Paths, EaglesongLanes,
                            return std::string(EaglesongLanePathName(info.param));
                          });
 
-TEST(EaglesongLanePaths, AutoResolvesToTheBestSupportedPath) {
-  const EaglesongLanePath automatic = EaglesongLanePathResolve(EaglesongLanePath::Auto);
-  EXPECT_EQ(automatic, EaglesongLanePathSupported(EaglesongLanePath::Avx2) ? EaglesongLanePath::Avx2
-                                                                            : EaglesongLanePath::Portable);
-  EXPECT_EQ(EaglesongLanePathResolve(EaglesongLanePath::Portable), EaglesongLanePath::Portable);
-}
-
 }  // namespace
