@@ -96,7 +96,10 @@ class BoardControlBlock : public RegisterBlock {
   Fpga &fpga_;
 };
 
-uint32_t Code(double value, double limit) { return static_cast<uint32_t>(std::clamp(std::lround(value), 0L, static_cast<long>(limit))); }
+// A converter's output code: rounded and held within its range.
+uint32_t Code(double value, double limit) {
+  return static_cast<uint32_t>(std::clamp(std::lround(value), 0L, static_cast<long>(limit)));
+}
 
 // 12-bit supply code: full scale is 3 V.
 uint32_t SupplyCode(double volts) { return Code(volts * 4096.0 / 3.0, 4095); }

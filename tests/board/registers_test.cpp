@@ -18,7 +18,9 @@ using sim::Node;
 
 namespace {
 
-uint32_t ReadReg(Device &device, uint32_t address) { return BRYLDMADeviceRead(device.get(), device->userFile, address); }
+uint32_t ReadReg(Device &device, uint32_t address) {
+  return BRYLDMADeviceRead(device.get(), device->userFile, address);
+}
 void WriteReg(Device &device, uint32_t address, uint32_t value) {
   BRYLDMADeviceWrite(device.get(), device->userFile, address, value);
 }
@@ -328,13 +330,6 @@ TEST(CoreCounter, CountsHashClockCyclesAcrossBothWords) {
   SetMmcmClockEnable(device.get(), false, 1);
   clock.now += 10.0;
   EXPECT_EQ(GetCoreCounter(device.get()), 5000000000u);
-}
-
-TEST(JobSlots, BasesStepOverTheMmcmBlock) {
-  EXPECT_EQ(JobSlotBase(0), 0x4000u);
-  EXPECT_EQ(JobSlotBase(1), 0x5000u);
-  EXPECT_EQ(JobSlotBase(2), 0x7000u);
-  EXPECT_EQ(SlotResultOffset(3), 0x70u);
 }
 
 }  // namespace
