@@ -33,7 +33,9 @@ uint32_t Depth(const VLObject *root) {
   return deepest;
 }
 
+// Both null (no text) or both the same bytes.
 bool SameText(const VLObject *a, const VLObject *b) {
+  if (!a || !b) return a == b;
   return VLStringLength(a) == VLStringLength(b) && memcmp(VLStringChars(a), VLStringChars(b), VLStringLength(a)) == 0;
 }
 
