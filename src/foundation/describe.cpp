@@ -21,7 +21,7 @@ struct Frame {
 // Writes the indent and a leaf, or a container's opening with a frame for the
 // rest. Returns whether the value is complete.
 bool Begin(VLObject *out, const VLObject *value, uint32_t depth, std::vector<Frame> &stack) {
-  for (uint32_t i = 0; i < depth; ++i) Append(out, "  ");
+  VLStringAppendRepeated(out, ' ', uint64_t{2} * depth);
   switch (VLObjectType(value)) {
     case VLTypeNumber: {
       uint64_t bits = value->number.bits;
@@ -103,7 +103,7 @@ VLObject *VLObjectDescribe(const VLObject *obj) {
       if (Begin(out, member, depth, stack)) AfterMember(out, stack[top]);
       continue;
     }
-    for (uint32_t i = 0; i < stack[top].depth; ++i) Append(out, "  ");
+    VLStringAppendRepeated(out, ' ', uint64_t{2} * stack[top].depth);
     Append(out, container->type == VLTypeArray ? ")" : "}");
     stack.pop_back();
     if (!stack.empty()) AfterMember(out, stack.back());

@@ -19,9 +19,7 @@ namespace {
 void Append(VLObject *out, const char *text, uint32_t length) { VLStringAppendBytes(out, text, length); }
 void Append(VLObject *out, const char *text) { VLStringAppendBytes(out, text, static_cast<uint32_t>(strlen(text))); }
 
-void Indent(VLObject *out, uint32_t depth) {
-  for (uint32_t i = 0; i < depth; ++i) Append(out, "  ", 2);
-}
+void Indent(VLObject *out, uint32_t depth) { VLStringAppendRepeated(out, ' ', uint64_t{2} * depth); }
 
 void WriteNumber(VLObject *out, const VLObject *number) {
   char text[256];  // a number's text is held to 255 characters

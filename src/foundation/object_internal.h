@@ -16,6 +16,9 @@ void VLStringReserve(VLObject *string, uint64_t adding);
 // Appends bytes exactly as given, without looking for a zero byte.
 void VLStringAppendBytes(VLObject *string, const char *bytes, uint32_t length);
 
+// Appends `count` copies of `byte`, for indents.
+void VLStringAppendRepeated(VLObject *string, char byte, uint64_t count);
+
 inline bool VLIsString(const VLObject *obj) {
   return obj && (obj->type == VLTypeString || obj->type == VLTypeEditString);
 }

@@ -40,6 +40,15 @@ void VLStringAppendBytes(VLObject *string, const char *bytes, uint32_t length) {
   s.chars[s.length] = '\0';
 }
 
+void VLStringAppendRepeated(VLObject *string, char byte, uint64_t count) {
+  if (!Writable(string) || count == 0) return;
+  VLStringReserve(string, count);
+  auto &s = string->string;
+  memset(s.chars + s.length, byte, count);
+  s.length += static_cast<uint32_t>(count);
+  s.chars[s.length] = '\0';
+}
+
 VLObject *VLStringCreate(const char *text, uint32_t length) {
   if (!text) text = "";
   if (length == 0) length = static_cast<uint32_t>(strlen(text));
