@@ -114,7 +114,9 @@ TEST_F(HashCoreSearch, HoldStopsTheSearchAndTheNextLoadStartsTheCounterAfresh) {
     ASSERT_FALSE(readings.empty()) << std::hex << value << " doesn't belong to the job loaded";
     lowest = std::min(lowest, value - 43 + static_cast<uint32_t>(readings[0].skew));
   }
-  EXPECT_LT(lowest, held) << "the counter went on from the previous load";
+  // With a hit in about every second position, the first finds of a counter
+  // that starts at 0 lie far below where the last load stopped.
+  EXPECT_LT(lowest, 1000u) << "the counter went on from the previous load at " << held;
 }
 
 TEST_F(HashCoreSearch, RunsOnlyWithTheClockEnabledAndOutOfReset) {
