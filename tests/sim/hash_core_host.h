@@ -1,8 +1,5 @@
-// A host for the hash core tests, written from the register map alone: it
-// opens a simulated board through the board layer, starts its clock, loads a
-// job in the order the core requires and takes results in with their
-// acknowledgement. Its own check of a reported value works the value back to
-// a core number and skew with the software hash, so that the simulator's
+// A host written from the register map: it loads jobs, takes results in and
+// works them back to core numbers and skews with the software hash, so the
 // search is judged by nothing it computes itself.
 #pragma once
 
@@ -10,9 +7,7 @@
 
 #include <array>
 #include <chrono>
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,46 +19,39 @@
 
 namespace hashcore_test {
 
-// Hash core block registers, from the map.
-constexpr uint32_t kCore = 0x4000;
-constexpr uint32_t kControl = kCore + 0x6C;
-constexpr uint32_t kHold = 0x10000;
-// Clock control in layout 1: bit 0 enables the MMCM clock, bit 1 takes it out of reset.
-constexpr uint32_t kClockControl = 0x004C;
-
-// Generous bound for waits, only there so that a fault can't hang the suite.
-constexpr auto kPatience = std::chrono::seconds(60);
+constexpr uint32_t kCore = 0x4000, kControl = 0x406C, kHold = 0x10000;
+constexpr uint32_t kClockControl = 0x004C;  // layout 1: bit 0 enable, bit 1 out of reset
 
 struct Job {
   std::array<uint32_t, 8> header{};
-  std::array<uint32_t, 4> nonce{};  // as written to +0x00 to +0x0C
-  uint64_t target = 0;              // +0x80 high word, +0x84 low word
+  std::array<uint32_t, 4> nonce{};
+  uint64_t target = 0;
 };
 
-// The top 64 bits of the digest read as a number, which is what a board
-// target bounds.
-inline uint64_t HashTop64(const Job &job, uint32_t coreNumber, uint32_t counter) {
-  const uint32_t words[4] = {job.nonce[0], job.nonce[1], job.nonce[2] ^ coreNumber, job.nonce[3] ^ counter};
-  uint32_t digest[8];
-  uint32_t number[8];
-  EaglesongHash48(job.header.data(), words, digest);
-  EaglesongDigestNumber(digest, number);
-  return (uint64_t{number[7]} << 32) | number[6];
+// Every nonce word in use, so that a word misplaced or XORed wrongly shows.
+inline Job SampleJob(uint32_t seed, uint64_t target) {
+  Job job{{}, {0x0a0b0c0d ^ seed, 0x10203040, 0x55aa00c0, 0x01000000 ^ (seed << 8)}, target};
+  uint32_t x = seed;
+  for (uint32_t &word : job.header) word = x = x * 1664525u + 1013904223u;
+  return job;
 }
 
-struct Reading {
-  uint32_t coreNumber;
-  int skew;
-};
+// The top 64 bits of the hash as a number: what a board target bounds.
+inline uint64_t HashTop64(const Job &job, uint32_t core, uint32_t counter) {
+  const uint32_t words[4] = {job.nonce[0], job.nonce[1], job.nonce[2] ^ core, job.nonce[3] ^ counter};
+  uint32_t digest[8];
+  EaglesongHash48(job.header.data(), words, digest);
+  EaglesongDigestNumber(digest, digest);
+  return (uint64_t{digest[7]} << 32) | digest[6];
+}
 
-// Every core number from 0 to 63 and every skew up to `maxSkew` either way
-// whose hash of (reported - 43 + skew) is within `bound`.
-inline std::vector<Reading> Readings(const Job &job, uint32_t reported, int maxSkew, uint64_t bound) {
-  std::vector<Reading> found;
+// Core numbers 0 to 63 and skews up to `maxSkew` either way whose hash of
+// (reported - 43 + skew) is within `bound`, as {core, skew} pairs.
+inline std::vector<std::pair<uint32_t, int>> Readings(const Job &job, uint32_t reported, int maxSkew, uint64_t bound) {
+  std::vector<std::pair<uint32_t, int>> found;
   for (int skew = -maxSkew; skew <= maxSkew; skew++) {
-    uint32_t counter = reported - 43 + static_cast<uint32_t>(skew);
     for (uint32_t core = 0; core < 64; core++) {
-      if (HashTop64(job, core, counter) <= bound) found.push_back({core, skew});
+      if (HashTop64(job, core, reported - 43 + static_cast<uint32_t>(skew)) <= bound) found.push_back({core, skew});
     }
   }
   return found;
@@ -71,35 +59,28 @@ inline std::vector<Reading> Readings(const Job &job, uint32_t reported, int maxS
 
 class HashCoreHost {
  public:
-  explicit HashCoreHost(const std::string &boardList, const std::string &directory = "/hashcore-test")
-      : boards_(directory) {
+  explicit HashCoreHost(const std::string &boardList) : boards_("/hashcore-test") {
     std::string error;
-    if (!boards_.AddList(boardList, &error)) ADD_FAILURE() << "board list: " << error;
+    if (!boards_.AddList(boardList, &error)) ADD_FAILURE() << error;
     boards_.Install();
   }
   ~HashCoreHost() {
     boards_.StopSearch();
     for (BRYLDMADevice *device : devices_) BRYLDMADeviceClose(device);
   }
-
   sim::InProcessBoards &Boards() { return boards_; }
+  void Command(const std::string &line) { EXPECT_TRUE(boards_.RunCommand(line, nullptr)) << line; }
 
+  // Opens an FPGA and starts its clock at the MMCM's power-on frequency.
   BRYLDMADevice *Open(const std::string &card, uint64_t subDevice = 0) {
     BRYLDMADevice *device = BRYLDMADeviceOpen(boards_.DevicePath(card), subDevice);
-    EXPECT_NE(device, nullptr) << card;
-    if (device) devices_.push_back(device);
+    if (device) devices_.push_back(device), Write(device, kClockControl, 3);
     return device;
   }
-
-  static uint32_t Read(BRYLDMADevice *device, uint32_t address) {
-    return BRYLDMADeviceRead(device, device->userFile, address);
+  static uint32_t Read(BRYLDMADevice *d, uint32_t address) { return BRYLDMADeviceRead(d, d->userFile, address); }
+  static void Write(BRYLDMADevice *d, uint32_t address, uint32_t value) {
+    BRYLDMADeviceWrite(d, d->userFile, address, value);
   }
-  static void Write(BRYLDMADevice *device, uint32_t address, uint32_t value) {
-    EXPECT_TRUE(BRYLDMADeviceWrite(device, device->userFile, address, value)) << std::hex << address;
-  }
-
-  // Out of reset, clock enabled, at the MMCM's power-on frequency.
-  static void StartClock(BRYLDMADevice *device) { Write(device, kClockControl, 3); }
 
   static void LoadJob(BRYLDMADevice *device, const Job &job) {
     Write(device, kControl, kHold);
@@ -114,53 +95,42 @@ class HashCoreHost {
     Write(device, kControl, 0);
   }
 
-  // One intake: read the flags, the flagged slots from 0 up, acknowledge.
-  // Only the flags read are written back as 0; one raised since the read is
-  // written as 1 and so kept, which lets the tests account for every value.
+  // Reads the flagged slots from 0 up and acknowledges just those: a flag
+  // raised since the read is written back as 1, and so kept.
   static std::vector<uint32_t> Intake(BRYLDMADevice *device) {
     std::vector<uint32_t> values;
     uint32_t control = Read(device, kControl);
     uint32_t flags = (control >> 12) & 0xF;
-    if (flags == 0) return values;
     for (uint32_t i = 0; i < 4; i++) {
       if (flags & (1u << i)) values.push_back(Read(device, kCore + 0x7C - 4 * i));
     }
-    Write(device, kControl, (control | 0xF000u) & ~(flags << 12));
+    if (flags) Write(device, kControl, (control | 0xF000u) & ~(flags << 12));
     return values;
   }
-
-  // Intakes until `count` values came, or the patience ran out.
-  static std::vector<uint32_t> Collect(BRYLDMADevice *device, size_t count) {
+  // Intakes until at least `count` values came, or `done` holds if given.
+  static std::vector<uint32_t> Collect(BRYLDMADevice *device, size_t count, std::function<bool()> done = {}) {
     std::vector<uint32_t> values;
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (values.size() < count && std::chrono::steady_clock::now() < deadline) {
-      std::vector<uint32_t> more = Intake(device);
-      values.insert(values.end(), more.begin(), more.end());
-      if (more.empty()) std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    EXPECT_GE(values.size(), count) << "the core reported too little in time";
+    EXPECT_TRUE(WaitFor([&] {
+      for (uint32_t value : Intake(device)) values.push_back(value);
+      return done ? done() : values.size() >= count;
+    }));
     return values;
   }
 
-  // The search's own record of a core, read under the card's lock.
-  template <typename Body>
-  auto WithCore(const std::string &card, uint32_t fpga, Body body) {
-    return boards_.Find(card)->WithFpga(fpga, [&](sim::Fpga *chip) { return body(*chip->HashCore()); });
+  // The search's own record, read under the card's lock.
+  sim::HashCoreBlock::SearchStats Stats(const std::string &card) {
+    return boards_.Find(card)->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashCore()->Stats(); });
+  }
+  uint64_t Position(const std::string &card) {
+    return boards_.Find(card)->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashCore()->Position(); });
   }
 
-  uint64_t Position(const std::string &card, uint32_t fpga = 0) {
-    return WithCore(card, fpga, [](sim::HashCoreBlock &core) { return core.Position(); });
-  }
-  sim::HashCoreBlock::SearchStats Stats(const std::string &card, uint32_t fpga = 0) {
-    return WithCore(card, fpga, [](sim::HashCoreBlock &core) { return core.Stats(); });
-  }
-
-  // Waits until `ready` holds, or the patience ran out.
+  // False after a minute: only there so that a fault can't hang the suite.
   static bool WaitFor(const std::function<bool()> &ready) {
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!ready()) {
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
     return true;
   }
@@ -169,16 +139,5 @@ class HashCoreHost {
   sim::InProcessBoards boards_;
   std::vector<BRYLDMADevice *> devices_;
 };
-
-// A job with every nonce word in use, so that a word in the wrong place or
-// XORed with the wrong value shows.
-inline Job SampleJob(uint32_t seed, uint64_t target) {
-  Job job;
-  uint32_t x = seed * 2654435761u + 1;
-  for (uint32_t &word : job.header) word = x = x * 1664525u + 1013904223u;
-  job.nonce = {0x0a0b0c0d ^ seed, 0x10203040, 0x55aa00c0, 0x01000000 ^ (seed << 8)};
-  job.target = target;
-  return job;
-}
 
 }  // namespace hashcore_test
