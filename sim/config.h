@@ -27,6 +27,20 @@ struct Faults {
   std::optional<double> vrmTemperature;   // forced, degrees Celsius
   double vccintSag = 0.0;  // volts taken off VCCINT on top of the load sag
   bool mmcmStuck = false;  // the MMCM load register stays busy
+  // The hash core's reports: this share of them (0 to 1) replaced by values
+  // that no core found, or every one of them reported as all ones.
+  double invalidNonces = 0.0;
+  bool onesNonces = false;
+};
+
+// How the hash core's search runs: on a thread of its own, on the one thread
+// shared by all boards that ask for it, or not at all.
+enum class SearchEngine { Own, Shared, Off };
+
+struct SearchSpec {
+  SearchEngine engine = SearchEngine::Own;
+  double rateCapMHs = 0.0;  // hashes per second in millions, 0 for as fast as the machine goes
+  int skew = -1;            // largest skew of a report either way; -1 for the core count's default
 };
 
 struct ThermalSpec {
@@ -55,6 +69,7 @@ struct FpgaSpec {
   uint32_t inputDivider = 1;
   ThermalSpec thermal;
   Faults faults;
+  SearchSpec search;
 };
 
 struct CardSpec {
