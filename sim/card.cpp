@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "sim/blocks.h"
+#include "sim/iic.h"
 
 namespace sim {
 
@@ -249,6 +250,7 @@ std::string Card::Describe() {
              faults.vrmTemperature ? " vrm_hot" : "", faults.vccintSag > 0 ? " sag" : "",
              faults.mmcmStuck ? " mmcm_stuck" : "");
     text += line;
+    text += DescribeIic(*fpga);
   }
   return text;
 }

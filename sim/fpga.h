@@ -27,6 +27,7 @@ class RegisterBlock {
 
 class HashCoreBlock;
 class MmcmBlock;
+class IicBlock;
 
 // Seconds on some monotonic clock.
 using TimeSource = std::function<double()>;
@@ -73,6 +74,7 @@ class Fpga {
 
   HashCoreBlock *HashCore() const { return hashCore_; }
   MmcmBlock *Mmcm() const { return mmcm_; }
+  IicBlock *Iic() const { return iic_; }
 
  private:
   struct Mapping {
@@ -94,6 +96,7 @@ class Fpga {
   std::vector<Mapping> blocks_;
   HashCoreBlock *hashCore_ = nullptr;
   MmcmBlock *mmcm_ = nullptr;
+  IicBlock *iic_ = nullptr;
 };
 
 }  // namespace sim
