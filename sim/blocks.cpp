@@ -4,6 +4,8 @@
 #include <cmath>
 #include <map>
 
+#include "sim/iic.h"
+
 namespace sim {
 
 namespace {
@@ -291,6 +293,10 @@ void MapStandardBlocks(Fpga &fpga) {
   }
   fpga.Map(0x4000, 0x1000, std::make_unique<HashCoreBlock>(fpga));
   fpga.Map(0x6000, 0x1000, std::make_unique<MmcmBlock>(fpga));
+  // Every design has the I2C controller; only model 6 has parts on its bus.
+  auto iic = std::make_unique<IicBlock>(fpga);
+  if (spec.model == 6) AttachRegulatorDevices(*iic, fpga);
+  fpga.Map(0x9000, 0x1000, std::move(iic));
   if (!layout1 && !spec.wide) {
     fpga.Map(0x7000, 0x1000, std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{{0x000, spec.dna[2]}}));
   }

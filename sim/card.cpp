@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "sim/blocks.h"
+#include "sim/iic.h"
 
 namespace sim {
 
@@ -264,6 +265,7 @@ std::string Card::Describe() {
                core->Flags() >> 12, faults.invalidNonces, faults.onesNonces);
       text += line;
     }
+    text += DescribeIic(*fpga);
   }
   return text;
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "sim/iic.h"
 #include "sim/models.h"
 
 namespace sim {
@@ -155,6 +156,7 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     fpga.search.skew = static_cast<int>(skew);
     return true;
   }
+  if (key.rfind("i2c_", 0) == 0) return ApplyI2cSetting(fpga, key, value, error);
   if (key == "faults") {
     if (value != "none") return BadValue(error, key, value);
     faults = Faults{};

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -19,6 +20,14 @@ namespace sim {
 
 constexpr uint32_t kMaxFpgas = 4;  // the primary and sub-devices 1 to 3
 
+// Faults on a board's I2C bus (the controller at 0x9000).
+struct I2cFaults {
+  bool busStuck = false;                   // another party holds the bus busy for good
+  std::vector<uint32_t> noAcknowledge;     // 7-bit addresses that don't acknowledge
+  uint32_t loseArbitration = 0;            // starts still to lose during their address
+  std::map<uint32_t, double> temperature;  // forced sensor readings by 7-bit address
+};
+
 struct Faults {
   bool readFail = false;   // reads transfer 0 bytes
   bool readError = false;  // reads fail with EIO
@@ -27,6 +36,7 @@ struct Faults {
   std::optional<double> vrmTemperature;   // forced, degrees Celsius
   double vccintSag = 0.0;  // volts taken off VCCINT on top of the load sag
   bool mmcmStuck = false;  // the MMCM load register stays busy
+  I2cFaults i2c;
   // The hash core's reports: this share of them (0 to 1) replaced by values
   // that no core found, or every one of them reported as all ones.
   double invalidNonces = 0.0;
@@ -68,6 +78,7 @@ struct FpgaSpec {
   uint32_t multiplier = 0;  // MMCM feedback multiplier at power-on
   uint32_t inputDivider = 1;
   ThermalSpec thermal;
+  uint32_t i2cByteTicks = 16;  // controller accesses per I2C byte; 0: no time at all
   Faults faults;
   SearchSpec search;
 };

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "sim/blocks.h"
+#include "sim/iic.h"
 
 namespace sim {
 
@@ -22,6 +23,7 @@ Fpga::Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource t
   for (const Mapping &mapping : blocks_) {
     if (auto *core = dynamic_cast<HashCoreBlock *>(mapping.block.get()); core && !hashCore_) hashCore_ = core;
     if (auto *mmcm = dynamic_cast<MmcmBlock *>(mapping.block.get()); mmcm && !mmcm_) mmcm_ = mmcm;
+    if (auto *iic = dynamic_cast<IicBlock *>(mapping.block.get()); iic && !iic_) iic_ = iic;
   }
 }
 

@@ -27,6 +27,7 @@ class RegisterBlock {
 
 class HashCoreBlock;
 class MmcmBlock;
+class IicBlock;
 
 // Seconds on some monotonic clock.
 using TimeSource = std::function<double()>;
@@ -75,6 +76,7 @@ class Fpga {
 
   HashCoreBlock *HashCore() const { return hashCore_; }
   MmcmBlock *Mmcm() const { return mmcm_; }
+  IicBlock *Iic() const { return iic_; }
 
  private:
   struct Mapping {
@@ -96,6 +98,7 @@ class Fpga {
   std::vector<Mapping> blocks_;
   HashCoreBlock *hashCore_ = nullptr;
   MmcmBlock *mmcm_ = nullptr;
+  IicBlock *iic_ = nullptr;
 };
 
 }  // namespace sim

@@ -1,0 +1,154 @@
+// The production I2C driver against the simulated controller: what goes on
+// the wire for each kind of transfer, at several bus speeds, and how the
+// driver comes out of a missing acknowledge, a lost arbitration and a bus
+// that stays busy.
+#include <stdexcept>
+
+#include "i2c_fixture.h"
+
+namespace i2c_test {
+namespace {
+
+// The two bytes that a sensor at 25.25 C sends: 404 sixteenths.
+constexpr const char *kRead2525 = "r01+ r94-";
+
+TEST(I2CTransfer, EachKindOfTransferPutsTheRightSequenceOnTheWire) {
+  // 4 accesses per byte is the fastest bus relative to the host on which
+  // the driver's write order still holds.
+  for (int ticks : {4, 16, 64}) {
+    SCOPED_TRACE("byte ticks " + std::to_string(ticks));
+    I2cBoard board("model=6 i2c_temp_1f=25.25 i2c_temp_18=-1 i2c_byte_ticks=" + std::to_string(ticks));
+    I2CController &i2c = board.Controller();
+    uint8_t bytes[2] = {};
+
+    EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+    EXPECT_EQ(board.Transcript(), "S @58+ w01+ wFF+ P");
+
+    // Pointer write, stop, then a two-byte read whose last byte alone goes
+    // unacknowledged.
+    EXPECT_EQ(ReadBoardTemperature(i2c, 0x1F), 25.25);
+    EXPECT_EQ(board.Transcript(), std::string("S @3E+ w05+ P S @3F+ ") + kRead2525 + " P");
+
+    // Pointer write joined to the read by a repeated start.
+    EXPECT_EQ(i2c.Send(0x1F, {0x05}, kI2CEndWithRepeatedStart), 1u);
+    EXPECT_EQ(i2c.Receive(0x1F, bytes, 2, kI2CEndWithStop), 2u);
+    EXPECT_EQ(bytes[1], 0x94);
+    EXPECT_EQ(board.Transcript(), std::string("S @3E+ w05+ Sr @3F+ ") + kRead2525 + " P");
+
+    // The same with a single byte: its acknowledge is set up on the
+    // repeated-start path before the address goes out. The sensor at 0x18
+    // reads -1 C: 0x1FF0 with its below-lower flag.
+    EXPECT_EQ(i2c.Send(0x18, {0x05}, kI2CEndWithRepeatedStart), 1u);
+    EXPECT_EQ(i2c.Receive(0x18, bytes, 1, kI2CEndWithStop), 1u);
+    EXPECT_EQ(board.Transcript(), "S @30+ w05+ Sr @31+ r3F- P");
+
+    EXPECT_EQ(board.ProtocolErrors(), std::vector<std::string>{});
+    EXPECT_FALSE(board.BusBusy());
+  }
+}
+
+TEST(I2CTransfer, ReadsSetTheirAcknowledgeBeforeTheBusNeedsIt) {
+  // On a bus with no time per byte, an acknowledge setting made even one
+  // access late would already have been passed. (Sends need a slower bus:
+  // their last byte is written just after master is dropped.)
+  I2cBoard board("model=6 i2c_temp_1f=25.25");
+  I2CController &i2c = board.Controller();
+  i2c.Send(0x1F, {0x05}, kI2CEndWithStop);
+  board.Transcript();
+  board.Set("i2c_byte_ticks=0");
+  uint8_t bytes[2] = {};
+  EXPECT_EQ(i2c.Receive(0x1F, bytes, 1, kI2CEndWithStop), 1u);
+  EXPECT_EQ(i2c.Receive(0x1F, bytes, 2, kI2CEndWithStop), 2u);
+  EXPECT_EQ(bytes[1], 0x94);
+  EXPECT_EQ(board.Transcript(), std::string("S @3F+ r01- P S @3F+ ") + kRead2525 + " P");
+  EXPECT_EQ(board.ProtocolErrors(), std::vector<std::string>{});
+}
+
+TEST(I2CAcknowledge, AnUnansweredAddressEndsTheTransferAndLeavesNothingBehind) {
+  I2cBoard board("model=6 i2c_nak=0x2C,0x19 i2c_temp_1f=40");
+  I2CController &i2c = board.Controller();
+
+  EXPECT_LT(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+  EXPECT_EQ(board.Transcript(), "S @58- P");
+  EXPECT_TRUE(board.Recorded().empty());
+  EXPECT_FALSE(board.BusBusy());
+
+  // A sensor that doesn't answer decodes the untouched zero buffer.
+  EXPECT_EQ(ReadBoardTemperature(i2c, 0x19), 0.0);
+  EXPECT_EQ(board.Transcript(), "S @32- P S @33- P");
+
+  // Nobody at all at 0x50: a two-byte read stops at the missing acknowledge.
+  uint8_t bytes[2] = {0xAA, 0xAA};
+  EXPECT_EQ(i2c.Receive(0x50, bytes, 2, kI2CEndWithStop), 0u);
+  EXPECT_EQ(bytes[0], 0xAA);
+
+  // No byte of the failed transfers is left in a FIFO to spoil the next.
+  board.Transcript();
+  board.Set("i2c_nak=none");
+  EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+  EXPECT_EQ(ReadBoardTemperature(i2c, 0x1F), 40.0);
+  EXPECT_EQ(board.Transcript(), "S @58+ w01+ wFF+ P S @3E+ w05+ P S @3F+ r02+ r80- P");
+  ASSERT_EQ(board.Recorded().size(), 1u);
+  EXPECT_EQ(board.Recorded()[0].bytes, (std::vector<uint8_t>{0x01, 0xFF}));
+  EXPECT_EQ(board.ProtocolErrors(), std::vector<std::string>{});
+}
+
+TEST(I2CAcknowledge, LostArbitrationEndsTheTransferEarlyAndTheNextOneWorks) {
+  I2cBoard board("model=6 i2c_arb_lost=1");
+  EXPECT_LT(board.Controller().Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+  EXPECT_EQ(board.Transcript(), "S L");
+  EXPECT_FALSE(board.BusBusy());
+  EXPECT_EQ(board.Controller().Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+  EXPECT_EQ(board.Transcript(), "S @58+ w01+ wFF+ P");
+}
+
+TEST(I2CBusBusy, AWaitThatOutlastsASecondThrowsWithItsMessage) {
+  I2cBoard board("model=6 i2c_busy=on");
+  I2CController &i2c = board.Controller();
+  auto expectTimeout = [](auto transfer) {
+    try {
+      transfer();
+      ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error &error) {
+      EXPECT_STREQ(error.what(), "Waiting for I2C bus to get free timed out");
+    }
+  };
+  expectTimeout([&] { i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop); });
+  EXPECT_EQ(board.Transcript(), "");
+  // A receive starts without waiting, loses the bus to whoever holds it, and
+  // times out in its closing wait.
+  uint8_t bytes[2];
+  expectTimeout([&] { i2c.Receive(0x1F, bytes, 2, kI2CEndWithStop); });
+  EXPECT_EQ(board.Transcript(), "L");
+  EXPECT_TRUE(board.Recorded().empty());
+
+  board.Set("i2c_busy=off");
+  EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
+}
+
+TEST(I2CDecode, SensorBytesToDegrees) {
+  EXPECT_EQ(DecodeBoardTemperature(0x01, 0x94), 25.25);
+  // Alert flags in the top three bits are not part of the value.
+  EXPECT_EQ(DecodeBoardTemperature(0xC1, 0x94), 25.25);
+  EXPECT_EQ(DecodeBoardTemperature(0x0F, 0xFF), 255.9375);
+  // Sign set: 256 less the value, so -1 C reads as 1.
+  EXPECT_EQ(DecodeBoardTemperature(0x1F, 0xF0), 1.0);
+  EXPECT_EQ(DecodeBoardTemperature(0xFF, 0xF0), 1.0);
+  EXPECT_EQ(DecodeBoardTemperature(0x10, 0x00), 256.0);
+}
+
+TEST(I2CDecode, AgreesWithTheSensorsOwnFormatAcrossItsRange) {
+  // Every sixteenth from 0 to 150 C, flags included, decodes to itself; a
+  // reading below zero decodes to its magnitude.
+  for (int sixteenths = 0; sixteenths <= 150 * 16; sixteenths++) {
+    double celsius = sixteenths / 16.0;
+    uint16_t word = sim::TemperatureSensor::Encode(celsius);
+    ASSERT_EQ(DecodeBoardTemperature(word >> 8, word & 0xFF), celsius) << celsius;
+    if (sixteenths == 0) continue;
+    word = sim::TemperatureSensor::Encode(-celsius);
+    ASSERT_EQ(DecodeBoardTemperature(word >> 8, word & 0xFF), celsius) << -celsius;
+  }
+}
+
+}  // namespace
+}  // namespace i2c_test
