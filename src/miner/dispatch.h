@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "board/i2c.h"
 #include "board/registers.h"
 #include "miner/run_records.h"
 #include "stratum/job.h"
@@ -31,6 +32,7 @@ struct WorkerLoop {
   uint64_t crashCount = 0;
   uint64_t throttleMHz = 0;
   uint64_t cores = 1;
+  I2CController *i2c = nullptr;  // the board's I2C bus, alive as long as the thread
 };
 
 // The time one core takes through 2^32 nonces at `hashRateMHs`, trimmed so

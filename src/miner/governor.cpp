@@ -5,6 +5,7 @@
 
 #include "foundation/logger.h"
 #include "foundation/vltime.h"
+#include "miner/board_i2c.h"
 #include "miner/console_io.h"
 
 namespace {
@@ -58,10 +59,10 @@ uint64_t CoreCount(BoardModel model) {
 }
 
 void BringUpClock(std::vector<JobSlot> &slots, BRYLDMADevice *device, Worker &worker, const char *logTag,
-                  uint64_t refClockHz, uint8_t mmcmMultiplier) {
+                  uint64_t refClockHz, uint8_t mmcmMultiplier, I2CController &i2c) {
   HoldCores(device, slots);
   SleepMs(500);
-  // The model 6 regulator's I2C set-up joins here with the I2C bus.
+  BoardI2CBringUp(i2c, worker.model);
 
   VL_LOG(VLLogLevelInfo, logTag, "Getting MMCM out of reset");
   SetMmcmClockEnable(device, false, worker.layoutVersion);
@@ -100,8 +101,8 @@ double VrmTemperatureFromAux6(uint32_t raw) {
   return ((x + 897.25) * 1.90575 / 4096.0) * 400.0 - 272.15;
 }
 
-void SensorPass(BRYLDMADevice *device, Worker &worker, const char *logTag, uint64_t refClockHz,
-                uint64_t &throttleMHz) {
+void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
+                uint64_t refClockHz, uint64_t &throttleMHz) {
   bool narrow = IsNarrowFamily(worker.model);
   worker.coreTemperature = GetCoreTemperature(device, narrow);
   worker.vccint = GetVccInt(device, narrow);
@@ -109,7 +110,7 @@ void SensorPass(BRYLDMADevice *device, Worker &worker, const char *logTag, uint6
     worker.vrmTemperature = VrmTemperatureFromAux6(BRYLDMADeviceRead(device, device->userFile, kRegXadcAux6));
   }
   uint64_t measuredClockHz = GetMmcmClockHz(device, refClockHz, kMmcmBase);
-  // The model 6 regulator readings over I2C join here with the I2C bus.
+  BoardI2CTelemetry(i2c, worker);
   worker.heartbeat.store(VLTimeSeconds());
 
   SensorReadings readings{worker.coreTemperature, worker.vrmTemperature, worker.vccint};

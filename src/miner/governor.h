@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "board/i2c.h"
 #include "board/registers.h"
 #include "miner/run_records.h"
 
@@ -22,8 +23,9 @@ uint64_t CoreCount(BoardModel model);
 
 // Holds the cores, takes the MMCM out of reset and starts the clock at
 // kStartClockHz.
+// `i2c` is the board's I2C bus, for the parts that model 6 has there.
 void BringUpClock(std::vector<JobSlot> &slots, BRYLDMADevice *device, Worker &worker, const char *logTag,
-                  uint64_t refClockHz, uint8_t mmcmMultiplier);
+                  uint64_t refClockHz, uint8_t mmcmMultiplier, I2CController &i2c);
 
 struct SensorReadings {
   double coreTemperature;
@@ -47,8 +49,8 @@ double VrmTemperatureFromAux6(uint32_t raw);
 
 // Reads the sensors into the worker, stores the heartbeat and applies the
 // thermal rule to `throttleMHz`, logging while the board cooks.
-void SensorPass(BRYLDMADevice *device, Worker &worker, const char *logTag, uint64_t refClockHz,
-                uint64_t &throttleMHz);
+void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
+                uint64_t refClockHz, uint64_t &throttleMHz);
 
 // The clock that may be reached in this pass.
 uint64_t DesiredClockHz(Worker &worker, uint64_t step, uint64_t throttleMHz, uint64_t loopCount);

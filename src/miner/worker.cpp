@@ -70,7 +70,9 @@ bool RunPass(WorkerLoop &loop, MiningContext &context, Worker &worker) {
   BRYLDMADevice *device = worker.device.get();
   uint64_t step = ClockStep(worker);
 
-  if (loop.loopCount % kSensorPassEvery == 0) SensorPass(device, worker, loop.logTag, loop.refClockHz, loop.throttleMHz);
+  if (loop.loopCount % kSensorPassEvery == 0) {
+    SensorPass(device, *loop.i2c, worker, loop.logTag, loop.refClockHz, loop.throttleMHz);
+  }
 
   uint64_t desiredClockHz = DesiredClockHz(worker, step, loop.throttleMHz, loop.loopCount);
   if (!worker.enabled && worker.currentClockHz == 0) {
@@ -138,11 +140,13 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
   if (IsWideFamily(worker.model)) EnableRegulatorChannel(device);
 
   worker.active = true;
+  I2CController i2c(device, kRegI2CBase);
+  loop.i2c = &i2c;
   loop.slots.resize(1);
   loop.slots[0].base = JobSlotBase(0);
   loop.refClockHz = RefClockHz(worker);
   loop.mmcmMultiplier = MmcmMultiplier(worker);
-  BringUpClock(loop.slots, device, worker, loop.logTag, loop.refClockHz, loop.mmcmMultiplier);
+  BringUpClock(loop.slots, device, worker, loop.logTag, loop.refClockHz, loop.mmcmMultiplier, i2c);
 
   SetState(worker, WorkerStateFinalPreparation);
   loop.cores = CoreCount(worker.model);

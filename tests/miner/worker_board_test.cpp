@@ -161,3 +161,46 @@ TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
 }
 
 }  // namespace
+
+namespace {
+
+// Model 6 keeps its regulator sensors on the I2C bus: the worker shows what
+// 0x1F reads and throttles when it runs hot.
+TEST(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {
+  sim::InProcessBoards boards{"/ombry-worker-i2c-test"};
+  boards.Install();
+  std::string error;
+  ASSERT_TRUE(boards.AddList("xdma0 model=6 i2c_temp_1f=110\n", &error)) << error;
+
+  MiningContext context;
+  auto owned = std::make_unique<Worker>();
+  owned->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
+  ASSERT_NE(owned->device, nullptr);
+  owned->model = 6;
+  owned->layoutVersion = 1;
+  owned->enabled = true;
+  owned->targetClockHz = 100000000;
+  context.workers.push_back(std::move(owned));
+  Worker &worker = *context.workers[0];
+
+  auto job = std::make_shared<StratumJob>();
+  job->jobId = "job";
+  DifficultyToTarget(1.0, job->target);
+  context.SetCurrentJob(job);
+  StartWorkerThread(context, 0);
+
+  EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature >= 109.0; }));
+  // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
+  EXPECT_TRUE(WaitUntil([&] { return worker.currentClockHz < 100000000; }, 60000ms));
+
+  // The sensor cools; the reading shown never falls while the worker runs.
+  ASSERT_TRUE(boards.RunCommand("xdma0 i2c_temp_1f=40", &error)) << error;
+  std::this_thread::sleep_for(300ms);
+  EXPECT_GE(worker.vrmTemperature, 109.0);
+
+  worker.enabled = false;
+  EXPECT_TRUE(WaitUntil([&] { return !worker.active; }, 60000ms));
+  boards.Uninstall();
+}
+
+}  // namespace
