@@ -327,7 +327,6 @@ bool CloseInternal(TRPSocketSet *set, uint32_t reason, bool notify) {
       pipe[end] = kVLInvalidSocket;
     }
   }
-  WaitForSenders(set);
 
   uint32_t finalReason;
   {

@@ -1,20 +1,20 @@
-// Small loop-back TCP peers for the network tests, written with plain POSIX
-// calls so that they share nothing with the code under test.
+// Loop-back TCP peers for the network tests, in plain POSIX calls so that they
+// share nothing with the code under test, and a log line collector.
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "foundation/logger.h"
 
 namespace net_test {
 
@@ -26,39 +26,26 @@ class Peer {
   Peer(Peer &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
   ~Peer() { Close(); }
   bool Valid() const { return fd_ >= 0; }
-  int Fd() const { return fd_; }
-
-  void Write(const std::string &text) {
-    size_t done = 0;
-    while (done < text.size()) {
-      ssize_t n = send(fd_, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-      if (n <= 0) return;
-      done += static_cast<size_t>(n);
-    }
-  }
-  // Reads until `want` bytes have arrived in total, the stream ends, or `limit` passes.
+  void Write(const std::string &text) { send(fd_, text.data(), text.size(), MSG_NOSIGNAL); }
+  // All bytes received so far, once `want` of them have arrived, the stream
+  // has ended or `limit` has passed.
   std::string Read(size_t want, std::chrono::milliseconds limit = 10s) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     std::vector<char> buffer(1 << 20);
-    while (received_.size() < want && std::chrono::steady_clock::now() < deadline) {
+    while (!ended_ && received_.size() < want && std::chrono::steady_clock::now() < deadline) {
       pollfd entry{fd_, POLLIN, 0};
       if (poll(&entry, 1, 50) <= 0) continue;
       ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
-      if (n <= 0) {
-        ended_ = true;
-        break;
-      }
-      received_.append(buffer.data(), static_cast<size_t>(n));
+      ended_ = n <= 0;
+      if (n > 0) received_.append(buffer.data(), static_cast<size_t>(n));
     }
     return received_;
   }
-  // True once the other side has closed (a read gives 0 or an error).
-  bool WaitForEnd(std::chrono::milliseconds limit = 10s) {
-    Read(SIZE_MAX, limit);
+  bool WaitForEnd() {
+    Read(SIZE_MAX);
     return ended_;
   }
-  // An abortive close: the other side sees a reset.
-  void Reset() {
+  void Reset() {  // an abortive close: the other side sees a reset
     linger option{1, 0};
     setsockopt(fd_, SOL_SOCKET, SO_LINGER, &option, sizeof option);
     Close();
@@ -74,13 +61,18 @@ class Peer {
   bool ended_ = false;
 };
 
+inline sockaddr_in Loopback(uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
 class Listener {
  public:
-  explicit Listener(int backlog = 8) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  explicit Listener(int backlog = 8) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
     bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address);
     listen(fd_, backlog);
@@ -89,24 +81,20 @@ class Listener {
   }
   ~Listener() { close(fd_); }
   uint16_t Port() const { return port_; }
-  Peer Accept(std::chrono::milliseconds limit = 10s) {
+  Peer Accept() {
     pollfd entry{fd_, POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(limit.count())) <= 0) return Peer();
-    return Peer(accept(fd_, nullptr, nullptr));
+    return Peer(poll(&entry, 1, 10000) > 0 ? accept(fd_, nullptr, nullptr) : -1);
   }
 
  private:
-  int fd_ = -1;
+  int fd_;
   uint16_t port_ = 0;
 };
 
 // A loop-back port with nothing listening on it.
-inline uint16_t ClosedPort() {
-  Listener listener;
-  return listener.Port();
-}
+inline uint16_t ClosedPort() { return Listener().Port(); }
 
-// Waits on a predicate over state that callbacks on other threads change.
+// State that callbacks on other threads change, and waits for it.
 class Events {
  public:
   template <typename Change>
@@ -115,9 +103,9 @@ class Events {
     change();
     changed_.notify_all();
   }
-  bool WaitFor(const std::function<bool()> &done, std::chrono::milliseconds limit = 10s) {
+  bool WaitFor(const std::function<bool()> &done) {
     std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, limit, done);
+    return changed_.wait_for(guard, 10s, done);
   }
   template <typename Read>
   auto Get(Read read) {
@@ -130,18 +118,30 @@ class Events {
   std::condition_variable changed_;
 };
 
-// Collects log lines so that tests can look for the system's messages.
+// Collects every log line, as "TAG: message".
 class LogLines {
  public:
-  LogLines();
-  ~LogLines();
-  bool Contains(const std::string &text);
-  std::vector<std::string> Lines();
+  LogLines() {
+    VLLogSetCallback(Record, this);
+    VLLogSetLevel(VLLogLevelTrace);
+  }
+  ~LogLines() { VLLogSetCallback(nullptr, nullptr); }
+  bool Contains(const std::string &text) {
+    return lines_.Get([&] {
+      for (const std::string &line : all_) {
+        if (line.find(text) != std::string::npos) return true;
+      }
+      return false;
+    });
+  }
 
  private:
-  static void Record(uint32_t level, const char *tag, const char *message, void *context);
-  std::mutex lock_;
-  std::vector<std::string> lines_;
+  static void Record(uint32_t, const char *tag, const char *message, void *context) {
+    auto *self = static_cast<LogLines *>(context);
+    self->lines_.Update([&] { self->all_.push_back(std::string(tag) + ": " + message); });
+  }
+  Events lines_;
+  std::vector<std::string> all_;
 };
 
 }  // namespace net_test
