@@ -22,7 +22,6 @@ constexpr const char *kThreadPrefix[kTRPThreadCount] = {"CN ", "LN ", "RX ", "TX
 constexpr const char *kThreadDefaultName[kTRPThreadCount] = {"Connect Socket", "Listen Socket", "Receive Socket",
                                                              "Send Socket"};
 constexpr uint32_t kMaxResolvedAddresses = 16;
-constexpr int kReceiveBufferWanted = 262144;
 // How often a pending connect looks whether the set is closing.
 constexpr int kConnectPollMillis = 100;
 
@@ -104,10 +103,6 @@ void Wake(VLSocket writer, char byte) {
   if (writer != kVLInvalidSocket) (void)send(writer, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-bool IsStream(uint32_t type) { return type <= kSocketTypeConnect; }
-bool IsBuiltType(uint32_t type) {
-  return type == kSocketTypeConnect || type == kSocketTypeDatagram || type == kSocketTypeDatagramConnected;
-}
 
 TRPSocket *FindDescriptor(TRPSocketSet *set, int fd) {
   int32_t highest = set->highestSlot;
@@ -194,47 +189,6 @@ void RetireSlot(TRPSocketSet *set, TRPSocket *slot) {
     set->retiredFds.push_back(fd);
   }
   slot->inUse.store(0, std::memory_order_release);
-}
-
-uint32_t CountInUse(TRPSocketSet *set) {
-  uint32_t count = 0;
-  int32_t highest = set->highestSlot;
-  for (int32_t i = 0; i <= highest; i++) {
-    if (set->slots[i].inUse.load(std::memory_order_acquire)) count++;
-  }
-  return count;
-}
-
-// Decides whether a failed socket takes the whole set down.
-bool HandleSocketError(TRPSocketSet *set, TRPSocket *slot, int fd, uint32_t reason) {
-  uint32_t tag = slot->tag;
-  if (!slot->optional) {
-    VL_LOG(VLLogLevelDebug, kTag, "Non optional sock tag: %i disconnect. on %i", static_cast<int>(tag), fd);
-    return true;
-  }
-  bool failedBefore;
-  {
-    std::lock_guard<std::mutex> guard(slot->lock);
-    failedBefore = slot->failed;
-    slot->failed = 1;
-  }
-  {
-    std::lock_guard<std::mutex> guard(set->setLock);
-    if (set->running && TRPSocketSetFindTag(set, tag) == slot) {
-      RetireSlot(set, slot);
-      VL_LOG(VLLogLevelError, kTag, "RECV failed. Removing socket with tag: %i", static_cast<int>(tag));
-    } else {
-      VL_LOG(VLLogLevelError, kTag, " RECV failed without removing socket: %i", static_cast<int>(tag));
-    }
-    uint32_t remaining = CountInUse(set);
-    VL_LOG(VLLogLevelError, kTag, "Socket Err Recv.. %i remaining fd's of %i", static_cast<int>(remaining),
-           static_cast<int>(set->highestSlot));
-    if (remaining == 0) return true;
-  }
-  TRPSocketSetSocketLostCallback lost = set->socketLost;
-  if (failedBefore || !lost) return false;
-  lost(set, tag, reason, set->userData);
-  return false;
 }
 
 void WaitForSenders(TRPSocketSet *set) {
@@ -351,24 +305,21 @@ bool HonourDeferredClose(TRPSocketSet *set, const char *where) {
   return true;
 }
 
-// A socket failed on a service thread. True when the thread must end.
-bool SocketFailed(TRPSocketSet *set, TRPSocket *slot, int fd, uint32_t reason, const char *where) {
-  bool fatal = HandleSocketError(set, slot, fd, reason);
-  if (HonourDeferredClose(set, where)) return true;
-  if (fatal) {
-    CloseInternal(set, reason, true);
-    return true;
-  }
-  return false;
+// A socket failed on a service thread: every socket of the set is needed, so
+// the set ends, with one disconnected callback. The thread must end after.
+void SocketFailed(TRPSocketSet *set, TRPSocket *slot, int fd, uint32_t reason, const char *where) {
+  VL_LOG(VLLogLevelDebug, kTag, "Non optional sock tag: %i disconnect. on %i", static_cast<int>(slot->tag), fd);
+  if (HonourDeferredClose(set, where)) return;
+  CloseInternal(set, reason, true);
 }
 
 TRPSocket *FindPendingConnect(TRPSocketSet *set) {
   int32_t highest = set->highestSlot;
   for (int32_t i = 0; i <= highest; i++) {
     TRPSocket *slot = &set->slots[i];
-    if (!slot->inUse.load(std::memory_order_acquire) || slot->type != kSocketTypeConnect || slot->connected) continue;
-    std::lock_guard<std::mutex> guard(slot->lock);
-    if (!slot->failed) return slot;
+    if (slot->inUse.load(std::memory_order_acquire) && slot->type == kSocketTypeConnect && !slot->connected) {
+      return slot;
+    }
   }
   return nullptr;
 }
@@ -419,7 +370,8 @@ bool ConnectOne(TRPSocketSet *set, TRPSocket *slot) {
   }
 
   VL_LOG(VLLogLevelError, kTag, "Connect Error @ %i: %i", static_cast<int>(tag), error);
-  return !SocketFailed(set, slot, fd, kSocketSetConnectFailed, "connect thread");
+  SocketFailed(set, slot, fd, kSocketSetConnectFailed, "connect thread");
+  return false;
 }
 
 void ConnectThreadMain(TRPSocketSet *set) {
@@ -445,9 +397,7 @@ bool ReceiveFrom(TRPSocketSet *set, int fd, uint8_t *buffer) {
   TRPSocket *slot = FindDescriptor(set, fd);
   // A socket being removed is skipped; the tear-down is seen after select.
   if (!slot || !slot->connected) return true;
-  socklen_t fromLength = sizeof slot->fromAddress;
-  ssize_t received = recvfrom(fd, buffer, kTRPSocketSetTransferMax, 0, reinterpret_cast<sockaddr *>(&slot->fromAddress),
-                              &fromLength);
+  ssize_t received = recv(fd, buffer, kTRPSocketSetTransferMax, 0);
   if (received > 0) {
     TRPSocketSetRawDataCallback rawData = set->rawData;
     if (rawData) rawData(set, slot->tag, buffer, static_cast<uint32_t>(received), set->userData);
@@ -459,7 +409,8 @@ bool ReceiveFrom(TRPSocketSet *set, int fd, uint8_t *buffer) {
   uint32_t reason = kSocketSetReadFailed;
   if (received < 0 && error == ETIMEDOUT) reason = kSocketSetReadTimedOut;
   if (received == 0) reason = kSocketSetPeerClosed;
-  return !SocketFailed(set, slot, fd, reason, "receive thread");
+  SocketFailed(set, slot, fd, reason, "receive thread");
+  return false;
 }
 
 void ReceiveThreadMain(TRPSocketSet *set) {
@@ -522,7 +473,8 @@ bool SendFrom(TRPSocketSet *set, int fd, uint8_t *chunk) {
       sent = 0;
     } else {
       if (!set->running) return false;
-      return !SocketFailed(set, slot, fd, kSocketSetSendFailed, "send thread");
+      SocketFailed(set, slot, fd, kSocketSetSendFailed, "send thread");
+      return false;
     }
   }
 
@@ -565,8 +517,7 @@ void SendThreadMain(TRPSocketSet *set) {
       int error = errno;
       if (error == EINTR) continue;
       VL_LOG(VLLogLevelError, kTag, "send select error?! %i, %i\\", ready, error);
-      TRPSocket *slot = FindDescriptor(set, list.highest);
-      if (!slot || slot->optional) {
+      if (!FindDescriptor(set, list.highest)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         continue;
       }
@@ -586,45 +537,6 @@ void SendThreadMain(TRPSocketSet *set) {
 
 void SetOption(int fd, int level, int name, int value, const char *failure) {
   if (setsockopt(fd, level, name, &value, sizeof value) != 0) VL_LOG(VLLogLevelError, kTag, "%s", failure);
-}
-
-// The bind, port and buffer steps of a datagram receiver. False when the
-// socket can't be used.
-bool BindDatagram(int fd, sockaddr_in *local, uint16_t *localPort, uint32_t options) {
-  if (bind(fd, reinterpret_cast<sockaddr *>(local), sizeof *local) != 0) {
-    int error = errno;
-    VL_LOG(VLLogLevelError, kTag, "Error binding socket: %s (%i) port: %i", strerror(error), error, *localPort);
-    return false;
-  }
-  if (*localPort == 0) {
-    socklen_t length = sizeof *local;
-    if (getsockname(fd, reinterpret_cast<sockaddr *>(local), &length) != 0) {
-      int error = errno;
-      VL_LOG(VLLogLevelError, kTag, "Error getting name socket: %s (%i)", strerror(error), error);
-      return false;
-    }
-    *localPort = ntohs(local->sin_port);
-    VL_LOG(VLLogLevelVerbose, kTag, "Bound to open port %i", *localPort);
-  }
-  if (options & kSocketOptionLargeReceiveBuffer) {
-    int size = 0;
-    socklen_t length = sizeof size;
-    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) {
-      VL_LOG(VLLogLevelError, kTag, "Error getting SO_RCVBUF: %s", strerror(errno));
-    } else {
-      VL_LOG(VLLogLevelInfo, kTag, "Initial SO_RCVBUF was %i", size);
-      if (size >= kReceiveBufferWanted) {
-        VL_LOG(VLLogLevelInfo, kTag, "We are happy with that SO_RCVBUF, no changes made");
-      } else if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBufferWanted, sizeof kReceiveBufferWanted) != 0) {
-        VL_LOG(VLLogLevelError, kTag, "Error setting SO_RCVBUF: %s", strerror(errno));
-      } else {
-        length = sizeof size;
-        getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length);
-        VL_LOG(VLLogLevelInfo, kTag, "New SO_RCVBUF was %i (Attempted %i)", size, kReceiveBufferWanted);
-      }
-    }
-  }
-  return true;
 }
 
 void ApplyKeepAlive(int fd, bool enable, uint32_t idle, uint32_t count, uint32_t interval) {
@@ -696,10 +608,6 @@ void TRPSocketSetSetCallbacks(TRPSocketSet *set, TRPSocketSetDisconnectedCallbac
   set->dataSent = dataSent;
 }
 
-void TRPSocketSetSetSocketLostCallback(TRPSocketSet *set, TRPSocketSetSocketLostCallback socketLost) {
-  set->socketLost = socketLost;
-}
-
 void TRPSocketSetSetTimeout(TRPSocketSet *set, uint32_t timeout) { set->timeout = timeout; }
 uint32_t TRPSocketSetGetTimeout(TRPSocketSet *set) { return set->timeout; }
 
@@ -712,15 +620,16 @@ void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uin
   int32_t highest = set->highestSlot;
   for (int32_t i = 0; i <= highest; i++) {
     TRPSocket *slot = &set->slots[i];
-    if (!slot->inUse.load(std::memory_order_acquire) || !IsStream(slot->type) || slot->fd < 0) continue;
+    if (!slot->inUse.load(std::memory_order_acquire) || slot->fd < 0) continue;
     ApplyKeepAlive(slot->fd, enable, idle, count, interval);
   }
 }
 
 bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
                            uint32_t type, uint32_t tag, bool parseMessages, uint32_t options) {
+  (void)options;  // no option applies to the socket type built here
   if (!set || !set->running) return false;
-  if (!IsBuiltType(type)) {
+  if (type != kSocketTypeConnect) {
     VL_LOG(VLLogLevelError, kTag, "Socket type %u is not available", type);
     return false;
   }
@@ -728,35 +637,21 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
     VL_LOG(VLLogLevelError, kTag, "Message parsing is not available (tag %u)", tag);
     return false;
   }
-  if (CountInUse(set) >= kTRPSocketSetSlots) return false;
 
   std::string address = host ? ResolveHost(host) : std::string();
   sockaddr_in remote{};
   remote.sin_family = AF_INET;
   remote.sin_port = htons(remotePort);
   remote.sin_addr.s_addr = host ? inet_addr(address.c_str()) : htonl(INADDR_ANY);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_port = htons(localPort);
-  local.sin_addr.s_addr = htonl(INADDR_ANY);
 
-  bool stream = IsStream(type);
-  int fd = socket(AF_INET, (stream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     int error = errno;
     VL_LOG(VLLogLevelError, kTag, "Error creating socket: %s (%i)", strerror(error), error);
     return false;
   }
   SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1, "Failed to set SO_REUSEADDR on socket");
-  if (stream) SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1, "Failed to set TCP_NODELAY on socket");
-
-  if (type == kSocketTypeDatagram && !BindDatagram(fd, &local, &localPort, options)) {
-    close(fd);
-    return false;
-  }
-  // A connected datagram socket only fixes its peer; the result doesn't matter
-  // because every send names the peer again.
-  if (type == kSocketTypeDatagramConnected) (void)connect(fd, reinterpret_cast<sockaddr *>(&remote), sizeof remote);
+  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1, "Failed to set TCP_NODELAY on socket");
 
   {
     std::lock_guard<std::mutex> guard(set->setLock);
@@ -774,76 +669,41 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
     }
     slot->fd = fd;
     slot->tag = tag;
-    slot->optional = (options & kSocketOptionOptional) ? 1 : 0;
-    {
-      std::lock_guard<std::mutex> slotGuard(slot->lock);
-      slot->failed = 0;
-    }
     slot->type = type;
-    slot->localAddress = local;
     slot->remoteAddress = remote;
     slot->localPort = localPort;
     slot->remotePort = remotePort;
-    slot->options = options;
-    slot->connected = type == kSocketTypeConnect ? 0 : 1;
+    slot->connected = 0;
     if (index > set->highestSlot) set->highestSlot = index;
     slot->inUse.store(1, std::memory_order_release);
   }
 
-  if (type == kSocketTypeConnect) {
-    if (!StartThread(set, kTRPThreadConnect)) return false;
-    std::lock_guard<std::mutex> guard(set->connectLock);
-    VLConditionSignal(&set->connectCondition);
-    return true;
-  }
-  if (type == kSocketTypeDatagram) return AddToReceiveThread(set, fd);
+  if (!StartThread(set, kTRPThreadConnect)) return false;
+  std::lock_guard<std::mutex> guard(set->connectLock);
+  VLConditionSignal(&set->connectCondition);
   return true;
 }
 
 bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uint32_t tag) {
   set->activeSends.fetch_add(1);
-  // What to report once the record is no longer counted as in use: a data
-  // sent callback may close the set.
-  TRPSocketSetDataSentCallback dataSent = nullptr;
-  void *userData = nullptr;
-  uint64_t sent = 0;
-  bool result = false;
-
+  bool queued = false;
   TRPSocket *slot = set->running ? TRPSocketSetFindTag(set, tag) : nullptr;
-  if (slot && slot->connected) {
-    if (slot->type == kSocketTypeDatagram || slot->type == kSocketTypeDatagramConnected) {
-      ssize_t written = sendto(slot->fd, bytes, length, MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr *>(&slot->remoteAddress), sizeof slot->remoteAddress);
-      if (written < 0) {
-        VL_LOG(VLLogLevelError, kTag, "Sendto fail: %ld", static_cast<long>(errno));
-      } else {
-        result = true;
-        sent = static_cast<uint64_t>(written);
-        dataSent = set->dataSent;
-        userData = set->userData;
+  if (slot && slot->connected && StartThread(set, kTRPThreadSend)) {
+    std::lock_guard<std::mutex> sendGuard(set->sendLock);
+    if (set->running && slot->connected) {
+      bool added = TRPDescriptorListAdd(&set->sendList, slot->fd);
+      {
+        std::lock_guard<std::mutex> ringGuard(set->sendBufferLock);
+        queued = TRPSendRingReserve(&slot->ring, length);
+        if (queued) TRPSendRingPut(&slot->ring, bytes, length);
       }
-    } else if (StartThread(set, kTRPThreadSend)) {
-      std::lock_guard<std::mutex> sendGuard(set->sendLock);
-      if (set->running && slot->connected) {
-        int fd = slot->fd;
-        bool added = TRPDescriptorListAdd(&set->sendList, fd);
-        {
-          std::lock_guard<std::mutex> ringGuard(set->sendBufferLock);
-          if (TRPSendRingReserve(&slot->ring, length)) {
-            TRPSendRingPut(&slot->ring, bytes, length);
-            result = true;
-          }
-        }
-        // A descriptor already listed is either in the thread's current select
-        // or will be in its next one; only a new entry needs the wake-up.
-        if (added) Wake(set->sendPipe[1], 'A');
-      }
+      // A descriptor already listed is either in the thread's current select
+      // or will be in its next one; only a new entry needs the wake-up.
+      if (added) Wake(set->sendPipe[1], 'A');
     }
   }
-  uint32_t slotTag = tag;
   set->activeSends.fetch_sub(1);
-  if (dataSent) dataSent(set, slotTag, sent, 0, userData);
-  return result;
+  return queued;
 }
 
 bool TRPSocketSetRemoveSocket(TRPSocketSet *set, uint32_t tag) {

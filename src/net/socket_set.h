@@ -27,13 +27,7 @@ enum TRPSocketType : uint32_t {
   kSocketTypeMulticastSender = 6,
 };
 
-// Option bits of TRPSocketSetAddSocket.
-enum : uint32_t {
-  kSocketOptionOptional = 1,            // its failure doesn't take the set down
-  kSocketOptionLargeReceiveBuffer = 2,  // kSocketTypeDatagram: ask for a 256 KiB receive buffer
-};
-
-// Reasons handed to the disconnected and socket lost callbacks.
+// Reasons handed to the disconnected callback.
 enum : uint32_t {
   kSocketSetSelectFailed = 12289,
   kSocketSetAcceptFailed = 12290,
@@ -53,7 +47,6 @@ using TRPSocketSetRawDataCallback = void (*)(TRPSocketSet *set, uint32_t tag, co
                                              void *userData);
 using TRPSocketSetDataSentCallback = void (*)(TRPSocketSet *set, uint32_t tag, uint64_t sent, uint64_t queued,
                                               void *userData);
-using TRPSocketSetSocketLostCallback = void (*)(TRPSocketSet *set, uint32_t tag, uint32_t reason, void *userData);
 
 // Name resolution, replaceable for tests: writes up to `capacity` IPv4
 // addresses of `host` and returns how many it found.
@@ -68,21 +61,18 @@ void TRPSocketSetSetName(TRPSocketSet *set, const char *name);
 void TRPSocketSetSetCallbacks(TRPSocketSet *set, TRPSocketSetDisconnectedCallback disconnected,
                               TRPSocketSetConnectedCallback connected, TRPSocketSetRawDataCallback rawData,
                               TRPSocketSetDataSentCallback dataSent, void *userData);
-// Reports the loss of an optional socket, once per socket.
-void TRPSocketSetSetSocketLostCallback(TRPSocketSet *set, TRPSocketSetSocketLostCallback socketLost);
 // Stored for the set's users; nothing in the set reads it.
 void TRPSocketSetSetTimeout(TRPSocketSet *set, uint32_t timeout);
 uint32_t TRPSocketSetGetTimeout(TRPSocketSet *set);
 // Applies TCP keep-alive to every stream socket in use: probes after `idle`
 // seconds of silence, every `interval` seconds, `count` of them.
 void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uint32_t count, uint32_t interval);
-// `host` may be null (any address). Built types: kSocketTypeConnect,
-// kSocketTypeDatagram, kSocketTypeDatagramConnected. Message parsing isn't
-// available; asking for it fails the call.
+// `host` may be null (any address). Only kSocketTypeConnect is built, and
+// message parsing isn't: asking for other types or for parsing fails the call.
 bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
                            uint32_t type, uint32_t tag, bool parseMessages, uint32_t options);
-// True when the bytes were sent (datagrams) or queued whole (streams). A call's
-// bytes are contiguous on the stream whatever other threads send.
+// True when the bytes were queued whole. A call's bytes are contiguous on the
+// stream whatever other threads send.
 bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uint32_t tag);
 // Closes one socket and keeps the set.
 bool TRPSocketSetRemoveSocket(TRPSocketSet *set, uint32_t tag);

@@ -19,21 +19,15 @@
 struct TRPSocket {
   Relaxed<int> fd{-1};  // -1 when closed
   Relaxed<uint32_t> tag;
-  Relaxed<uint8_t> optional;
-  uint8_t failed = 0;  // under `lock`
-  std::mutex lock;
   Relaxed<uint32_t> type;
   // Written before `inUse` is published, read-only while the slot is in use.
-  sockaddr_in localAddress{};
   sockaddr_in remoteAddress{};
-  sockaddr_in fromAddress{};  // receive thread only
   Relaxed<uint16_t> localPort;
   Relaxed<uint16_t> remotePort;
   Relaxed<uint8_t> connected;
   // Stored with release once the slot's fields are filled, so that a thread
   // that finds the slot in use also sees them.
   std::atomic<uint8_t> inUse{0};
-  uint32_t options = 0;
   TRPSendRing ring;  // under the set's sendBufferLock
 };
 
@@ -90,7 +84,6 @@ struct TRPSocketSet {
   Relaxed<TRPSocketSetDisconnectedCallback> disconnected;
   Relaxed<TRPSocketSetRawDataCallback> rawData;
   Relaxed<TRPSocketSetDataSentCallback> dataSent;
-  Relaxed<TRPSocketSetSocketLostCallback> socketLost;
   Relaxed<TRPSocketSetRawDataCallback> messageRawData;  // behind the pass-through
 
   // Callers inside TRPSocketSetSend; the record isn't freed while any remain.

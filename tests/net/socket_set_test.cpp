@@ -23,7 +23,6 @@ struct Record {
   std::thread::id disconnectThread;
   std::string data;
   uint64_t sent = 0;
-  std::vector<std::pair<uint32_t, uint32_t>> lost;
   std::vector<bool> closeResults;
   std::function<void(TRPSocketSet *, uint32_t)> onConnected;
   bool closeOnData = false;
@@ -52,16 +51,11 @@ void DataSent(TRPSocketSet *, uint32_t, uint64_t sent, uint64_t, void *user) {
   auto *r = static_cast<Record *>(user);
   r->events.Update([&] { r->sent += sent; });
 }
-void SocketLost(TRPSocketSet *, uint32_t tag, uint32_t reason, void *user) {
-  auto *r = static_cast<Record *>(user);
-  r->events.Update([&] { r->lost.emplace_back(tag, reason); });
-}
 
 TRPSocketSet *NewSet(Record *record) {
   TRPSocketSet *set = nullptr;
   EXPECT_TRUE(TRPSocketSetCreate(&set));
   TRPSocketSetSetCallbacks(set, Disconnected, Connected, RawData, DataSent, record);
-  TRPSocketSetSetSocketLostCallback(set, SocketLost);
   return set;
 }
 
@@ -72,8 +66,8 @@ class SocketSetTest : public ::testing::Test {
       EXPECT_TRUE(TRPSocketSetClose(set));
     }
   }
-  bool Connect(uint16_t port, uint32_t tag = 16, uint32_t options = 0) {
-    return TRPSocketSetAddSocket(set, "127.0.0.1", 0, port, kSocketTypeConnect, tag, false, options);
+  bool Connect(uint16_t port, uint32_t tag = 16) {
+    return TRPSocketSetAddSocket(set, "127.0.0.1", 0, port, kSocketTypeConnect, tag, false, 0);
   }
   bool WaitConnected(int count = 1) {
     return record.events.WaitFor([&] { return record.connected >= count; });
@@ -262,20 +256,6 @@ TEST(SocketSetOwnership, OwnerCloseRacingAFailureIsHarmless) {
   }
 }
 
-TEST_F(SocketSetTest, OptionalSocketLossIsReportedOnceAndTheSetKeepsServing) {
-  // (With no other socket left, the loss of an optional one is still fatal.)
-  Listener listener;
-  ASSERT_TRUE(Connect(listener.Port(), 2));
-  Peer peer = listener.Accept();
-  ASSERT_TRUE(WaitConnected());
-  ASSERT_TRUE(Connect(net_test::ClosedPort(), 1, kSocketOptionOptional));
-  ASSERT_TRUE(record.events.WaitFor([&] { return !record.lost.empty(); }));
-  EXPECT_TRUE(TRPSocketSetSend(set, "alive", 5, 2));
-  EXPECT_EQ(peer.Read(5), "alive");
-  EXPECT_EQ(Seen([&] { return record.lost; }), (std::vector<std::pair<uint32_t, uint32_t>>{{1, 12293}}));
-  EXPECT_TRUE(Seen([&] { return record.reasons.empty(); }));
-}
-
 TEST_F(SocketSetTest, RemovingOneSocketClosesItAndKeepsTheOthers) {
   Listener listener;
   ASSERT_TRUE(Connect(listener.Port(), 1));
@@ -292,25 +272,6 @@ TEST_F(SocketSetTest, RemovingOneSocketClosesItAndKeepsTheOthers) {
   second.Write("back");
   EXPECT_EQ(WaitData(4), "back");
   EXPECT_TRUE(Seen([&] { return record.reasons.empty(); }));
-}
-
-TEST_F(SocketSetTest, DatagramSocketsReceiveOnTheReceiveThreadAndSendAtOnce) {
-  int peer = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address = net_test::Loopback(0);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(peer, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-  getsockname(peer, reinterpret_cast<sockaddr *>(&address), &length);
-  ASSERT_TRUE(TRPSocketSetAddSocket(set, nullptr, 0, 0, kSocketTypeDatagram, 5, false, kSocketOptionLargeReceiveBuffer));
-  sockaddr_in target = net_test::Loopback(TRPSocketSetFindTag(set, 5)->localPort);
-  sendto(peer, "ping", 4, 0, reinterpret_cast<sockaddr *>(&target), sizeof target);
-  EXPECT_EQ(WaitData(4), "ping");
-  ASSERT_TRUE(TRPSocketSetAddSocket(set, "127.0.0.1", 0, ntohs(address.sin_port), kSocketTypeDatagramConnected, 6,
-                                    false, 0));
-  EXPECT_TRUE(TRPSocketSetSend(set, "pong", 4, 6));
-  char reply[8] = {};
-  EXPECT_EQ(recv(peer, reply, sizeof reply, 0), 4);
-  EXPECT_STREQ(reply, "pong");
-  close(peer);
 }
 
 // Resolver answers by host text, and the hosts asked for.
