@@ -17,15 +17,19 @@
 #include <thread>
 
 #include "foundation/logger.h"
+#include "net/json_rpc.h"
 #include "net/socket_set.h"
 
 namespace {
 
 // A loop-back peer on its own thread: echoes every byte back, or only counts
-// what arrives.
+// what arrives, or answers every line with a pool's short response.
+enum class PeerMode { kEcho, kCount, kAnswer };
+const std::string kAnswer = "{\"id\":4,\"result\":true,\"error\":null}\n";
+
 class Peer {
  public:
-  explicit Peer(bool echo) : echo_(echo) {
+  explicit Peer(PeerMode mode) : mode_(mode) {
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -59,11 +63,16 @@ class Peer {
       ssize_t n = recv(fd, buffer.data(), buffer.size(), 0);
       if (n <= 0) break;
       received_ += static_cast<uint64_t>(n);
-      if (echo_) send(fd, buffer.data(), static_cast<size_t>(n), MSG_NOSIGNAL);
+      if (mode_ == PeerMode::kEcho) send(fd, buffer.data(), static_cast<size_t>(n), MSG_NOSIGNAL);
+      if (mode_ == PeerMode::kAnswer) {
+        for (ssize_t i = 0; i < n; i++) {
+          if (buffer[i] == '\n') send(fd, kAnswer.data(), kAnswer.size(), MSG_NOSIGNAL);
+        }
+      }
     }
     close(fd);
   }
-  bool echo_;
+  PeerMode mode_;
   int listener_ = -1;
   uint16_t port_ = 0;
   std::atomic<bool> stop_{false};
@@ -108,7 +117,7 @@ const std::string kLine =
 
 void BM_SocketSetRoundTrip(benchmark::State &state) {
   VLLogSetLevel(VLLogLevelError);
-  Peer peer(true);
+  Peer peer(PeerMode::kEcho);
   Client client;
   TRPSocketSet *set = ConnectTo(peer.Port(), &client);
   uint64_t expected = 0;
@@ -124,7 +133,7 @@ BENCHMARK(BM_SocketSetRoundTrip)->UseRealTime();
 
 void BM_SocketSetLinesPerSecond(benchmark::State &state) {
   VLLogSetLevel(VLLogLevelError);
-  Peer peer(false);
+  Peer peer(PeerMode::kCount);
   Client client;
   TRPSocketSet *set = ConnectTo(peer.Port(), &client);
   uint64_t lines = 0;
@@ -154,11 +163,11 @@ long StatusField(const char *name) {
 
 void BM_SocketSetConnectionAtRest(benchmark::State &state) {
   VLLogSetLevel(VLLogLevelError);
-  Peer peer(true);
+  Peer peer(PeerMode::kEcho);
   {
     // One connection first, so that what the process sets up once for its
     // first threads (allocator arenas, stack caches) isn't counted.
-    Peer warmUpPeer(true);
+    Peer warmUpPeer(PeerMode::kEcho);
     Client warmUp;
     TRPSocketSet *set = ConnectTo(warmUpPeer.Port(), &warmUp);
     TRPSocketSetSend(set, kLine.data(), kLine.size(), 16);
@@ -186,5 +195,110 @@ void BM_SocketSetConnectionAtRest(benchmark::State &state) {
   }
 }
 BENCHMARK(BM_SocketSetConnectionAtRest)->Iterations(1);
+
+// The miner's own path: a request serialised and sent through the client, the
+// pool's answer read, split, parsed and delivered to the message callback.
+struct RpcClient {
+  std::mutex lock;
+  std::condition_variable changed;
+  bool connected = false;
+  uint64_t answers = 0;
+};
+
+void OnRpcConnected(VLJsonRpcClient *, void *user) {
+  auto *record = static_cast<RpcClient *>(user);
+  std::lock_guard<std::mutex> guard(record->lock);
+  record->connected = true;
+  record->changed.notify_all();
+}
+
+void OnRpcMessage(VLJsonRpcClient *, VLJsonRpcMessage *message, void *user) {
+  auto *record = static_cast<RpcClient *>(user);
+  if (VLJsonRpcMessageKind(message) != VLJsonRpcKindResponse) return;
+  std::lock_guard<std::mutex> guard(record->lock);
+  record->answers++;
+  record->changed.notify_all();
+}
+
+void BM_JsonRpcRoundTrip(benchmark::State &state) {
+  VLLogSetLevel(VLLogLevelError);
+  Peer peer(PeerMode::kAnswer);
+  RpcClient record;
+  VLJsonRpcClient *client = VLJsonRpcClientCreate();
+  VLJsonRpcClientSetUserData(client, &record);
+  VLJsonRpcClientSetConnectedCallback(client, OnRpcConnected);
+  VLJsonRpcClientSetMessageCallback(client, OnRpcMessage);
+  VLObject *host = VLStringCreate("127.0.0.1", 0);
+  VLJsonRpcClientConnectTcp(client, host, peer.Port());
+  VLObjectRelease(host);
+  {
+    std::unique_lock<std::mutex> guard(record.lock);
+    record.changed.wait(guard, [&] { return record.connected; });
+  }
+  VLObject *id = VLNumberCreateUInt32(4);
+  VLObject *method = VLStringCreate("mining.submit", 0);
+  uint64_t expected = 0;
+  for (auto _ : state) {
+    VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion1);
+    for (const char *param : {"worker.1", "1a2b3c", "00000000deadbeef"}) {
+      VLObject *value = VLStringCreate(param, 0);
+      VLJsonRpcMessageAddParam(submit, value);
+      VLObjectRelease(value);
+    }
+    VLJsonRpcClientSend(client, submit);
+    VLJsonRpcMessageRelease(submit);
+    expected++;
+    std::unique_lock<std::mutex> guard(record.lock);
+    record.changed.wait(guard, [&] { return record.answers >= expected; });
+  }
+  VLObjectRelease(id);
+  VLObjectRelease(method);
+  VLJsonRpcClientDestroy(client);
+}
+BENCHMARK(BM_JsonRpcRoundTrip)->UseRealTime();
+
+// Share lines built, serialised and queued by one thread, counted once the
+// peer has read them all.
+void BM_JsonRpcLinesPerSecond(benchmark::State &state) {
+  VLLogSetLevel(VLLogLevelError);
+  Peer peer(PeerMode::kCount);
+  RpcClient record;
+  VLJsonRpcClient *client = VLJsonRpcClientCreate();
+  VLJsonRpcClientSetUserData(client, &record);
+  VLJsonRpcClientSetConnectedCallback(client, OnRpcConnected);
+  VLObject *host = VLStringCreate("127.0.0.1", 0);
+  VLJsonRpcClientConnectTcp(client, host, peer.Port());
+  VLObjectRelease(host);
+  {
+    std::unique_lock<std::mutex> guard(record.lock);
+    record.changed.wait(guard, [&] { return record.connected; });
+  }
+  VLObject *id = VLNumberCreateUInt32(4);
+  VLObject *method = VLStringCreate("mining.submit", 0);
+  uint64_t lines = 0;
+  uint64_t bytes = 0;
+  for (auto _ : state) {
+    VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion1);
+    for (const char *param : {"worker.1", "1a2b3c", "00000000deadbeef"}) {
+      VLObject *value = VLStringCreate(param, 0);
+      VLJsonRpcMessageAddParam(submit, value);
+      VLObjectRelease(value);
+    }
+    if (lines == 0) {
+      VLObject *text = VLJsonRpcMessageSerialize(submit);
+      bytes = VLStringLength(text);
+      VLObjectRelease(text);
+    }
+    VLJsonRpcClientSend(client, submit);
+    VLJsonRpcMessageRelease(submit);
+    lines++;
+  }
+  while (peer.Received() < lines * bytes) std::this_thread::sleep_for(std::chrono::microseconds(100));
+  state.SetItemsProcessed(static_cast<int64_t>(lines));
+  VLObjectRelease(id);
+  VLObjectRelease(method);
+  VLJsonRpcClientDestroy(client);
+}
+BENCHMARK(BM_JsonRpcLinesPerSecond)->UseRealTime();
 
 }  // namespace
