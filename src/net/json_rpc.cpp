@@ -1,0 +1,347 @@
+#include "net/json_rpc.h"
+
+#include "foundation/json.h"
+#include "foundation/logger.h"
+
+namespace {
+
+constexpr const char *kTag = "VLJSONRPC";
+
+VLJsonRpcMessage *NewMessage(uint32_t kind, uint32_t version, VLObject *id) {
+  auto *message = new VLJsonRpcMessage;
+  message->kind = kind;
+  message->version = version;
+  message->id = VLObjectRetain(id);
+  return message;
+}
+
+bool IsType(const VLObject *value, uint32_t type) { return value && VLObjectType(value) == type; }
+
+// Sets `key` only when there is a value to set.
+void Put(VLObject *dictionary, const char *key, VLObject *value) {
+  if (value) VLDictionarySet(dictionary, value, VLStringConstant(key));
+}
+
+// Sets `key` to a fresh value that the dictionary then holds alone.
+void PutNew(VLObject *dictionary, const char *key, VLObject *value) {
+  Put(dictionary, key, value);
+  VLObjectRelease(value);
+}
+
+VLObject *VersionTwoError(const VLJsonRpcMessage *message) {
+  VLObject *error = VLDictionaryCreate(3);
+  PutNew(error, "code", VLNumberCreateInt32(static_cast<uint32_t>(message->errorCode)));
+  Put(error, "message", message->errorMessage);
+  Put(error, "data", message->errorData);
+  return error;
+}
+
+void FreeClient(VLJsonRpcClient *client) {
+  VLObjectRelease(client->path);
+  delete client;
+}
+
+// Values from inside a peer's error member, used only when of the expected type.
+VLObject *MemberOfType(VLObject *dictionary, const char *name, uint32_t type) {
+  if (!IsType(dictionary, VLTypeDictionary)) return nullptr;
+  VLObject *value = VLDictionaryGetByName(dictionary, name);
+  return IsType(value, type) ? value : nullptr;
+}
+
+void OnSetConnected(TRPSocketSet *set, uint32_t, void *user) {
+  auto *client = static_cast<VLJsonRpcClient *>(user);
+  // A silent pool is then declared dead by the stack within seconds, and the
+  // loss surfaces as a read error.
+  TRPSocketSetSetKeepAlive(set, true, 5, 10, 1);
+  if (client->connected) client->connected(client, client->userData);
+  if (client->destroyPending) FreeClient(client);
+}
+
+void OnSetDisconnected(TRPSocketSet *, uint32_t, void *user) {
+  auto *client = static_cast<VLJsonRpcClient *>(user);
+  if (client->disconnected) client->disconnected(client, client->userData);
+  if (client->destroyPending) FreeClient(client);
+}
+
+// Each read is framed on its own: it is split at line feeds and every piece is
+// parsed; nothing is carried over to the next read. Pool lines are short and
+// written whole, and a piece that isn't a whole message parses to nothing.
+void OnSetRawData(TRPSocketSet *, uint32_t, const uint8_t *bytes, uint32_t length, void *user) {
+  auto *client = static_cast<VLJsonRpcClient *>(user);
+  VLObject *text = VLStringCreate(reinterpret_cast<const char *>(bytes), length);
+  VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLStringChars(text));
+  VLObject *pieces = VLStringSplit(text, "\n");
+  VLObjectRelease(text);
+  uint32_t count = VLArrayCount(pieces);
+  for (uint32_t i = 0; i < count && !client->destroyPending; i++) {
+    VLObject *piece = VLArrayGet(pieces, i);
+    VLObject *data = VLDataCreate(VLStringChars(piece), VLStringLength(piece));
+    VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
+    VLObjectRelease(data);
+    if (!message) continue;
+    if (client->message) client->message(client, message, client->userData);
+    VLJsonRpcMessageRelease(message);
+  }
+  VLObjectRelease(pieces);
+  if (client->destroyPending) FreeClient(client);
+}
+
+}  // namespace
+
+// ---- Client -------------------------------------------------------------------
+
+VLJsonRpcClient *VLJsonRpcClientCreate() { return new VLJsonRpcClient; }
+
+void VLJsonRpcClientSetUserData(VLJsonRpcClient *client, void *userData) { client->userData = userData; }
+void VLJsonRpcClientSetConnectedCallback(VLJsonRpcClient *client, VLJsonRpcConnectedCallback callback) {
+  client->connected = callback;
+}
+void VLJsonRpcClientSetDisconnectedCallback(VLJsonRpcClient *client, VLJsonRpcDisconnectedCallback callback) {
+  client->disconnected = callback;
+}
+void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessageCallback callback) {
+  client->message = callback;
+}
+
+bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port) {
+  if (!client || client->socketSet || !IsType(host, VLTypeString)) return false;
+  TRPSocketSet *set = nullptr;
+  if (!TRPSocketSetCreate(&set)) return false;
+  TRPSocketSetSetName(set, "JSON-RPC Client");
+  TRPSocketSetSetTimeout(set, 5000);
+  TRPSocketSetSetMessageCallbacks(set, OnSetDisconnected, OnSetConnected, OnSetRawData, client);
+  client->socketSet = set;
+  client->transport = VLJsonRpcTransportLine;
+  return TRPSocketSetAddSocket(set, VLStringChars(host), 0, port, kSocketTypeConnect, kVLJsonRpcSocketTag, false, 0);
+}
+
+void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
+  if (!client || client->transport != VLJsonRpcTransportLine || !client->socketSet) return;
+  VLObject *text = VLJsonRpcMessageSerialize(message);
+  if (!text) return;
+  VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
+  TRPSocketSetSend(client->socketSet, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+  VLObjectRelease(text);
+}
+
+void VLJsonRpcClientDestroy(VLJsonRpcClient *client) {
+  if (!client) return;
+  TRPSocketSet *set = client->socketSet;
+  if (set) {
+    // No callback may start during the close. One already running finishes
+    // before the close returns, with the client still alive.
+    TRPSocketSetSetCallbacks(set, nullptr, nullptr, nullptr, nullptr, client);
+    client->socketSet = nullptr;
+    if (!TRPSocketSetClose(set)) {
+      // Called from inside one of this client's callbacks: the set closes
+      // after it, and the callback's caller frees the client.
+      client->destroyPending = true;
+      return;
+    }
+  }
+  FreeClient(client);
+}
+
+// ---- Messages -----------------------------------------------------------------
+
+bool VLJsonRpcIdIsValid(const VLObject *id) {
+  if (IsType(id, VLTypeString)) return VLStringLength(id) > 0;
+  if (!IsType(id, VLTypeNumber)) return false;
+  uint32_t kind = VLNumberGetKind(id);
+  return kind == VLNumberUInt32 || kind == VLNumberInt32 || kind == VLNumberUInt64;
+}
+
+VLJsonRpcMessage *VLJsonRpcRequestCreate(VLObject *id, VLObject *method, uint32_t version) {
+  if (!VLJsonRpcIdIsValid(id)) return nullptr;
+  VLJsonRpcMessage *message = NewMessage(VLJsonRpcKindRequest, version, id);
+  message->method = VLObjectRetain(method);
+  return message;
+}
+
+VLJsonRpcMessage *VLJsonRpcNotificationCreate(VLObject *method, uint32_t version) {
+  VLJsonRpcMessage *message = NewMessage(VLJsonRpcKindRequest, version, nullptr);
+  message->method = VLObjectRetain(method);
+  return message;
+}
+
+VLJsonRpcMessage *VLJsonRpcResultCreate(VLObject *id, VLObject *result, uint32_t version) {
+  if (!VLJsonRpcIdIsValid(id)) return nullptr;
+  VLJsonRpcMessage *message = NewMessage(VLJsonRpcKindResponse, version, id);
+  message->result = VLObjectRetain(result);
+  return message;
+}
+
+VLJsonRpcMessage *VLJsonRpcErrorCreateV1(VLObject *id, VLObject *errorObject) {
+  if (!VLJsonRpcIdIsValid(id)) return nullptr;
+  VLJsonRpcMessage *message = NewMessage(VLJsonRpcKindResponse, VLJsonRpcVersion1, id);
+  message->isError = 1;
+  message->errorObject = VLObjectRetain(errorObject);
+  return message;
+}
+
+VLJsonRpcMessage *VLJsonRpcErrorCreate(VLObject *id, int32_t code, VLObject *text, VLObject *data) {
+  if (!VLJsonRpcIdIsValid(id)) return nullptr;
+  VLJsonRpcMessage *message = NewMessage(VLJsonRpcKindResponse, VLJsonRpcVersion2, id);
+  message->isError = 1;
+  message->errorCode = code;
+  message->errorMessage = VLObjectRetain(text);
+  message->errorData = VLObjectRetain(data);
+  return message;
+}
+
+void VLJsonRpcMessageAddParam(VLJsonRpcMessage *message, VLObject *value) {
+  if (!message || message->kind != VLJsonRpcKindRequest || !value) return;
+  if (message->params && VLObjectType(message->params) != VLTypeArray) {
+    VLObjectRelease(message->params);
+    message->params = nullptr;
+  }
+  if (!message->params) message->params = VLArrayCreate(1);
+  VLArrayAppend(message->params, value);
+}
+
+void VLJsonRpcMessageSetParams(VLJsonRpcMessage *message, VLObject *value) {
+  if (!message || message->kind != VLJsonRpcKindRequest) return;
+  VLObjectRelease(message->params);
+  message->params = nullptr;
+  bool named = message->version == VLJsonRpcVersion2 && IsType(value, VLTypeDictionary);
+  if (IsType(value, VLTypeArray) || named) message->params = VLObjectRetain(value);
+}
+
+void VLJsonRpcMessageSetNamedParam(VLJsonRpcMessage *message, VLObject *key, VLObject *value) {
+  if (!message || message->kind != VLJsonRpcKindRequest || message->version != VLJsonRpcVersion2 || !key || !value) {
+    return;
+  }
+  if (message->params && VLObjectType(message->params) != VLTypeDictionary) {
+    VLObjectRelease(message->params);
+    message->params = nullptr;
+  }
+  if (!message->params) message->params = VLDictionaryCreate(1);
+  VLDictionarySet(message->params, value, key);
+}
+
+VLJsonRpcMessage *VLJsonRpcMessageRetain(VLJsonRpcMessage *message) {
+  if (message) message->refCount.fetch_add(1);
+  return message;
+}
+
+void VLJsonRpcMessageRelease(VLJsonRpcMessage *message) {
+  if (!message || message->refCount.fetch_sub(1) != 1) return;
+  for (VLObject *value : {message->id, message->method, message->params, message->result, message->errorObject,
+                          message->errorMessage, message->errorData}) {
+    VLObjectRelease(value);
+  }
+  delete message;
+}
+
+uint32_t VLJsonRpcMessageKind(const VLJsonRpcMessage *message) { return message->kind; }
+uint32_t VLJsonRpcMessageVersion(const VLJsonRpcMessage *message) { return message->version; }
+VLObject *VLJsonRpcMessageId(const VLJsonRpcMessage *message) { return message->id; }
+VLObject *VLJsonRpcMessageMethod(const VLJsonRpcMessage *message) { return message->method; }
+VLObject *VLJsonRpcMessageParams(const VLJsonRpcMessage *message) { return message->params; }
+VLObject *VLJsonRpcMessageResult(const VLJsonRpcMessage *message) { return message->result; }
+VLObject *VLJsonRpcMessageErrorObject(const VLJsonRpcMessage *message) { return message->errorObject; }
+int32_t VLJsonRpcMessageErrorCode(const VLJsonRpcMessage *message) { return message->errorCode; }
+VLObject *VLJsonRpcMessageErrorMessage(const VLJsonRpcMessage *message) { return message->errorMessage; }
+VLObject *VLJsonRpcMessageErrorData(const VLJsonRpcMessage *message) { return message->errorData; }
+
+bool VLJsonRpcMessageIsError(const VLJsonRpcMessage *message) {
+  return message && message->kind == VLJsonRpcKindResponse && message->isError;
+}
+
+VLObject *VLJsonRpcMessageError(const VLJsonRpcMessage *message) {
+  if (!message) return nullptr;
+  if (message->version == VLJsonRpcVersion1) return VLObjectRetain(message->errorObject);
+  if (!VLJsonRpcMessageIsError(message)) return nullptr;
+  return VersionTwoError(message);
+}
+
+VLObject *VLJsonRpcMessageSerialize(const VLJsonRpcMessage *message) {
+  if (!message || message->kind > VLJsonRpcKindResponse) return nullptr;
+  bool two = message->version == VLJsonRpcVersion2;
+  VLObject *document = VLDictionaryCreate(3);
+  if (two) Put(document, "jsonrpc", VLStringConstant("2.0"));
+  if (message->kind == VLJsonRpcKindRequest) {
+    if (message->id) {
+      Put(document, "id", message->id);
+    } else if (!two) {
+      PutNew(document, "id", VLNullCreate());
+    }
+    Put(document, "method", message->method);
+    if (message->params) {
+      Put(document, "params", message->params);
+    } else if (!two) {
+      PutNew(document, "params", VLArrayCreate(0));
+    }
+  } else {
+    Put(document, "id", message->id);
+    if (!message->isError) {
+      if (message->result) {
+        Put(document, "result", message->result);
+      } else {
+        PutNew(document, "result", VLNullCreate());
+      }
+      if (!two) PutNew(document, "error", VLNullCreate());
+    } else {
+      if (two) {
+        PutNew(document, "error", VersionTwoError(message));
+      } else if (message->errorObject) {
+        Put(document, "error", message->errorObject);
+      } else {
+        PutNew(document, "error", VLNullCreate());
+      }
+      if (!two) PutNew(document, "result", VLNullCreate());
+    }
+  }
+  VLObject *layout = VLObjectSerialize(document, VLFormatJson);
+  VLObjectRelease(document);
+  // One line per message: the writer's indents and line ends go.
+  VLObject *line = VLStringRemoveWhitespace(layout);
+  VLObjectRelease(layout);
+  if (line) VLStringAppendFormat(line, "\n");
+  return line;
+}
+
+VLJsonRpcMessage *VLJsonRpcMessageParse(const VLObject *data) {
+  VLObject *document = VLObjectParse(data);
+  if (!IsType(document, VLTypeDictionary)) {
+    VLObjectRelease(document);
+    return nullptr;
+  }
+  VLObject *marker = VLDictionaryGetByName(document, "jsonrpc");
+  uint32_t version = VLJsonRpcVersion1;
+  if (IsType(marker, VLTypeString) && VLStringCompareText(marker, VLStringConstant("2.0")) == 1) {
+    version = VLJsonRpcVersion2;
+  }
+  VLObject *method = VLDictionaryGetByName(document, "method");
+  VLObject *result = VLDictionaryGetByName(document, "result");
+  VLObject *error = VLDictionaryGetByName(document, "error");
+  VLObject *id = VLDictionaryGetByName(document, "id");
+
+  VLJsonRpcMessage *message = nullptr;
+  if (method) {
+    // A method name that isn't text can't be dispatched by anyone.
+    if (IsType(method, VLTypeString)) {
+      if (!id || IsType(id, VLTypeNull)) {
+        message = VLJsonRpcNotificationCreate(method, version);
+      } else {
+        message = VLJsonRpcRequestCreate(id, method, version);
+      }
+      VLObject *params = VLDictionaryGetByName(document, "params");
+      if (message && params) VLJsonRpcMessageSetParams(message, params);
+    }
+  } else if (error && !IsType(error, VLTypeNull)) {
+    if (version == VLJsonRpcVersion2) {
+      VLObject *codeValue = MemberOfType(error, "code", VLTypeNumber);
+      if (!codeValue) codeValue = MemberOfType(error, "code", VLTypeString);
+      auto code = static_cast<int32_t>(VLNumberGetInt32(codeValue));
+      VLObject *data = IsType(error, VLTypeDictionary) ? VLDictionaryGetByName(error, "data") : nullptr;
+      message = VLJsonRpcErrorCreate(id, code, MemberOfType(error, "message", VLTypeString), data);
+    } else {
+      message = VLJsonRpcErrorCreateV1(id, error);
+    }
+  } else if (result || error) {
+    message = VLJsonRpcResultCreate(id, result, version);
+  }
+  VLObjectRelease(document);
+  return message;
+}

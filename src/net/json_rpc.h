@@ -1,0 +1,138 @@
+// A small JSON-RPC 1.0 and 2.0 peer over one socket of a socket set: message
+// records and their text, a line transport (one compact JSON object per line)
+// and three callbacks. It knows nothing of what the messages mean; ids are the
+// caller's, and matching a response to its request is the caller's business.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "foundation/object.h"
+#include "net/socket_set.h"
+
+enum : uint32_t {
+  VLJsonRpcTransportNone = 0,
+  VLJsonRpcTransportLine = 1,
+  VLJsonRpcTransportHttp = 2,   // not built
+  VLJsonRpcTransportHttps = 3,  // not built
+};
+
+enum : uint32_t {
+  VLJsonRpcKindRequest = 0,  // requests and notifications
+  VLJsonRpcKindResponse = 1,
+};
+
+enum : uint32_t {
+  VLJsonRpcVersion1 = 0,  // JSON-RPC 1.0 shape
+  VLJsonRpcVersion2 = 1,  // JSON-RPC 2.0 shape
+};
+
+// The socket tag of the line transport; every send names it.
+constexpr uint32_t kVLJsonRpcSocketTag = 16;
+
+// A reference-counted message. Every value field holds its own reference.
+struct VLJsonRpcMessage {
+  std::atomic<uint32_t> refCount{1};
+  uint32_t kind = VLJsonRpcKindRequest;
+  uint32_t version = VLJsonRpcVersion1;
+  VLObject *id = nullptr;  // null for a notification
+  VLObject *method = nullptr;
+  VLObject *params = nullptr;  // array, or dictionary in version 2
+  uint8_t isError = 0;
+  VLObject *result = nullptr;
+  VLObject *errorObject = nullptr;  // version 1 errors, as the peer sent them
+  int32_t errorCode = 0;            // version 2 errors
+  VLObject *errorMessage = nullptr;
+  VLObject *errorData = nullptr;
+};
+
+struct VLJsonRpcClient;
+using VLJsonRpcConnectedCallback = void (*)(VLJsonRpcClient *client, void *userData);
+using VLJsonRpcDisconnectedCallback = void (*)(VLJsonRpcClient *client, void *userData);
+// `message` is borrowed: retain it to keep it past the call.
+using VLJsonRpcMessageCallback = void (*)(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *userData);
+
+struct VLJsonRpcClient {
+  uint32_t transport = VLJsonRpcTransportNone;
+  TRPSocketSet *socketSet = nullptr;  // owned
+  VLObject *path = nullptr;           // request path of the HTTP transports
+  void *userData = nullptr;
+  VLJsonRpcConnectedCallback connected = nullptr;
+  VLJsonRpcDisconnectedCallback disconnected = nullptr;
+  VLJsonRpcMessageCallback message = nullptr;
+  // Set when the client was destroyed from inside one of its own callbacks;
+  // the callback's caller frees it once the callback returns.
+  bool destroyPending = false;
+};
+
+// ---- Client -------------------------------------------------------------------
+// A client is good for one connection. `connected` runs on the connect thread,
+// `message` on the receive thread (serially, in stream order), `disconnected`
+// on the thread that met the failure, once.
+
+VLJsonRpcClient *VLJsonRpcClientCreate();
+// The setters are called before the connect.
+void VLJsonRpcClientSetUserData(VLJsonRpcClient *client, void *userData);
+void VLJsonRpcClientSetConnectedCallback(VLJsonRpcClient *client, VLJsonRpcConnectedCallback callback);
+void VLJsonRpcClientSetDisconnectedCallback(VLJsonRpcClient *client, VLJsonRpcDisconnectedCallback callback);
+void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessageCallback callback);
+// The line transport: plain TCP to `host` (a string value), connected on the
+// set's connect thread. False when the socket can't be set up (or a connection
+// was made already).
+bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port);
+// Serialises and queues the message; never waits on the network. From any thread.
+void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
+// Ends the connection, without callbacks, and frees the client. Safe after the
+// connection failed, and from inside the client's own callbacks.
+void VLJsonRpcClientDestroy(VLJsonRpcClient *client);
+
+// ---- Messages -----------------------------------------------------------------
+
+// An id is a number of an integer kind or a non-empty string.
+bool VLJsonRpcIdIsValid(const VLObject *id);
+
+// Constructors return one reference, or null when the id isn't valid.
+VLJsonRpcMessage *VLJsonRpcRequestCreate(VLObject *id, VLObject *method, uint32_t version);
+VLJsonRpcMessage *VLJsonRpcNotificationCreate(VLObject *method, uint32_t version);
+VLJsonRpcMessage *VLJsonRpcResultCreate(VLObject *id, VLObject *result, uint32_t version);
+// A version 1 error response carrying the error member as it stands.
+VLJsonRpcMessage *VLJsonRpcErrorCreateV1(VLObject *id, VLObject *errorObject);
+// A version 2 error response; `data` may be null.
+VLJsonRpcMessage *VLJsonRpcErrorCreate(VLObject *id, int32_t code, VLObject *message, VLObject *data);
+
+// Requests only: appends to the positional parameters (replacing named ones).
+void VLJsonRpcMessageAddParam(VLJsonRpcMessage *message, VLObject *value);
+// Requests only: an array, or a dictionary in a version 2 message; anything
+// else leaves the message without parameters.
+void VLJsonRpcMessageSetParams(VLJsonRpcMessage *message, VLObject *value);
+// Version 2 requests only: one named parameter.
+void VLJsonRpcMessageSetNamedParam(VLJsonRpcMessage *message, VLObject *key, VLObject *value);
+
+VLJsonRpcMessage *VLJsonRpcMessageRetain(VLJsonRpcMessage *message);
+void VLJsonRpcMessageRelease(VLJsonRpcMessage *message);
+
+// Borrowed field values.
+uint32_t VLJsonRpcMessageKind(const VLJsonRpcMessage *message);
+uint32_t VLJsonRpcMessageVersion(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageId(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageMethod(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageParams(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageResult(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageErrorObject(const VLJsonRpcMessage *message);
+int32_t VLJsonRpcMessageErrorCode(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageErrorMessage(const VLJsonRpcMessage *message);
+VLObject *VLJsonRpcMessageErrorData(const VLJsonRpcMessage *message);
+// True only for a response that is an error.
+bool VLJsonRpcMessageIsError(const VLJsonRpcMessage *message);
+// The error as one value, with a reference for the caller: a version 1
+// error's member as it stands; for version 2 a new dictionary with "code",
+// "message" and, if present, "data". Null when the message is no error.
+VLObject *VLJsonRpcMessageError(const VLJsonRpcMessage *message);
+
+// One line of compact JSON ending in a line feed (a new string), or null for
+// an unknown kind. Blanks, line ends and bytes from 128 up are removed
+// everywhere, inside strings too, so string values must be printable ASCII
+// without blanks to be sent exactly.
+VLObject *VLJsonRpcMessageSerialize(const VLJsonRpcMessage *message);
+// A data or string value holding one JSON object to a message, or null.
+VLJsonRpcMessage *VLJsonRpcMessageParse(const VLObject *data);

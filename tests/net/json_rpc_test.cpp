@@ -1,0 +1,265 @@
+#include "net/json_rpc.h"
+
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/json.h"
+#include "loopback_peer.h"
+#include "net/socket_set_record.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using net_test::Listener;
+using net_test::Peer;
+
+VLRef Text(const char *text) { return VLRef(VLStringCreate(text, 0)); }
+VLRef Id(uint32_t id) { return VLRef(VLNumberCreateUInt32(id)); }
+VLRef Json(const std::string &text) { return VLRef(VLJsonRead(text.data(), static_cast<uint32_t>(text.size()))); }
+
+// The message's text; the message is released.
+std::string Wire(VLJsonRpcMessage *message) {
+  VLRef line(message ? VLJsonRpcMessageSerialize(message) : nullptr);
+  VLJsonRpcMessageRelease(message);
+  return line ? VLStringChars(line.get()) : "(null)";
+}
+
+VLJsonRpcMessage *Parse(const std::string &line) {
+  VLRef data(VLDataCreate(line.data(), static_cast<uint32_t>(line.size())));
+  return VLJsonRpcMessageParse(data.get());
+}
+
+TEST(JsonRpcWire, EachShapeHasItsMembersInOrderOnOneCompactLine) {
+  VLRef method = Text("mining.subscribe");
+  VLRef one = Id(1);
+
+  VLJsonRpcMessage *request = VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion1);
+  VLJsonRpcMessageAddParam(request, Text("miner 1.0 \xC3\xA9x").get());  // blanks and high bytes go
+  VLJsonRpcMessageAddParam(request, VLRef(VLNumberCreateReal(1.5)).get());
+  EXPECT_EQ(Wire(request), "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[\"miner1.0x\",1.500000]}\n");
+
+  EXPECT_EQ(Wire(VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion1)),
+            "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[]}\n");
+  EXPECT_EQ(Wire(VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion2)),
+            "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"mining.subscribe\"}\n");
+  VLJsonRpcMessage *named = VLJsonRpcRequestCreate(Text("a").get(), method.get(), VLJsonRpcVersion2);
+  VLJsonRpcMessageSetNamedParam(named, Text("k").get(), Id(7).get());
+  EXPECT_EQ(Wire(named), "{\"jsonrpc\":\"2.0\",\"id\":\"a\",\"method\":\"mining.subscribe\",\"params\":{\"k\":7}}\n");
+
+  EXPECT_EQ(Wire(VLJsonRpcNotificationCreate(method.get(), VLJsonRpcVersion1)),
+            "{\"id\":null,\"method\":\"mining.subscribe\",\"params\":[]}\n");
+  EXPECT_EQ(Wire(VLJsonRpcNotificationCreate(method.get(), VLJsonRpcVersion2)),
+            "{\"jsonrpc\":\"2.0\",\"method\":\"mining.subscribe\"}\n");
+
+  VLRef yes(VLNumberCreateBool(1));
+  EXPECT_EQ(Wire(VLJsonRpcResultCreate(one.get(), yes.get(), VLJsonRpcVersion1)),
+            "{\"id\":1,\"result\":true,\"error\":null}\n");
+  EXPECT_EQ(Wire(VLJsonRpcResultCreate(one.get(), yes.get(), VLJsonRpcVersion2)),
+            "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":true}\n");
+
+  VLRef poolError = Json("[21,\"Job not found\",null]");
+  EXPECT_EQ(Wire(VLJsonRpcErrorCreateV1(one.get(), poolError.get())),
+            "{\"id\":1,\"error\":[21,\"Jobnotfound\",null],\"result\":null}\n");
+  EXPECT_EQ(Wire(VLJsonRpcErrorCreate(one.get(), -32601, Text("No such method").get(), Id(3).get())),
+            "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32601,\"message\":\"Nosuchmethod\",\"data\":3}}\n");
+  EXPECT_EQ(Wire(VLJsonRpcErrorCreate(one.get(), 5, Text("x").get(), nullptr)),
+            "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":5,\"message\":\"x\"}}\n");
+}
+
+TEST(JsonRpcMessages, IdsParametersAndErrorsFollowTheirRules) {
+  VLRef method = Text("m");
+  VLRef invalid[] = {VLRef(VLNumberCreateReal(1.0)), VLRef(VLNumberCreateBool(1)), VLRef(VLNullCreate()), Text("")};
+  for (const VLRef &id : invalid) {
+    EXPECT_EQ(VLJsonRpcRequestCreate(id.get(), method.get(), VLJsonRpcVersion1), nullptr);
+    EXPECT_EQ(VLJsonRpcResultCreate(id.get(), method.get(), VLJsonRpcVersion1), nullptr);
+  }
+  EXPECT_TRUE(VLJsonRpcIdIsValid(VLRef(VLNumberCreateInt32(static_cast<uint32_t>(-4))).get()));
+  EXPECT_TRUE(VLJsonRpcIdIsValid(VLRef(VLNumberCreateUInt64(1ull << 40)).get()));
+
+  // Parameters belong to requests; a version 1 request takes no dictionary.
+  VLJsonRpcMessage *response = VLJsonRpcResultCreate(Id(1).get(), method.get(), VLJsonRpcVersion1);
+  VLJsonRpcMessageAddParam(response, method.get());
+  EXPECT_EQ(VLJsonRpcMessageParams(response), nullptr);
+  EXPECT_EQ(VLJsonRpcMessageError(response), nullptr);
+  VLJsonRpcMessage *request = VLJsonRpcRequestCreate(Id(1).get(), method.get(), VLJsonRpcVersion1);
+  VLJsonRpcMessageSetParams(request, Json("{\"a\":1}").get());
+  VLJsonRpcMessageSetNamedParam(request, method.get(), method.get());
+  EXPECT_EQ(VLJsonRpcMessageParams(request), nullptr);
+
+  // The error as one value: version 2 builds it from its fields.
+  VLJsonRpcMessage *two = VLJsonRpcErrorCreate(Id(1).get(), -1, Text("bad").get(), nullptr);
+  VLRef error(VLJsonRpcMessageError(two));
+  EXPECT_EQ(static_cast<int32_t>(VLNumberGetInt32(VLDictionaryGetByName(error.get(), "code"))), -1);
+  EXPECT_STREQ(VLStringChars(VLDictionaryGetByName(error.get(), "message")), "bad");
+  EXPECT_EQ(VLDictionaryCount(error.get()), 2u);
+  for (VLJsonRpcMessage *message : {response, request, two}) VLJsonRpcMessageRelease(message);
+}
+
+TEST(JsonRpcParse, MessagesAreRecognisedByTheirMembersAndKeepWhatTheirVersionCarries) {
+  // Each line and the message it makes, as that message is written again.
+  const std::pair<const char *, const char *> cases[] = {
+      {"{\"id\":1,\"method\":\"m\",\"result\":true}", "{\"id\":1,\"method\":\"m\",\"params\":[]}\n"},
+      {"{\"id\":null,\"method\":\"n\",\"params\":[\"a\"]}", "{\"id\":null,\"method\":\"n\",\"params\":[\"a\"]}\n"},
+      {"{\"jsonrpc\":\"2.0\",\"method\":\"n\"}", "{\"jsonrpc\":\"2.0\",\"method\":\"n\"}\n"},
+      {"{\"id\":2,\"result\":true,\"error\":null}\r", "{\"id\":2,\"result\":true,\"error\":null}\n"},
+      {"{\"id\":2,\"result\":null,\"error\":[21,\"stale\",null]}", "{\"id\":2,\"error\":[21,\"stale\",null],\"result\":null}\n"},
+      {"{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3}}", "{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3},\"result\":null}\n"},
+      {"{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"data\":[1],\"message\":\"no\",\"code\":-3}}",
+       "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-3,\"message\":\"no\",\"data\":[1]}}\n"},
+      {"{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":\"text\"}", "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":0}}\n"},
+      {"{\"id\":2,\"foo\":1}", "(null)"},
+      {"{\"id\":null,\"result\":true}", "(null)"},
+      {"{\"result\":true}", "(null)"},
+      {"{\"id\":1.5,\"method\":\"m\",\"params\":[1]}", "(null)"},
+      {"{\"id\":3,\"method\":4}", "(null)"},
+      {"[1,2]", "(null)"},
+      {"garbage", "(null)"},
+      {"", "(null)"},
+  };
+  for (const auto &[line, wire] : cases) EXPECT_EQ(Wire(Parse(line)), wire) << line;
+
+  // A JSON null result is a null value; an absent one is nothing.
+  VLJsonRpcMessage *nullResult = Parse("{\"id\":1,\"result\":null,\"error\":null}");
+  VLJsonRpcMessage *noResult = Parse("{\"id\":1,\"error\":null}");
+  EXPECT_EQ(VLObjectType(VLJsonRpcMessageResult(nullResult)), VLTypeNull);
+  EXPECT_EQ(VLJsonRpcMessageResult(noResult), nullptr);
+  VLJsonRpcMessageRelease(nullResult);
+  VLJsonRpcMessageRelease(noResult);
+}
+
+// A client on the line transport, with what its callbacks saw.
+struct ClientRecord {
+  net_test::Events events;
+  int connected = 0;
+  int disconnected = 0;
+  std::vector<std::string> lines;  // each message as it would be sent again
+  std::string keepAlive;  // on, idle, interval, count, as the connected callback found them
+  std::function<void(VLJsonRpcClient *)> onConnected;
+  std::function<void(VLJsonRpcClient *)> onMessage;
+};
+
+void ClientConnected(VLJsonRpcClient *client, void *user) {
+  auto *record = static_cast<ClientRecord *>(user);
+  int fd = TRPSocketSetFindTag(client->socketSet, kVLJsonRpcSocketTag)->fd;
+  std::string keepAlive;
+  for (auto [level, name] : {std::pair{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_KEEPIDLE},
+                             {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}}) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    getsockopt(fd, level, name, &value, &length);
+    keepAlive += std::to_string(value) + " ";
+  }
+  if (record->onConnected) record->onConnected(client);
+  record->events.Update([&] {
+    record->connected++;
+    record->keepAlive = keepAlive;
+  });
+}
+void ClientDisconnected(VLJsonRpcClient *, void *user) {
+  auto *record = static_cast<ClientRecord *>(user);
+  record->events.Update([&] { record->disconnected++; });
+}
+void ClientMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *user) {
+  auto *record = static_cast<ClientRecord *>(user);
+  VLRef line(VLJsonRpcMessageSerialize(message));
+  record->events.Update([&] { record->lines.emplace_back(VLStringChars(line.get())); });
+  if (record->onMessage) record->onMessage(client);
+}
+
+class JsonRpcClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    client = VLJsonRpcClientCreate();
+    VLJsonRpcClientSetUserData(client, &record);
+    VLJsonRpcClientSetConnectedCallback(client, ClientConnected);
+    VLJsonRpcClientSetDisconnectedCallback(client, ClientDisconnected);
+    VLJsonRpcClientSetMessageCallback(client, ClientMessage);
+  }
+  void TearDown() override { VLJsonRpcClientDestroy(client); }
+  Peer Connect() {
+    EXPECT_TRUE(VLJsonRpcClientConnectTcp(client, Text("127.0.0.1").get(), listener.Port()));
+    Peer peer = listener.Accept();
+    EXPECT_TRUE(record.events.WaitFor([&] { return record.connected == 1; }));
+    return peer;
+  }
+  std::vector<std::string> WaitLines(size_t count) {
+    record.events.WaitFor([&] { return record.lines.size() >= count; });
+    return record.events.Get([&] { return record.lines; });
+  }
+
+  net_test::LogLines log;
+  Listener listener;
+  ClientRecord record;
+  VLJsonRpcClient *client = nullptr;
+};
+
+std::string Result(int id) { return "{\"id\":" + std::to_string(id) + ",\"result\":true,\"error\":null}\n"; }
+
+TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
+  record.onConnected = [](VLJsonRpcClient *c) {
+    VLJsonRpcMessage *subscribe = VLJsonRpcRequestCreate(Id(1).get(), Text("mining.subscribe").get(), 0);
+    VLJsonRpcClientSend(c, subscribe);
+    VLJsonRpcMessageRelease(subscribe);
+  };
+  Peer peer = Connect();
+  const std::string expected = "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[]}\n";
+  EXPECT_EQ(peer.Read(expected.size()), expected);
+  EXPECT_EQ(record.keepAlive, "1 5 1 10 ");
+  EXPECT_TRUE(log.Contains("VLJSONRPC: Sending " + expected));
+}
+
+TEST_F(JsonRpcClientTest, EachReadIsSplitIntoLinesAndNothingCarriesOver) {
+  Peer peer = Connect();
+  // Two whole lines and a cut one; the cut one still gives what was complete.
+  peer.Write(Result(1) + Result(2) + "{\"id\":3,\"result\":tr");
+  ASSERT_EQ(WaitLines(3).size(), 3u);
+  // The rest of the cut line starts inside it and gives nothing; CRLF ends
+  // and a line past 4096 bytes in the same read are handled without harm.
+  peer.Write("ue,\"error\":null}\n{\"id\":4,\"result\":\"" + std::string(5000, 'a') + "\"}\n" +
+             "{\"id\":5,\"result\":true,\"error\":null}\r\n");
+  std::vector<std::string> lines = WaitLines(4);
+  EXPECT_EQ(lines, (std::vector<std::string>{Result(1), Result(2), Result(3), Result(5)}));
+  EXPECT_TRUE(log.Contains("VLJSONRPC: Received Message: {\"id\":1"));
+}
+
+TEST_F(JsonRpcClientTest, LossIsReportedOnceAndDestroyAfterItIsHarmless) {
+  Peer peer = Connect();
+  peer.Close();
+  EXPECT_TRUE(record.events.WaitFor([&] { return record.disconnected == 1; }));
+  VLJsonRpcMessage *late = VLJsonRpcNotificationCreate(Text("late").get(), 0);
+  VLJsonRpcClientSend(client, late);  // a dead connection takes it silently
+  VLJsonRpcMessageRelease(late);
+  VLJsonRpcClientDestroy(client);
+  client = nullptr;
+  EXPECT_EQ(record.disconnected, 1);
+}
+
+TEST_F(JsonRpcClientTest, ConnectFailureIsADisconnect) {
+  ASSERT_TRUE(VLJsonRpcClientConnectTcp(client, Text("127.0.0.1").get(), net_test::ClosedPort()));
+  EXPECT_TRUE(record.events.WaitFor([&] { return record.disconnected == 1; }));
+  EXPECT_EQ(record.connected, 0);
+  EXPECT_FALSE(VLJsonRpcClientConnectTcp(client, Text("127.0.0.1").get(), listener.Port()));
+}
+
+TEST_F(JsonRpcClientTest, DestroyFromInsideTheMessageCallbackEndsTheConnection) {
+  record.onMessage = [](VLJsonRpcClient *c) { VLJsonRpcClientDestroy(c); };
+  Peer peer = Connect();
+  peer.Write(Result(1) + Result(2));
+  EXPECT_TRUE(peer.WaitForEnd());
+  client = nullptr;
+  EXPECT_EQ(WaitLines(1).size(), 1u);  // the second line of the read isn't delivered
+  EXPECT_EQ(record.events.Get([&] { return record.disconnected; }), 0);
+}
+
+TEST_F(JsonRpcClientTest, DestroyWhileConnectedClosesWithoutCallbacks) {
+  Peer peer = Connect();
+  VLJsonRpcClientDestroy(client);
+  client = nullptr;
+  EXPECT_TRUE(peer.WaitForEnd());
+  EXPECT_EQ(record.disconnected, 0);
+}
+
+}  // namespace
