@@ -1,0 +1,3 @@
+#pragma once
+#include "miner/run_records.h"
+inline bool IsWideFamily(BoardModel model) { return model >= 2 && model <= 4; }
