@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "foundation/logger.h"
-#include "miner/board_family.h"
+#include "board/registers.h"
 #include "miner/console_io.h"
 #include "miner/worker.h"
 

@@ -1,7 +1,7 @@
 #include "miner/status_table.h"
 
 #include "foundation/logger.h"
-#include "miner/board_family.h"
+#include "board/registers.h"
 #include "miner/console_io.h"
 
 namespace {

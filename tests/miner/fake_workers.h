@@ -6,6 +6,7 @@
 #include <string>
 
 #include "miner/run_records.h"
+#include "stratum/job.h"
 
 namespace miner_testing {
 
@@ -25,6 +26,14 @@ inline void AddWorkers(MiningContext &context, size_t count) {
     worker->enabled = true;
     context.workers.push_back(std::move(worker));
   }
+}
+
+// Publishes a job, so that a worker thread started on a boardless record
+// gets past its wait for work, finds no device, clears `enabled` and ends.
+inline void GiveJob(MiningContext &context) {
+  auto job = std::make_shared<StratumJob>();
+  job->jobId = "1";
+  context.SetCurrentJob(job);
 }
 
 // Resets the process-wide stop signal around each test.

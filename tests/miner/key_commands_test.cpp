@@ -19,18 +19,6 @@ namespace {
 class KeyCommandsTest : public ::testing::Test {
  protected:
   void SetUp() override { VLLogEnableConsole(); }
-  void TearDown() override {
-    // Let any worker thread a test started see its record disabled and end
-    // before the records go away.
-    for (auto &worker : context_.workers) worker->enabled = false;
-    EXPECT_TRUE(WaitUntil([&] {
-      for (auto &worker : context_.workers) {
-        if (worker->active) return false;
-      }
-      return true;
-    }));
-  }
-
   // Presses `keys` in order and returns what was printed.
   std::string Press(const std::string &keys) {
     StreamCapture capture;
@@ -183,19 +171,25 @@ TEST_F(KeyCommandsTest, OtherKeysDoNothing) {
   EXPECT_TRUE(context_.workers[0]->enabled);
 }
 
-TEST_F(KeyCommandsTest, EnableStartsAWorkerThreadAndDisableEndsIt) {
+TEST_F(KeyCommandsTest, EnableStartsAWorkerThreadOnEachTargetedRecord) {
   AddWorkers(context_, 2);
   for (auto &worker : context_.workers) worker->enabled = false;
-  Press("2e");
+  // With work published, a thread on a boardless record runs to its end: it
+  // finds no device and clears the flag that the key set.
+  miner_testing::GiveJob(context_);
+  StreamCapture capture;
+  HandleKey(session_, '2');
+  HandleKey(session_, 'e');
   Worker &worker = *context_.workers[1];
-  EXPECT_TRUE(worker.enabled);
-  ASSERT_TRUE(WaitUntil([&] { return worker.active.load(); }));
-  EXPECT_NE(worker.heartbeat.load(), 0u);
-  EXPECT_FALSE(context_.workers[0]->active);
   EXPECT_NE(worker.threadHandle, std::thread::id());
-
-  Press("d");
-  EXPECT_TRUE(WaitUntil([&] { return !worker.active.load(); }));
+  EXPECT_TRUE(WaitUntil([&] { return !worker.enabled.load(); }));
+  capture.Stop();
+  std::string out = capture.Out() + capture.Err();
+  EXPECT_NE(out.find("I/Miner        : Enabling targeted device(s)\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("I/Worker02     : Starting...\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("E/Worker02     : Failed to initialize device, worker shutting down\n"), std::string::npos);
+  EXPECT_EQ(out.find("Worker01"), std::string::npos) << "the untargeted record got no thread";
+  EXPECT_EQ(context_.workers[0]->threadHandle, std::thread::id());
 }
 
 }  // namespace

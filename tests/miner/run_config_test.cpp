@@ -26,13 +26,23 @@ class SetupRunTest : public ::testing::Test {
     VLLogEnableConsole();
     context_.workers.push_back(MakeWorker("1525", kNarrowModel, "narrow"));
     context_.workers.push_back(MakeWorker("215 ", kWideModel, "wide"));
+    // Lets the started worker threads run to their end: with no board they
+    // clear `enabled` and stop.
+    miner_testing::GiveJob(context_);
   }
   void TearDown() override {
-    for (auto &worker : context_.workers) worker->enabled = false;
-    for (auto &worker : context_.workers) {
-      for (int i = 0; i < 500 && worker->active; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      EXPECT_FALSE(worker->active);
+    EXPECT_TRUE(WorkerThreadsEnded());
+    capture_.reset();
+  }
+
+  bool WorkerThreadsEnded() {
+    for (int i = 0; i < 1000; i++) {  // a bound against a hang, not a timing
+      bool running = false;
+      for (auto &worker : context_.workers) running = running || worker->enabled;
+      if (!running) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    return false;
   }
 
   // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
@@ -43,15 +53,19 @@ class SetupRunTest : public ::testing::Test {
     return RunArgs();
   }
 
+  // Output is captured from the call on, worker threads included, until the
+  // test ends.
   std::string RunArgs() {
     argv_.clear();
     for (auto &arg : args_) argv_.push_back(arg.data());
     argv_.push_back(nullptr);
-    StreamCapture capture;
+    if (!capture_) capture_ = std::make_unique<StreamCapture>();
+    size_t before = Log().size();
     SetupRun(context_, static_cast<int>(args_.size()), argv_.data());
-    capture.Stop();
-    return capture.Out() + capture.Err();
+    return Log().substr(before);
   }
+
+  std::string Log() { return capture_->Out() + capture_->Err(); }
 
   uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
 
@@ -59,6 +73,7 @@ class SetupRunTest : public ::testing::Test {
   MiningContext context_;
   std::vector<std::string> args_;
   std::vector<char *> argv_;
+  std::unique_ptr<StreamCapture> capture_;
 };
 
 TEST_F(SetupRunTest, WithoutAForcedClockEveryWorkerStartsAtTheDefault) {
@@ -67,18 +82,20 @@ TEST_F(SetupRunTest, WithoutAForcedClockEveryWorkerStartsAtTheDefault) {
   for (size_t i = 0; i < 2; i++) {
     Worker &worker = *context_.workers[i];
     EXPECT_EQ(worker.id, i);
-    EXPECT_TRUE(worker.enabled);
     EXPECT_EQ(worker.targetClockHz, 100000000u);
   }
 }
 
-TEST_F(SetupRunTest, EnabledWorkersGetAThreadEach) {
+TEST_F(SetupRunTest, EveryWorkerIsEnabledAndGetsAThread) {
   Run({});
-  for (auto &worker : context_.workers) {
-    for (int i = 0; i < 500 && !worker->active; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_TRUE(worker->active);
-    EXPECT_NE(worker->threadHandle, std::thread::id());
-  }
+  for (auto &worker : context_.workers) EXPECT_NE(worker->threadHandle, std::thread::id());
+  ASSERT_TRUE(WorkerThreadsEnded());
+  std::string log = Log();
+  // Each thread announces itself under its own tag, and ends only because
+  // it has no board: it found itself enabled.
+  EXPECT_NE(log.find("I/Worker01     : Starting...\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("I/Worker02     : Starting...\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("E/Worker02     : Failed to initialize device, worker shutting down\n"), std::string::npos);
 }
 
 TEST_F(SetupRunTest, ForcedClockWithinRangeAppliesToBothFamilies) {
@@ -130,7 +147,7 @@ TEST_F(SetupRunTest, FewArgumentsLeaveThePoolUnsetAndCheckNoAlgorithm) {
   std::string log = RunArgs();
   EXPECT_EQ(context_.poolHost, nullptr);
   EXPECT_EQ(log.find("Stratum Config"), std::string::npos);
-  EXPECT_TRUE(context_.workers[0]->enabled);
+  EXPECT_EQ(context_.workers[0]->targetClockHz, 100000000u);
 }
 
 using SetupRunDeathTest = SetupRunTest;

@@ -1,0 +1,256 @@
+#include "sim/card.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "sim/blocks.h"
+
+namespace sim {
+
+namespace {
+
+constexpr uint64_t kFpgaDmaMask = (1ull << Card::kFpgaDmaShift) - 1;
+constexpr uint32_t kWindowShift = 17;
+// Control register 0, the H2C channel 0 identifier; bit 15 marks a stream design.
+constexpr uint32_t kChannelIdentifier = 0x1FC00006;
+constexpr uint32_t kStreamFlag = 1u << 15;
+constexpr uint64_t kPageBytes = 4096;
+
+// What a faulty read gives instead of data, or nothing for a healthy FPGA.
+bool FaultedRead(const Faults &faults, uint8_t *buffer, uint64_t size, int64_t *result) {
+  if (faults.readError) return *result = -EIO, true;
+  if (faults.readFail) return *result = 0, true;
+  if (faults.allOnes) {
+    memset(buffer, 0xFF, size);
+    return *result = static_cast<int64_t>(size), true;
+  }
+  return false;
+}
+
+// Words of a register space, read one at a time and cut to the byte range.
+template <typename ReadWord>
+void ReadWords(uint64_t position, uint8_t *buffer, uint64_t size, ReadWord readWord) {
+  uint64_t end = position + size;
+  for (uint64_t address = position & ~3ull; address < end; address += 4) {
+    uint32_t value = readWord(address);
+    uint8_t bytes[4];
+    memcpy(bytes, &value, 4);
+    for (uint64_t i = 0; i < 4; i++) {
+      uint64_t at = address + i;
+      if (at >= position && at < end) buffer[at - position] = bytes[i];
+    }
+  }
+}
+
+}  // namespace
+
+Card::Card(const CardSpec &spec, TimeSource time) : spec_(spec) {
+  fpgas_[0] = std::make_unique<Fpga>(spec.fpga[0], true, spec.subDevices, time);
+  for (uint32_t i = 1; i < kMaxFpgas; i++) {
+    if (spec.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(spec.fpga[i], false, 0, time);
+  }
+}
+
+bool Card::HasNode(Node node, uint32_t channel) const {
+  switch (node) {
+    case Node::Control: return true;
+    case Node::User: return spec_.userFile;
+    case Node::H2C: return spec_.h2c && channel < spec_.channels;
+    case Node::C2H: return spec_.c2h && channel < spec_.channels;
+  }
+  return false;
+}
+
+const Faults &Card::FaultsOf(uint32_t fpgaIndex) const {
+  static const Faults healthy;
+  if (fpgaIndex < kMaxFpgas && fpgas_[fpgaIndex]) return fpgas_[fpgaIndex]->Spec().faults;
+  return healthy;
+}
+
+int64_t Card::Read(Node node, uint32_t channel, uint64_t position, void *buffer, uint64_t size) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (tracing_) trace_.push_back({node, channel, position, size, false});
+  if (!HasNode(node, channel) || node == Node::H2C) return -EBADF;
+  auto *bytes = static_cast<uint8_t *>(buffer);
+  int64_t faulted;
+  switch (node) {
+    case Node::Control:
+      if (FaultedRead(FaultsOf(0), bytes, size, &faulted)) return faulted;
+      ReadWords(position, bytes, size, [this](uint64_t address) -> uint32_t {
+        if (address == 0) return kChannelIdentifier | (spec_.streaming ? kStreamFlag : 0);
+        auto it = controlRegisters_.find(address);
+        return it == controlRegisters_.end() ? 0 : it->second;
+      });
+      return static_cast<int64_t>(size);
+    case Node::User: {
+      uint64_t index = position >> kWindowShift;
+      if (index < kMaxFpgas && FaultedRead(FaultsOf(static_cast<uint32_t>(index)), bytes, size, &faulted)) {
+        return faulted;
+      }
+      return ReadRegisters(static_cast<uint32_t>(index < kMaxFpgas ? index : kMaxFpgas), position, bytes, size);
+    }
+    case Node::C2H: {
+      uint64_t index = position >> kFpgaDmaShift;
+      if (index < kMaxFpgas && FaultedRead(FaultsOf(static_cast<uint32_t>(index)), bytes, size, &faulted)) {
+        return faulted;
+      }
+      uint64_t local = position & kFpgaDmaMask;
+      if (local >= kRegisterSpan) return ReadMemory(position, bytes, size);
+      // Only the FPGA's own window answers through its DMA bridge.
+      if ((local >> kWindowShift) != index) {
+        memset(bytes, 0, size);
+        return static_cast<int64_t>(size);
+      }
+      return ReadRegisters(static_cast<uint32_t>(index), local, bytes, size);
+    }
+    case Node::H2C: break;
+  }
+  return -EBADF;
+}
+
+int64_t Card::Write(Node node, uint32_t channel, uint64_t position, const void *buffer, uint64_t size) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (tracing_) trace_.push_back({node, channel, position, size, true});
+  if (!HasNode(node, channel) || node == Node::C2H) return -EBADF;
+  const auto *bytes = static_cast<const uint8_t *>(buffer);
+  switch (node) {
+    case Node::Control:
+      if (position % 4 != 0 || size % 4 != 0) return -EINVAL;
+      for (uint64_t i = 0; i < size; i += 4) {
+        uint32_t value;
+        memcpy(&value, bytes + i, 4);
+        if (position + i != 0) controlRegisters_[position + i] = value;
+      }
+      return static_cast<int64_t>(size);
+    case Node::User: {
+      uint64_t index = position >> kWindowShift;
+      return WriteRegisters(static_cast<uint32_t>(index < kMaxFpgas ? index : kMaxFpgas), position, bytes, size);
+    }
+    case Node::H2C: {
+      uint64_t index = position >> kFpgaDmaShift;
+      uint64_t local = position & kFpgaDmaMask;
+      if (local >= kRegisterSpan) return WriteMemory(position, bytes, size);
+      if ((local >> kWindowShift) != index) return static_cast<int64_t>(size);
+      return WriteRegisters(static_cast<uint32_t>(index), local, bytes, size);
+    }
+    case Node::C2H: break;
+  }
+  return -EBADF;
+}
+
+int64_t Card::ReadRegisters(uint32_t fpgaIndex, uint64_t position, uint8_t *buffer, uint64_t size) {
+  Fpga *fpga = fpgaIndex < kMaxFpgas ? fpgas_[fpgaIndex].get() : nullptr;
+  uint64_t windowBase = uint64_t(fpgaIndex) << kWindowShift;
+  ReadWords(position, buffer, size, [&](uint64_t address) -> uint32_t {
+    // Nothing answers outside a present FPGA's window.
+    if (!fpga || address < windowBase || address - windowBase >= Fpga::kWindowBytes) return 0;
+    return fpga->Read(static_cast<uint32_t>(address - windowBase));
+  });
+  return static_cast<int64_t>(size);
+}
+
+int64_t Card::WriteRegisters(uint32_t fpgaIndex, uint64_t position, const uint8_t *buffer, uint64_t size) {
+  if (position % 4 != 0 || size % 4 != 0) return -EINVAL;
+  Fpga *fpga = fpgaIndex < kMaxFpgas ? fpgas_[fpgaIndex].get() : nullptr;
+  uint64_t windowBase = uint64_t(fpgaIndex) << kWindowShift;
+  for (uint64_t i = 0; i < size; i += 4) {
+    uint64_t address = position + i;
+    if (!fpga || address < windowBase || address - windowBase >= Fpga::kWindowBytes) continue;
+    uint32_t value;
+    memcpy(&value, buffer + i, 4);
+    fpga->Write(static_cast<uint32_t>(address - windowBase), value);
+  }
+  return static_cast<int64_t>(size);
+}
+
+int64_t Card::ReadMemory(uint64_t address, uint8_t *buffer, uint64_t size) {
+  for (uint64_t done = 0; done < size;) {
+    uint64_t at = address + done;
+    uint64_t offset = at % kPageBytes;
+    uint64_t chunk = std::min(size - done, kPageBytes - offset);
+    auto it = memory_.find(at / kPageBytes);
+    if (it == memory_.end()) memset(buffer + done, 0, chunk);
+    else memcpy(buffer + done, it->second->data() + offset, chunk);
+    done += chunk;
+  }
+  return static_cast<int64_t>(size);
+}
+
+int64_t Card::WriteMemory(uint64_t address, const uint8_t *buffer, uint64_t size) {
+  for (uint64_t done = 0; done < size;) {
+    uint64_t at = address + done;
+    uint64_t offset = at % kPageBytes;
+    uint64_t chunk = std::min(size - done, kPageBytes - offset);
+    auto &page = memory_[at / kPageBytes];
+    if (!page) {
+      if (memory_.size() * kPageBytes > kMemoryLimit) {
+        memory_.erase(at / kPageBytes);
+        return done ? static_cast<int64_t>(done) : -ENOSPC;
+      }
+      page = std::make_unique<std::array<uint8_t, kPageBytes>>();
+      page->fill(0);
+    }
+    memcpy(page->data() + offset, buffer + done, chunk);
+    done += chunk;
+  }
+  return static_cast<int64_t>(size);
+}
+
+bool Card::Apply(const Command &command, std::string *error) {
+  std::lock_guard<std::mutex> guard(lock_);
+  Fpga *fpga = command.fpga < kMaxFpgas ? fpgas_[command.fpga].get() : nullptr;
+  if (!fpga) {
+    if (error) *error = spec_.name + " has no sub-device " + std::to_string(command.fpga);
+    return false;
+  }
+  // Settle the thermal state under the old settings before they change.
+  fpga->Tick();
+  for (const auto &[key, value] : command.settings) {
+    if (!ApplyRuntimeSetting(fpga->Spec(), key, value, error)) return false;
+  }
+  return true;
+}
+
+void Card::SetTracing(bool on) {
+  std::lock_guard<std::mutex> guard(lock_);
+  tracing_ = on;
+  if (!on) trace_.clear();
+}
+
+std::vector<Access> Card::TakeTrace() {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::vector<Access> trace;
+  trace.swap(trace_);
+  return trace;
+}
+
+std::string Card::Describe() {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::string text;
+  char line[512];
+  snprintf(line, sizeof line, "%s user=%d h2c=%d c2h=%d channels=%u streaming=%d\n", spec_.name.c_str(),
+           spec_.userFile, spec_.h2c, spec_.c2h, spec_.channels, spec_.streaming);
+  text += line;
+  for (uint32_t i = 0; i < kMaxFpgas; i++) {
+    Fpga *fpga = fpgas_[i].get();
+    if (!fpga) continue;
+    fpga->Tick();
+    const FpgaSpec &spec = fpga->Spec();
+    const Faults &faults = spec.faults;
+    snprintf(line, sizeof line,
+             "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
+             " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s\n",
+             spec_.name.c_str(), i, spec.model, spec.layout, spec.bitstream, fpga->HashClockHz(),
+             fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(),
+             fpga->VccInt(), faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
+             faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",
+             faults.vrmTemperature ? " vrm_hot" : "", faults.vccintSag > 0 ? " sag" : "",
+             faults.mmcmStuck ? " mmcm_stuck" : "");
+    text += line;
+  }
+  return text;
+}
+
+}  // namespace sim

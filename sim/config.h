@@ -1,0 +1,92 @@
+// What a simulated board is: its files, its FPGAs and their identity, its
+// thermal behaviour and its faults, and the small text format that describes
+// a list of boards and changes faults while they run.
+//
+//   # one line per board; later keys override earlier ones
+//   xdma0 model=7 layout=1 bitstream=0x000C0004
+//   xdma1 model=9 subdevices=1,2,3 dna=01234567,89abcdef,00c0ffee
+//   xdma1.2 bitstream=0x000C0005          # sub-device 2 of xdma1
+//   xdma2 identity=215_ modelbits=3 user=0 # '_' stands for a space
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sim {
+
+constexpr uint32_t kMaxFpgas = 4;  // the primary and sub-devices 1 to 3
+
+struct Faults {
+  bool readFail = false;   // reads transfer 0 bytes
+  bool readError = false;  // reads fail with EIO
+  bool allOnes = false;    // reads return all ones: fallen off the bus
+  std::optional<double> coreTemperature;  // forced, degrees Celsius
+  std::optional<double> vrmTemperature;   // forced, degrees Celsius
+  double vccintSag = 0.0;  // volts taken off VCCINT on top of the load sag
+  bool mmcmStuck = false;  // the MMCM load register stays busy
+};
+
+struct ThermalSpec {
+  double ambient = 35.0;         // degrees Celsius with the clock stopped
+  double coreHeat = 5.0;         // degrees per GHz of clock times cores
+  double vrmHeat = 7.0;          // the same for the regulator
+  double lagSeconds = 3.0;       // time constant; 0 follows the load at once
+  double vccintNominal = 0.85;   // volts, unloaded
+  double vccintSagRate = 0.005;  // volts per GHz of clock times cores
+  double vccaux = 1.8;
+};
+
+struct FpgaSpec {
+  uint32_t model = 0;
+  uint32_t identityWord = 0;  // register 0x0000
+  bool wide = false;          // XADC family rather than SYSMON
+  uint32_t modelBits = 0;     // bits 4 to 2 of 0x2000 on the wide family
+  uint32_t layout = 1;        // register 0x0004 as read
+  uint32_t bitstream = 0x000C0004;
+  uint32_t dna[3] = {};
+  bool dnaSet = false;
+  uint32_t boardWord = 0;
+  uint32_t cores = 1;
+  uint64_t referenceHz = 0;
+  uint32_t multiplier = 0;  // MMCM feedback multiplier at power-on
+  uint32_t inputDivider = 1;
+  ThermalSpec thermal;
+  Faults faults;
+};
+
+struct CardSpec {
+  std::string name;  // the node prefix, e.g. "xdma0"
+  bool userFile = true;
+  bool h2c = true;
+  bool c2h = true;
+  uint32_t channels = 1;
+  bool streaming = false;
+  uint32_t subDevices = 0;  // bit k set: sub-device k present, k of 1 to 3
+  FpgaSpec fpga[kMaxFpgas];
+};
+
+// A card named `name` with the default model and everything derived from it.
+CardSpec DefaultCard(const std::string &name);
+
+// One "key=value". Each returns false with a message for an unknown key or a
+// bad value. Fault and thermal keys are the ones that may change at run time.
+bool ApplyCardSetting(CardSpec &card, const std::string &key, const std::string &value, std::string *error);
+bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error);
+bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error);
+
+// "xdma0 key=value ..." or "xdma0.2 key=value ...".
+struct Command {
+  std::string card;
+  uint32_t fpga = 0;
+  std::vector<std::pair<std::string, std::string>> settings;
+};
+bool ParseCommand(const std::string &line, Command *command, std::string *error);
+
+// A whole board list; comments start with '#'. Sub-device lines apply after
+// their card's own lines, on a copy of the primary with its own DNA.
+std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std::string *error);
+
+}  // namespace sim

@@ -1,3 +1,0 @@
-struct BRYLDMADevice;
-// Placeholder until the DMA device lands: there is no board to close.
-void BRYLDMADeviceClose(BRYLDMADevice *) {}
