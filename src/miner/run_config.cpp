@@ -1,18 +1,165 @@
 #include "miner/run_config.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <string>
 
-// Placeholder until the run configuration lands: pool settings from the
-// argument vector, every worker enabled, no thread started.
+#include "foundation/json.h"
+#include "foundation/logger.h"
+#include "board/registers.h"
+#include "miner/console_io.h"
+#include "miner/worker.h"
+
+namespace {
+
+constexpr const char *kTag = "Miner";
+constexpr uint64_t kForcedClockRangeMHz = 1000;
+constexpr uint64_t kWideFamilyClockLimitHz = 350000000;
+// Wide boards asked for more than they can take fall back to a clock they
+// surely run, not to the limit itself.
+constexpr uint64_t kWideFamilyFallbackHz = 250000000;
+
+struct AlgorithmEntry {
+  const char *name;
+  uint32_t algorithm;
+};
+constexpr AlgorithmEntry kAlgorithms[] = {{"ckb", 0}};
+
+const AlgorithmEntry *FindAlgorithm(const char *name) {
+  for (const AlgorithmEntry &entry : kAlgorithms) {
+    if (strcmp(entry.name, name) == 0) return &entry;
+  }
+  return nullptr;
+}
+
+// Position 6: decimal MHz, read as a signed int and then taken as unsigned,
+// so "-1" wraps. The range message only informs; the value stands.
+uint64_t ForcedClockHz(int argc, char **argv) {
+  if (argc <= 6) return 0;
+  auto mhz = static_cast<uint64_t>(static_cast<int64_t>(atoi(argv[6])));
+  if (mhz >= kForcedClockRangeMHz) {
+    VL_LOG(VLLogLevelInfo, kTag, "Forced clock %u MHz was out of range", static_cast<unsigned>(mhz));
+  } else {
+    VL_LOG(VLLogLevelInfo, kTag, "Forcing clock to %i MHz", static_cast<int>(mhz));
+  }
+  return mhz * 1000000;
+}
+
+bool IsNumber(const VLObject *value) { return VLObjectType(value) == VLTypeNumber; }
+bool IsString(const VLObject *value) { return VLObjectType(value) == VLTypeString; }
+
+// Texts merged from a stored document, kept for the whole run as the
+// context holds plain pointers to them.
+const char *KeepForRun(const char *text) {
+  static std::deque<std::string> kept;
+  return kept.emplace_back(text).c_str();
+}
+
+// A new dictionary key; the dictionary retains its own reference.
+void SetEntry(VLObject *dictionary, const char *key, VLObject *ownedValue) {
+  VLRef value(ownedValue);
+  VLRef name(VLStringCreate(key, 0));
+  VLDictionarySet(dictionary, value.get(), name.get());
+}
+
+// {"devices": [{"model", "dna", "clock" (MHz, real), "disabled"}, ...]}
+VLRef BuildConfigurationDocument(const MiningContext &context) {
+  VLRef devices(VLArrayCreate(static_cast<uint32_t>(context.workers.size())));
+  for (const auto &worker : context.workers) {
+    VLRef entry(VLDictionaryCreate(4));
+    SetEntry(entry.get(), "model", VLStringCreate(worker->modelName.c_str(), 0));
+    SetEntry(entry.get(), "dna", VLStringCreate(worker->dna.c_str(), 0));
+    SetEntry(entry.get(), "clock",
+             VLNumberCreateReal(static_cast<double>(worker->targetClockHz.load()) / 1000.0 / 1000.0));
+    SetEntry(entry.get(), "disabled", VLNumberCreateBool(!worker->enabled));
+    VLArrayAppend(devices.get(), entry.get());
+  }
+  VLRef document(VLDictionaryCreate(1));
+  SetEntry(document.get(), "devices", devices.Take());
+  return document;
+}
+
+bool WriteWholeFile(const char *path, const char *text, size_t length) {
+  FILE *file = fopen(path, "w");
+  if (file == nullptr) return false;
+  bool written = fwrite(text, 1, length, file) == length;
+  // A full disk may only show when the buffer is flushed at close.
+  bool closed = fclose(file) == 0;
+  return written && closed;
+}
+
+}  // namespace
+
+void MergeStoredDeviceSettings(Worker &worker, const VLObject *devices) {
+  if (VLObjectType(devices) != VLTypeArray) return;
+  for (uint32_t i = 0; i < VLArrayCount(devices); i++) {
+    const VLObject *entry = VLArrayGet(devices, i);
+    if (VLObjectType(entry) != VLTypeDictionary) continue;
+    const VLObject *dna = VLDictionaryGetByName(entry, "dna");
+    if (!IsString(dna) || worker.dna != VLStringChars(dna)) continue;
+    const VLObject *clock = VLDictionaryGetByName(entry, "clock");
+    if (IsNumber(clock)) worker.targetClockHz = static_cast<uint64_t>(VLNumberGetInt64(clock)) * 1000000;
+    const VLObject *disabled = VLDictionaryGetByName(entry, "disabled");
+    if (IsNumber(disabled)) worker.enabled = !VLNumberGetBool(disabled);
+  }
+}
+
+void MergeStoredStratumSettings(MiningContext &context, const VLObject *stratum) {
+  if (VLObjectType(stratum) != VLTypeDictionary) return;
+  const VLObject *host = VLDictionaryGetByName(stratum, "host");
+  if (IsString(host)) context.poolHost = KeepForRun(VLStringChars(host));
+  const VLObject *port = VLDictionaryGetByName(stratum, "port");
+  if (IsNumber(port)) context.poolPort = static_cast<uint16_t>(VLNumberGetInt64(port));
+  const VLObject *wallet = VLDictionaryGetByName(stratum, "wallet");
+  if (IsString(wallet)) context.account = KeepForRun(VLStringChars(wallet));
+  const VLObject *password = VLDictionaryGetByName(stratum, "password");
+  if (IsString(password)) context.password = KeepForRun(VLStringChars(password));
+}
+
 void SetupRun(MiningContext &context, int argc, char **argv) {
+  uint64_t forcedClockHz = ForcedClockHz(argc, argv);
+  StoredRunSettings stored;  // config.json is never read back
+
+  for (size_t i = 0; i < context.workers.size(); i++) {
+    Worker &worker = *context.workers[i];
+    worker.id = i;
+    worker.enabled = true;
+    worker.targetClockHz = kDefaultClockHz;
+    MergeStoredDeviceSettings(worker, stored.devices);
+    if (forcedClockHz != 0) {
+      uint64_t clock = forcedClockHz;
+      if (IsWideFamily(worker.model) && clock > kWideFamilyClockLimitHz) clock = kWideFamilyFallbackHz;
+      worker.targetClockHz = clock;
+    }
+    if (worker.enabled) StartWorkerThread(context, i);
+  }
+  MergeStoredStratumSettings(context, stored.stratum);
+
   if (argc > 5) {
+    const AlgorithmEntry *algorithm = FindAlgorithm(argv[1]);
+    if (algorithm == nullptr) {
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Algorithm '%s' is not known", argv[1]);
+      exit(1);
+    }
+    context.algorithm = algorithm->algorithm;
     context.poolHost = argv[2];
     context.poolPort = static_cast<uint16_t>(atoi(argv[3]));
     context.account = argv[4];
     context.password = argv[5];
+    VL_LOG(VLLogLevelInfo, kTag, "Stratum Config: stratum-tcp://%s:%i %s", context.poolHost,
+           static_cast<int>(context.poolPort), context.account);
   }
-  for (size_t i = 0; i < context.workers.size(); i++) {
-    context.workers[i]->id = i;
-    context.workers[i]->enabled = true;
+}
+
+void SaveConfiguration(MiningContext &context) {
+  VL_LOG(VLLogLevelInfo, kTag, "Saving configuration");
+  VLRef document = BuildConfigurationDocument(context);
+  VLRef text(VLObjectSerialize(document.get(), VLFormatJson));
+  if (text && WriteWholeFile("config.json", VLStringChars(text.get()), VLStringLength(text.get()))) {
+    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Saved active configuration to config.json");
+  } else {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Failed to save active configuration to config.json");
   }
 }

@@ -3,15 +3,38 @@
 #include <chrono>
 #include <thread>
 
+#include "foundation/vltime.h"
 #include "miner/console_io.h"
+#include "miner/key_commands.h"
+#include "miner/pool_upkeep.h"
+#include "miner/status_table.h"
 
-// Placeholder until the operator console lands: 'q' stops the run.
-void MainLoop(MiningContext &, std::atomic<uint64_t> &watchdogCounter) {
+namespace {
+constexpr auto kPassSleep = std::chrono::milliseconds(100);
+constexpr uint64_t kTablePasses = 50;
+constexpr uint64_t kQuickTablePasses = 20;
+}  // namespace
+
+void FinishConsolePass(ConsoleSession &session, std::atomic<uint64_t> &watchdogCounter) {
+  session.passCount++;
+  session.vrmWarning = false;
+  // The count isn't reset by a quick refresh, so after '+' the table may come
+  // at once if a multiple of 20 is near.
+  uint64_t period = session.quickRefresh ? kQuickTablePasses : kTablePasses;
+  if (session.passCount % period == 0) {
+    PrintStatusTable(session, VLTimeSeconds());
+    session.quickRefresh = false;
+  }
+  if (session.vrmWarning) PrintVrmBanner();
+  watchdogCounter++;
+}
+
+void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter) {
+  ConsoleSession session(context);
   while (g_runState == RunStateRunning) {
-    ConsumeKeys([](char key) {
-      if (key == 'q') g_runState = RunStateStopping;
-    });
-    watchdogCounter++;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    KeepPoolConnection(context, session.retryCount);
+    ConsumeKeys([&](char key) { HandleKey(session, key); });
+    std::this_thread::sleep_for(kPassSleep);
+    FinishConsolePass(session, watchdogCounter);
   }
 }

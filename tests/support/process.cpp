@@ -132,12 +132,11 @@ bool PtyProcess::ReadSome(std::chrono::milliseconds timeout) {
   return true;
 }
 
-bool PtyProcess::WaitFor(const std::string &text, std::chrono::milliseconds limit) {
+bool PtyProcess::WaitFor(const std::string &text, std::chrono::milliseconds limit, size_t from) {
   auto deadline = std::chrono::steady_clock::now() + limit;
-  size_t searchFrom = 0;
-  while (output_.find(text, searchFrom) == std::string::npos) {
+  while (output_.find(text, from) == std::string::npos) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    if (!ReadSome(std::chrono::milliseconds(50))) return output_.find(text) != std::string::npos;
+    if (!ReadSome(std::chrono::milliseconds(50))) return output_.find(text, from) != std::string::npos;
   }
   return true;
 }

@@ -34,9 +34,10 @@ class PtyProcess {
   PtyProcess &operator=(const PtyProcess &) = delete;
 
   void Type(const std::string &keys);
-  // Reads until `text` has appeared in the output; false if the child ended or
-  // `limit` passed first.
-  bool WaitFor(const std::string &text, std::chrono::milliseconds limit = std::chrono::milliseconds(20000));
+  // Reads until `text` has appeared in the output at or after offset `from`;
+  // false if the child ended or `limit` passed first.
+  bool WaitFor(const std::string &text, std::chrono::milliseconds limit = std::chrono::milliseconds(20000),
+               size_t from = 0);
   // Reads until the child ends and returns its exit code (-1 for a signal).
   int Wait(std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
   void Signal(int signal);

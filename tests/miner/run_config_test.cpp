@@ -1,0 +1,169 @@
+// The argument vector applied to the run: forced clocks, the wide family's
+// cap, pool settings and the algorithm check.
+#include "miner/run_config.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "fake_workers.h"
+#include "foundation/logger.h"
+#include "support/capture.h"
+
+using miner_testing::MakeWorker;
+using miner_testing::RunStateGuard;
+using testing_support::StreamCapture;
+
+namespace {
+
+constexpr BoardModel kNarrowModel = 1;  // "1525"
+constexpr BoardModel kWideModel = 3;    // "215 "
+
+class SetupRunTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VLLogEnableConsole();
+    context_.workers.push_back(MakeWorker("1525", kNarrowModel, "narrow"));
+    context_.workers.push_back(MakeWorker("215 ", kWideModel, "wide"));
+    // Lets the started worker threads run to their end: with no board they
+    // clear `enabled` and stop.
+    miner_testing::GiveJob(context_);
+  }
+  void TearDown() override {
+    EXPECT_TRUE(WorkerThreadsEnded());
+    capture_.reset();
+  }
+
+  bool WorkerThreadsEnded() {
+    for (int i = 0; i < 1000; i++) {  // a bound against a hang, not a timing
+      bool running = false;
+      for (auto &worker : context_.workers) running = running || worker->enabled;
+      if (!running) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
+  // returns what it logged.
+  std::string Run(std::vector<std::string> extra, const std::string &port = "3333") {
+    args_ = {"miner", "ckb", "pool.example.org", port, "wallet", "pw"};
+    for (auto &value : extra) args_.push_back(value);
+    return RunArgs();
+  }
+
+  // Output is captured from the call on, worker threads included, until the
+  // test ends.
+  std::string RunArgs() {
+    argv_.clear();
+    for (auto &arg : args_) argv_.push_back(arg.data());
+    argv_.push_back(nullptr);
+    if (!capture_) capture_ = std::make_unique<StreamCapture>();
+    size_t before = Log().size();
+    SetupRun(context_, static_cast<int>(args_.size()), argv_.data());
+    return Log().substr(before);
+  }
+
+  std::string Log() { return capture_->Out() + capture_->Err(); }
+
+  uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
+
+  RunStateGuard runState_;
+  MiningContext context_;
+  std::vector<std::string> args_;
+  std::vector<char *> argv_;
+  std::unique_ptr<StreamCapture> capture_;
+};
+
+TEST_F(SetupRunTest, WithoutAForcedClockEveryWorkerStartsAtTheDefault) {
+  std::string log = Run({});
+  EXPECT_EQ(log.find("Forc"), std::string::npos) << log;
+  for (size_t i = 0; i < 2; i++) {
+    Worker &worker = *context_.workers[i];
+    EXPECT_EQ(worker.id, i);
+    EXPECT_EQ(worker.targetClockHz, 100000000u);
+  }
+}
+
+TEST_F(SetupRunTest, EveryWorkerIsEnabledAndGetsAThread) {
+  Run({});
+  for (auto &worker : context_.workers) EXPECT_NE(worker->threadHandle, std::thread::id());
+  ASSERT_TRUE(WorkerThreadsEnded());
+  std::string log = Log();
+  // Each thread announces itself under its own tag, and ends only because
+  // it has no board: it found itself enabled.
+  EXPECT_NE(log.find("I/Worker01     : Starting...\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("I/Worker02     : Starting...\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("E/Worker02     : Failed to initialize device, worker shutting down\n"), std::string::npos);
+}
+
+TEST_F(SetupRunTest, ForcedClockWithinRangeAppliesToBothFamilies) {
+  EXPECT_NE(Run({"350"}).find("I/Miner        : Forcing clock to 350 MHz\n"), std::string::npos);
+  EXPECT_EQ(Target(0), 350000000u);
+  EXPECT_EQ(Target(1), 350000000u);
+}
+
+TEST_F(SetupRunTest, WideBoardsAboveTheirLimitFallToTwoHundredFifty) {
+  Run({"351"});
+  EXPECT_EQ(Target(0), 351000000u);
+  EXPECT_EQ(Target(1), 250000000u);
+}
+
+TEST_F(SetupRunTest, OutOfRangeClockIsReportedButStillApplied) {
+  EXPECT_NE(Run({"1000"}).find("I/Miner        : Forced clock 1000 MHz was out of range\n"), std::string::npos);
+  EXPECT_EQ(Target(0), 1000000000u);
+  EXPECT_EQ(Target(1), 250000000u);
+}
+
+TEST_F(SetupRunTest, NegativeClockWrapsAsUnsigned) {
+  EXPECT_NE(Run({"-1"}).find("Forced clock 4294967295 MHz was out of range\n"), std::string::npos);
+  EXPECT_EQ(Target(0), UINT64_MAX * 1000000u);
+  EXPECT_EQ(Target(1), 250000000u);
+}
+
+TEST_F(SetupRunTest, ZeroOrUnreadableClockForcesNothing) {
+  EXPECT_NE(Run({"0"}).find("I/Miner        : Forcing clock to 0 MHz\n"), std::string::npos);
+  EXPECT_EQ(Target(0), 100000000u);
+  EXPECT_EQ(Target(1), 100000000u);
+  EXPECT_NE(Run({"fast"}).find("I/Miner        : Forcing clock to 0 MHz\n"), std::string::npos);
+  EXPECT_EQ(Target(0), 100000000u);
+}
+
+TEST_F(SetupRunTest, PoolSettingsComeFromTheArgumentsWithThePortCutTo16Bits) {
+  std::string log = Run({}, "70000");
+  EXPECT_EQ(context_.algorithm, 0u);
+  EXPECT_STREQ(context_.poolHost, "pool.example.org");
+  EXPECT_EQ(context_.poolPort, 70000 % 65536);
+  EXPECT_STREQ(context_.account, "wallet");
+  EXPECT_STREQ(context_.password, "pw");
+  EXPECT_NE(log.find("I/Miner        : Stratum Config: stratum-tcp://pool.example.org:4464 wallet\n"),
+            std::string::npos)
+      << log;
+}
+
+TEST_F(SetupRunTest, FewArgumentsLeaveThePoolUnsetAndCheckNoAlgorithm) {
+  args_ = {"miner", "anything"};
+  std::string log = RunArgs();
+  EXPECT_EQ(context_.poolHost, nullptr);
+  EXPECT_EQ(log.find("Stratum Config"), std::string::npos);
+  EXPECT_EQ(context_.workers[0]->targetClockHz, 100000000u);
+}
+
+using SetupRunDeathTest = SetupRunTest;
+
+TEST_F(SetupRunDeathTest, UnknownAlgorithmEndsTheProcessWithCodeOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  args_ = {"miner", "recovery", "pool", "3333", "wallet", "pw"};
+  argv_.clear();
+  for (auto &arg : args_) argv_.push_back(arg.data());
+  argv_.push_back(nullptr);
+  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1),
+              "E/Miner        : Algorithm 'recovery' is not known");
+  // Case matters.
+  args_[1] = "CKB";
+  argv_[1] = args_[1].data();
+  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1), "Algorithm 'CKB' is not known");
+}
+
+}  // namespace
