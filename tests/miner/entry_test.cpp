@@ -43,12 +43,14 @@ TEST(EntryTest, DumpEndsAtOnceWithoutLogging) {
   EXPECT_EQ(result.err, "");
 }
 
-TEST(EntryTest, RecoveryWithNoBoardsScansAndExitsCleanly) {
+const char *kNoDeviceList = "E/Miner        : Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?\n";
+
+TEST(EntryTest, RecoveryWithNoBoardsStartsLoggingAndFindsNoDeviceList) {
   auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.exitCode, 1);
   EXPECT_NE(result.out.find("I/LOGGER       : Log level set to Info\n"), std::string::npos);
   EXPECT_NE(result.out.find("I/Miner        : Starting miner\n"), std::string::npos);
-  EXPECT_EQ(result.err, "E/Miner        : Exiting\n");
+  EXPECT_EQ(result.err, kNoDeviceList);
 }
 
 TEST(EntryTest, RecoveryWithFullArgumentsIsNotARecoveryRun) {
@@ -57,17 +59,17 @@ TEST(EntryTest, RecoveryWithFullArgumentsIsNotARecoveryRun) {
   EXPECT_EQ(result.err.find("E/Miner        : Exiting"), std::string::npos);
 }
 
-TEST(EntryTest, NoReadyBoardEndsTheRunWithCodeOne) {
+TEST(EntryTest, NoBoardsEndTheRunWithCodeOne) {
   auto result = RunProcess({Miner(), "ckb", "pool.example.org", "3333", "wallet", "x"}, {EmptyDeviceDir()});
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.err.find("E/Miner        : No device is ready for mining, exiting\n"), std::string::npos);
+  EXPECT_EQ(result.err, kNoDeviceList);
   // It ends before the watchdog starts.
   EXPECT_EQ(result.out.find("Watchdog"), std::string::npos);
 }
 
 TEST(EntryTest, TraceEnvironmentRaisesTheLogLevel) {
   auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir(), "VL_LOG_TRACE=1"});
-  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.exitCode, 1);
   EXPECT_NE(result.out.find("Log level set to Trace"), std::string::npos);
 }
 
