@@ -37,7 +37,7 @@ xdma1 model=10
 xdma2 model=2
 BOARDS
 
-python3 tools/test_pool/pool.py --port 0 --difficulty 0.0002 --notify-interval 30 \
+python3 tools/test_pool/pool.py --port 0 --difficulty 0.001 --notify-interval 30 \
   --stats "$work/pool-stats.json" > "$work/pool.log" 2>&1 &
 pids+=($!)
 port=""

@@ -20,6 +20,7 @@
 #include "miner/scan.h"
 #include "miner/status_console.h"
 #include "miner/watchdog.h"
+#include "stratum/session.h"
 
 Relaxed<uint32_t> g_runState{RunStateRunning};
 
@@ -147,12 +148,12 @@ int MinerMain(int argc, char **argv) {
   VL_LOG(VLLogLevelInfo, kTag, "Using Account: %s", context.account);
   SetConsoleColor(ConsoleColorNormal);
 
-  // The session's state setter joins here with the Stratum client.
-  context.stratumState = 0;
+  StratumSetState(context, Idle);
   MainLoop(context, watchdogCounter);
 
   for (auto &worker : context.workers) worker->enabled = false;
   WaitForWorkersToStop(context, watchdogCounter);
+  StratumShutdown(context);
 
   LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Exiting");
   g_runState = RunStateFinished;

@@ -34,7 +34,8 @@ struct StratumShareCounters {
 };
 
 struct StratumContext {
-  VLJsonRpcClient *rpcClient = nullptr;
+  // Replaced by the console loop after a loss; read by workers to send.
+  Relaxed<VLJsonRpcClient *> rpcClient{nullptr};
   Relaxed<uint32_t> stratumState;
   const char *poolHost = nullptr;
   uint16_t poolPort = 0;
