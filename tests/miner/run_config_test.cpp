@@ -60,9 +60,12 @@ class SetupRunTest : public ::testing::Test {
     for (auto &arg : args_) argv_.push_back(arg.data());
     argv_.push_back(nullptr);
     if (!capture_) capture_ = std::make_unique<StreamCapture>();
-    size_t before = Log().size();
+    // Each stream is cut on its own: worker threads of an earlier call may
+    // still be adding error lines.
+    size_t outBefore = capture_->Out().size();
+    size_t errBefore = capture_->Err().size();
     SetupRun(context_, static_cast<int>(args_.size()), argv_.data());
-    return Log().substr(before);
+    return capture_->Out().substr(outBefore) + capture_->Err().substr(errBefore);
   }
 
   std::string Log() { return capture_->Out() + capture_->Err(); }
