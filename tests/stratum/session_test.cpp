@@ -1,0 +1,242 @@
+// The session against the test pool over real TCP: the exact lines the
+// client sends, its state changes, jobs, shares and reconnection.
+#include "stratum/session.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/logger.h"
+#include "hash/eaglesong.h"
+#include "stratum/job_intake.h"
+#include "stratum/share.h"
+#include "stratum/targets.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct PoolContext : StratumContext {
+  StratumShareCounters counters;
+  StratumShareCounters *ShareCounters(uint64_t worker) override { return worker == 0 ? &counters : nullptr; }
+};
+
+// Every log line, for the state changes and the session's words.
+class LogLines {
+ public:
+  LogLines() {
+    VLLogSetCallback(Record, this);
+  }
+  ~LogLines() { VLLogSetCallback(nullptr, nullptr); }
+  bool Has(const std::string &text) {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (auto &line : lines_) {
+      if (line == text) return true;
+    }
+    return false;
+  }
+  std::vector<std::string> States() {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<std::string> states;
+    for (auto &line : lines_) {
+      if (line.rfind("Stratum state ", 0) == 0) states.push_back(line.substr(14));
+    }
+    return states;
+  }
+
+ private:
+  static void Record(uint32_t, const char *, const char *message, void *self) {
+    auto *lines = static_cast<LogLines *>(self);
+    std::lock_guard<std::mutex> guard(lines->lock_);
+    lines->lines_.push_back(message);
+  }
+  std::mutex lock_;
+  std::vector<std::string> lines_;
+};
+
+// The test pool as a child process on a free port.
+class TestPool {
+ public:
+  explicit TestPool(std::vector<std::string> options) {
+    char dir[] = "/tmp/ombry-pool-XXXXXX";
+    dir_ = mkdtemp(dir);
+    std::string script = std::string(getenv("OMBRY_SOURCE_DIR")) + "/tools/test_pool/pool.py";
+    std::vector<std::string> args = {"python3", script, "--port", "0", "--quiet", "--transcript",
+                                     dir_ + "/transcript", "--stats", dir_ + "/stats.json"};
+    args.insert(args.end(), options.begin(), options.end());
+    int out[2];
+    EXPECT_EQ(pipe(out), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], 1);
+      std::vector<char *> argv;
+      for (auto &arg : args) argv.push_back(arg.data());
+      argv.push_back(nullptr);
+      execvp("python3", argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    FILE *stream = fdopen(out[0], "r");
+    char line[256];
+    while (fgets(line, sizeof line, stream)) {
+      if (const char *at = strstr(line, "listening on 127.0.0.1:")) {
+        port_ = static_cast<uint16_t>(atoi(at + strlen("listening on 127.0.0.1:")));
+        break;
+      }
+    }
+    stream_ = stream;
+  }
+  ~TestPool() {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+    fclose(stream_);
+    std::string command = "rm -rf " + dir_;
+    (void)system(command.c_str());
+  }
+  uint16_t Port() const { return port_; }
+  // The lines the client sent, in order.
+  std::vector<std::string> ClientLines() {
+    std::ifstream file(dir_ + "/transcript");
+    std::vector<std::string> lines;
+    std::string line;
+    while (std::getline(file, line)) {
+      std::istringstream fields(line);
+      std::string connection, direction;
+      fields >> connection >> direction;
+      if (direction == "<") lines.push_back(line.substr(line.find('<') + 2));
+    }
+    return lines;
+  }
+
+ private:
+  std::string dir_;
+  pid_t pid_ = -1;
+  uint16_t port_ = 0;
+  FILE *stream_ = nullptr;
+};
+
+class SessionTest : public ::testing::Test {
+ protected:
+  void Start(std::vector<std::string> options) {
+    pool = std::make_unique<TestPool>(std::move(options));
+    ASSERT_NE(pool->Port(), 0);
+    context.poolHost = "127.0.0.1";
+    context.poolPort = pool->Port();
+    context.account = "wallet.rig";
+    context.password = "x";
+    StratumSetState(context, Idle);
+  }
+  void TearDown() override {
+    StratumShutdown(context);
+  }
+  // Polls as the console loop does, every 100 ms, until `done` or a bound.
+  template <typename Done>
+  bool PollUntil(Done done, int maxPolls = 300) {
+    for (int i = 0; i < maxPolls; i++) {
+      StratumPoll(context, retryCount);
+      if (done()) return true;
+      std::this_thread::sleep_for(100ms);
+    }
+    return false;
+  }
+
+  LogLines log;
+  std::unique_ptr<TestPool> pool;
+  PoolContext context;
+  uint64_t retryCount = 0;
+};
+
+TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
+  Start({"--difficulty", "0.5"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
+                                     !context.CurrentJob()->jobId.empty(); }));
+  std::vector<std::string> sent = pool->ClientLines();
+  ASSERT_GE(sent.size(), 3u);
+  EXPECT_EQ(sent[0], R"({"jsonrpc":"2.0","id":1,"method":"mining.subscribe","params":["testminer","testminer"]})");
+  EXPECT_EQ(sent[1], R"({"jsonrpc":"2.0","id":2,"method":"mining.extranonce.subscribe","params":[]})");
+  EXPECT_EQ(sent[2], R"({"jsonrpc":"2.0","id":3,"method":"mining.authorize","params":["wallet.rig","x"]})");
+  std::vector<std::string> expected = {"Idle -> Idle",          "Idle -> Connecting",
+                                       "Connecting -> Subscribing", "Subscribing -> Subscribed",
+                                       "Subscribed -> Authorizing", "Authorizing -> Authorized",
+                                       "Authorized -> Mining"};
+  EXPECT_EQ(log.States(), expected);
+  EXPECT_GE(context.jobGeneration.load(), 1u);
+  EXPECT_FALSE(context.extranonce1.empty());
+}
+
+TEST_F(SessionTest, RefusedAuthorizationStaysAuthorizing) {
+  Start({"--authorize", "false"});
+  ASSERT_TRUE(PollUntil([&] { return log.Has("Not authorization related message, ignoring: (null)"); }));
+  EXPECT_EQ(context.stratumState, Authorizing);
+}
+
+TEST_F(SessionTest, PreAuthorizationJobIsKeptForMining) {
+  Start({"--notify-before-authorize", "--authorize-delay", "0.5", "--notify-interval", "600"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  EXPECT_TRUE(log.Has("Processed pre-authorization job"));
+  ASSERT_TRUE(context.CurrentJob());
+  EXPECT_FALSE(context.CurrentJob()->jobId.empty());
+  EXPECT_GE(context.jobGeneration.load(), 1u);  // raised by the step to Mining, not by the job
+}
+
+TEST_F(SessionTest, LostConnectionReconnectsWithAFreshSubscribe) {
+  Start({"--close-after", "4"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  // The pool closes after the client's fourth message: a share is that one.
+  SendShare(context, *context.CurrentJob(), "00");
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  std::vector<std::string> states = log.States();
+  EXPECT_NE(std::find(states.begin(), states.end(), "Disconnected -> Idle"), states.end());
+  int subscribes = 0;
+  for (auto &line : pool->ClientLines()) subscribes += line.find("mining.subscribe") != std::string::npos;
+  EXPECT_EQ(subscribes, 2);
+}
+
+// Finds a nonce whose hash the job's target takes.
+uint32_t FindShare(const StratumJob &job, const uint32_t block[4]) {
+  uint32_t header[8];
+  memcpy(header, job.headerHash.data(), sizeof header);
+  for (uint32_t nonce = 0;; nonce++) {
+    uint32_t words[4], digest[8], hash[8];
+    CandidateNonceWords(block, 0, nonce, words);
+    EaglesongHash48(header, words, digest);
+    EaglesongDigestNumber(digest, hash);
+    if (JudgeHash(hash, job.target, job.target).code == CandidateShare) return nonce;
+  }
+}
+
+TEST_F(SessionTest, ClientAndPoolAgreeOnShares) {
+  Start({"--difficulty", "0.00001", "--notify-interval", "600", "--extranonce1", "a1a2a3a4"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
+                                     !context.CurrentJob()->jobId.empty(); }));
+  auto job = context.CurrentJob();
+  ASSERT_EQ(job->extranonce.size(), 4u);
+  // The nonce block as a worker builds it: extranonce, then its nonce word.
+  uint32_t block[4] = {0xa1a2a3a4, 0x07000000, 0, 0};
+  uint32_t nonce = FindShare(*job, block);
+  uint32_t boardTarget[8];
+  memcpy(boardTarget, job->target, sizeof boardTarget);
+  CandidateResult result;
+  SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 7, boardTarget, 0);
+  ASSERT_EQ(result.code, CandidateShare);
+  ASSERT_TRUE(PollUntil([&] { return context.counters.sharesAccepted == 1u; }));
+
+  // The same share again is a duplicate: rejected, and booked as such.
+  SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 7, boardTarget, 0);
+  ASSERT_TRUE(PollUntil([&] { return context.counters.sharesRejected == 1u; }));
+  EXPECT_EQ(context.counters.sharesAccepted, 1u);
+}
+
+}  // namespace
