@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "foundation/relaxed.h"
+#include "miner/flash_image.h"
 
 struct BRYLDMADevice;
 struct VLJsonRpcClient;
@@ -102,8 +104,10 @@ struct MiningContext {
   const char *account = nullptr;
   const char *password = nullptr;
   std::vector<std::unique_ptr<Worker>> workers;
-  // The flash catalogue (flashImages, staticImages) joins here with the
-  // flashing code.
+  // The flash catalogue: the loose images by model, kept but not read again,
+  // and each model's "static.bin", mapped for the whole run.
+  std::map<BoardModel, std::vector<FlashImage>> flashImages;
+  std::map<BoardModel, FlashImage> staticImages;
   std::shared_ptr<StratumJob> currentJob;
   std::atomic<uint64_t> jobGeneration{0};
   std::vector<uint8_t> extranonce1;
