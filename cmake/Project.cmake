@@ -42,5 +42,7 @@ function(ombry_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "OMBRY_BUILD_DIR=${PROJECT_BINARY_DIR};OMBRY_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+    PROPERTIES ENVIRONMENT "OMBRY_BUILD_DIR=${PROJECT_BINARY_DIR}"
+    # A second variable in ENVIRONMENT would be split off by the list above.
+    ENVIRONMENT_MODIFICATION "OMBRY_SOURCE_DIR=set:${PROJECT_SOURCE_DIR}")
 endfunction()
