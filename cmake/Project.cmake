@@ -14,6 +14,17 @@ elseif(NOT SANITIZE STREQUAL "")
   message(FATAL_ERROR "SANITIZE must be empty, address or thread")
 endif()
 
+# OMBRY_FUZZ=ON (clang only): the libFuzzer targets of tests/fuzz. All code
+# is then built with coverage instrumentation, AddressSanitizer and UBSan.
+option(OMBRY_FUZZ "Build the libFuzzer targets (clang only)" OFF)
+if(OMBRY_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "OMBRY_FUZZ needs clang (see scripts/fuzz.sh)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # ombry_library(<name> [DEPS <targets>...])
 # One static library per subsystem folder. Sources are the folder's *.cpp files
 # (globbed, so adding a file needs no edit here); headers are included as

@@ -29,3 +29,4 @@ run_suite build-asan -DSANITIZE=address -DOMBRY_BUILD_BENCH=OFF
 if [ "$tsan" = 1 ]; then
   run_suite build-tsan -DSANITIZE=thread -DOMBRY_BUILD_BENCH=OFF
 fi
+scripts/fuzz.sh

@@ -96,7 +96,10 @@ class BoardControlBlock : public RegisterBlock {
   Fpga &fpga_;
 };
 
-uint32_t Code(double value, double limit) { return static_cast<uint32_t>(std::clamp(std::lround(value), 0L, static_cast<long>(limit))); }
+// A converter's output code: rounded and held within its range.
+uint32_t Code(double value, double limit) {
+  return static_cast<uint32_t>(std::clamp(std::lround(value), 0L, static_cast<long>(limit)));
+}
 
 // 12-bit supply code: full scale is 3 V.
 uint32_t SupplyCode(double volts) { return Code(volts * 4096.0 / 3.0, 4095); }
@@ -196,7 +199,13 @@ void HashCoreBlock::Write(uint32_t offset, uint32_t value) {
   if (offset == kControl) {
     // A flag written back as 0 is acknowledged; the host cannot raise one.
     flags_ &= value & kFlags;
+    bool wasHeld = Held();
     control_ = value & ~kFlags;
+    if (wasHeld != Held()) {
+      epoch_++;
+      // A release starts the counter afresh for the job just loaded.
+      if (!Held()) position_ = 0;
+    }
     return;
   }
   if (offset >= 0x70 && offset <= 0x7C) return;
@@ -206,6 +215,22 @@ void HashCoreBlock::Write(uint32_t offset, uint32_t value) {
 void HashCoreBlock::PostResult(uint32_t slot, uint32_t value) {
   results_[slot & 3] = value;
   flags_ |= 1u << (12 + (slot & 3));
+}
+
+void HashCoreBlock::Advance(uint64_t positions, uint64_t hashes) {
+  position_ += positions;
+  stats_.hashes += hashes;
+}
+
+bool HashCoreBlock::Report(uint32_t value) {
+  for (uint32_t slot = 0; slot < kResultSlots; slot++) {
+    if (flags_ & (1u << (12 + slot))) continue;
+    PostResult(slot, value);
+    stats_.reported++;
+    return true;
+  }
+  stats_.dropped++;
+  return false;
 }
 
 MmcmBlock::MmcmBlock(Fpga &fpga) : fpga_(fpga) {

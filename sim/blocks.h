@@ -17,14 +17,28 @@ namespace sim {
 void MapStandardBlocks(Fpga &fpga);
 
 // One hash core group at 0x4000. Its registers latch what the host writes;
-// the search itself is an engine that drives PostResult().
+// the search itself is an engine (sim/hash_engine.h) that reads the latched
+// job and reports through Report() or PostResult(). All of it is guarded by
+// the card's lock, which the engine takes like the host does.
 class HashCoreBlock : public RegisterBlock {
  public:
+  static constexpr uint32_t kNonceBlock = 0x00;  // four words
+  static constexpr uint32_t kMidstate = 0x24;    // sixteen words
   static constexpr uint32_t kControl = 0x6C;
+  static constexpr uint32_t kTargetHigh = 0x80;
+  static constexpr uint32_t kTargetLow = 0x84;
   static constexpr uint32_t kHold = 1u << 16;
   static constexpr uint32_t kFlags = 0xF000;
+  static constexpr uint32_t kResultSlots = 4;
   static constexpr uint32_t kCounterLow = 0x1DC;
   static constexpr uint32_t kCounterHigh = 0x1E0;
+
+  // What the search has done since power-on.
+  struct SearchStats {
+    uint64_t hashes = 0;
+    uint64_t reported = 0;
+    uint64_t dropped = 0;  // found while all four slots still waited for the host
+  };
 
   explicit HashCoreBlock(Fpga &fpga) : fpga_(fpga) {}
   uint32_t Read(uint32_t offset) override;
@@ -37,12 +51,27 @@ class HashCoreBlock : public RegisterBlock {
   void PostResult(uint32_t slot, uint32_t value);
   uint32_t Flags() const { return flags_; }
 
+  // Moves on at every hold and every release, so that the search can tell
+  // that a batch it computed belongs to a load that is gone.
+  uint64_t Epoch() const { return epoch_; }
+  // Counter positions run since the core was last released; each position
+  // is one nonce on every core.
+  uint64_t Position() const { return position_; }
+  void Advance(uint64_t positions, uint64_t hashes);
+  // Puts `value` in the lowest free result slot; false, and counted as
+  // dropped, when all four still wait for the host's acknowledgement.
+  bool Report(uint32_t value);
+  const SearchStats &Stats() const { return stats_; }
+
  private:
   Fpga &fpga_;
   std::array<uint32_t, 1024> words_{};
-  std::array<uint32_t, 4> results_{};
+  std::array<uint32_t, kResultSlots> results_{};
   uint32_t control_ = 0;
   uint32_t flags_ = 0;
+  uint64_t epoch_ = 0;
+  uint64_t position_ = 0;
+  SearchStats stats_;
 };
 
 // The MMCM's dynamic reconfiguration registers at 0x6000. Written dividers

@@ -274,6 +274,21 @@ std::string Card::Describe() {
              faults.mmcmStuck ? " mmcm_stuck" : "", faults.flashStuck ? " flash_stuck" : "",
              faults.eraseError ? " erase_error" : "", faults.programError ? " program_error" : "");
     text += line;
+    if (const HashCoreBlock *core = fpga->HashCore()) {
+      const HashCoreBlock::SearchStats &stats = core->Stats();
+      const char *engine = spec.search.engine == SearchEngine::Own      ? "own"
+                           : spec.search.engine == SearchEngine::Shared ? "shared"
+                                                                        : "off";
+      snprintf(line, sizeof line,
+               "    search engine=%s ratecap=%g skew=%s held=%d position=%llu hashes=%llu reported=%llu"
+               " dropped=%llu flags=0x%x invalid_nonces=%g ones_nonces=%d\n",
+               engine, spec.search.rateCapMHs,
+               spec.search.skew < 0 ? "auto" : std::to_string(spec.search.skew).c_str(), core->Held(),
+               static_cast<unsigned long long>(core->Position()), static_cast<unsigned long long>(stats.hashes),
+               static_cast<unsigned long long>(stats.reported), static_cast<unsigned long long>(stats.dropped),
+               core->Flags() >> 12, faults.invalidNonces, faults.onesNonces);
+      text += line;
+    }
   }
   return text;
 }

@@ -135,6 +135,30 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     target = number;
     return true;
   }
+  if (key == "invalid_nonces") {
+    if (ParseBool(value, &flag)) return faults.invalidNonces = flag ? 1.0 : 0.0, true;
+    if (!ParseDouble(value, &number) || !(number >= 0.0 && number <= 1.0)) return BadValue(error, key, value);
+    faults.invalidNonces = number;
+    return true;
+  }
+  if (key == "ones_nonces") {
+    if (!ParseBool(value, &flag)) return BadValue(error, key, value);
+    faults.onesNonces = flag;
+    return true;
+  }
+  if (key == "ratecap") {
+    if (value == "off") return fpga.search.rateCapMHs = 0.0, true;
+    if (!ParseDouble(value, &number) || !(number >= 0.0 && number < 1e9)) return BadValue(error, key, value);
+    fpga.search.rateCapMHs = number;
+    return true;
+  }
+  if (key == "skew") {
+    uint32_t skew;
+    if (value == "auto") return fpga.search.skew = -1, true;
+    if (!ParseU32(value, &skew) || skew > 1000) return BadValue(error, key, value);
+    fpga.search.skew = static_cast<int>(skew);
+    return true;
+  }
   if (key == "faults") {
     if (value != "none") return BadValue(error, key, value);
     faults = Faults{};
@@ -230,6 +254,13 @@ bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string 
   if (key == "erase_busy" || key == "program_busy") {
     if (!ParseU32(value, &number)) return BadValue(error, key, value);
     (key == "erase_busy" ? fpga.flash.eraseBusyPolls : fpga.flash.programBusyPolls) = number;
+    return true;
+  }
+  if (key == "engine") {
+    if (value == "own") fpga.search.engine = SearchEngine::Own;
+    else if (value == "shared") fpga.search.engine = SearchEngine::Shared;
+    else if (value == "off") fpga.search.engine = SearchEngine::Off;
+    else return BadValue(error, key, value);
     return true;
   }
   if (key == "refclock") {

@@ -31,6 +31,10 @@ struct Faults {
   bool flashStuck = false;    // the flash chip reads busy for ever
   bool eraseError = false;    // a sector erase sets the erase error bit
   bool programError = false;  // a page program sets the program error bit
+  // The hash core's reports: this share of them (0 to 1) replaced by values
+  // that no core found, or every one of them reported as all ones.
+  double invalidNonces = 0.0;
+  bool onesNonces = false;
 };
 
 // The configuration flash behind the SPI controller at 0x10000.
@@ -40,6 +44,16 @@ struct FlashSpec {
   std::string ckbImage;             // an image that, at the boot address, comes up as CKB 0.004
   uint32_t eraseBusyPolls = 6;      // status reads that a sector erase stays busy for
   uint32_t programBusyPolls = 2;    // the same for a page program
+};
+
+// How the hash core's search runs: on a thread of its own, on the one thread
+// shared by all boards that ask for it, or not at all.
+enum class SearchEngine { Own, Shared, Off };
+
+struct SearchSpec {
+  SearchEngine engine = SearchEngine::Own;
+  double rateCapMHs = 0.0;  // hashes per second in millions, 0 for as fast as the machine goes
+  int skew = -1;            // largest skew of a report either way; -1 for the core count's default
 };
 
 struct ThermalSpec {
@@ -69,6 +83,7 @@ struct FpgaSpec {
   ThermalSpec thermal;
   Faults faults;
   FlashSpec flash;
+  SearchSpec search;
 };
 
 struct CardSpec {

@@ -70,6 +70,8 @@ double Fpga::MmcmOutputHz() const { return mmcm_ ? mmcm_->OutputHz() : 0.0; }
 
 double Fpga::HashClockHz() const { return ClockEnabled() && OutOfReset() ? MmcmOutputHz() : 0.0; }
 
+double Fpga::LoadGHz() const { return HashClockHz() * spec_.cores / 1e9; }
+
 void Fpga::Tick() {
   double now = time_();
   double seconds = now - lastTick_;
@@ -78,7 +80,7 @@ void Fpga::Tick() {
   // The clock that ran since the last access is the one set then.
   double hz = HashClockHz();
   cycles_ += hz * seconds;
-  thermal_.Advance(seconds, hz * spec_.cores / 1e9, spec_.thermal);
+  thermal_.Advance(seconds, LoadGHz(), spec_.thermal);
 }
 
 double Fpga::CoreTemperature() const {
@@ -89,6 +91,8 @@ double Fpga::VrmTemperature() const {
   return spec_.faults.vrmTemperature ? *spec_.faults.vrmTemperature : thermal_.VrmTemperature();
 }
 
-double Fpga::VccInt() const { return thermal_.VccInt(spec_.thermal, spec_.faults.vccintSag); }
+double Fpga::VccInt() const {
+  return Thermal::VccInt(spec_.thermal, LoadGHz(), spec_.faults.vccintSag);
+}
 
 }  // namespace sim

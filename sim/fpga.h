@@ -67,6 +67,8 @@ class Fpga {
   // hash cores: nothing unless enabled and out of reset.
   double MmcmOutputHz() const;
   double HashClockHz() const;
+  // The load that heats the board: clock in GHz times cores.
+  double LoadGHz() const;
 
   // Brings the time-dependent state (temperatures, cycle count) up to now.
   void Tick();

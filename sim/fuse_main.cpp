@@ -24,11 +24,13 @@
 
 #include "sim/card.h"
 #include "sim/config.h"
+#include "sim/hash_engine.h"
 #include "sim/in_process.h"
 
 namespace {
 
 constexpr const char *kControlName = "ombry-sim";
+constexpr int kSearchNiceness = 10;
 
 struct Server {
   std::vector<std::unique_ptr<sim::Card>> cards;
@@ -253,10 +255,17 @@ int main(int argc, char **argv) {
   printf("ombry-sim-fuse: serving %zu boards in %s\n", server.cards.size(), mountPoint.c_str());
   fflush(stdout);
 
+  // The search runs below normal priority, so that serving the nodes and the
+  // miner that reads them keep the processor they need.
+  sim::HashEngine engine(kSearchNiceness);
+  for (const auto &card : server.cards) engine.Add(*card);
+  engine.Start();
+
   fuse_loop_config *config = fuse_loop_cfg_create();
   fuse_loop_cfg_set_max_threads(config, 16);
   int result = fuse_loop_mt(fs, config);
   fuse_loop_cfg_destroy(config);
+  engine.Stop();
 
   fuse_remove_signal_handlers(session);
   fuse_unmount(fs);

@@ -60,11 +60,44 @@ bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<
 InProcessBoards::InProcessBoards(std::string directory, TimeSource time)
     : directory_(WithoutTrailingSlash(std::move(directory))), time_(std::move(time)) {}
 
-InProcessBoards::~InProcessBoards() { Uninstall(); }
+InProcessBoards::~InProcessBoards() {
+  StopSearch();
+  Uninstall();
+}
 
 Card &InProcessBoards::Add(const CardSpec &spec) {
-  std::lock_guard<std::mutex> guard(lock_);
-  return *cards_.emplace_back(std::make_unique<Card>(spec, time_));
+  Card *card;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    card = cards_.emplace_back(std::make_unique<Card>(spec, time_)).get();
+  }
+  // An engine takes its cores at its start, so a running one is started anew.
+  bool searching;
+  {
+    std::lock_guard<std::mutex> guard(searchLock_);
+    searching = engine_ != nullptr;
+  }
+  if (searching) StartSearch(niceness_);
+  return *card;
+}
+
+void InProcessBoards::StartSearch(int niceness) {
+  std::lock_guard<std::mutex> searchGuard(searchLock_);
+  if (engine_) engine_->Stop();
+  niceness_ = niceness;
+  engine_ = std::make_unique<HashEngine>(niceness);
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (const auto &card : cards_) engine_->Add(*card);
+  }
+  engine_->Start();
+}
+
+void InProcessBoards::StopSearch() {
+  std::lock_guard<std::mutex> guard(searchLock_);
+  if (!engine_) return;
+  engine_->Stop();
+  engine_.reset();
 }
 
 bool InProcessBoards::AddList(const std::string &text, std::string *error) {

@@ -11,6 +11,7 @@
 
 #include "board/device_file.h"
 #include "sim/card.h"
+#include "sim/hash_engine.h"
 
 namespace sim {
 
@@ -33,6 +34,11 @@ class InProcessBoards final : public BRYLDMAFileBackend {
   std::string DevicePath(const std::string &name) const { return directory_ + "/" + name; }
   // Changes faults or thermal settings while the boards run: "xdma0 hot=95".
   bool RunCommand(const std::string &line, std::string *error);
+
+  // Starts the hash cores' search on every card, and on cards added later;
+  // StopSearch() (and the destructor) ends it and joins its threads.
+  void StartSearch(int niceness = 0);
+  void StopSearch();
 
   // Becomes the board layer's backend for files opened from now on.
   void Install();
@@ -59,6 +65,9 @@ class InProcessBoards final : public BRYLDMAFileBackend {
   std::vector<std::unique_ptr<OpenNode>> open_;
   bool installed_ = false;
   BRYLDMAFileBackend *previous_ = nullptr;
+  std::mutex searchLock_;  // taken before lock_ where both are held
+  std::unique_ptr<HashEngine> engine_;
+  int niceness_ = 0;
 };
 
 // The node names of a card in a device directory, in a stable order.

@@ -22,6 +22,8 @@
 
 namespace {
 
+constexpr int kSearchNiceness = 10;
+
 void ServeCommands(sim::InProcessBoards *boards, std::string path) {
   // Opened for writing too, so that the pipe never reads as ended between writers.
   int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -84,5 +86,10 @@ int main(int argc, char **argv) {
     }
     std::thread(ServeCommands, boards, std::string(control)).detach();
   }
-  return MinerMain(argc, argv);
+  // Below normal priority, so that the miner's own threads aren't starved by
+  // the boards they drive.
+  boards->StartSearch(kSearchNiceness);
+  int code = MinerMain(argc, argv);
+  boards->StopSearch();
+  return code;
 }

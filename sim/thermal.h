@@ -17,12 +17,11 @@ class Thermal {
 
   double CoreTemperature() const { return core_; }
   double VrmTemperature() const { return vrm_; }
-  double VccInt(const ThermalSpec &spec, double extraSag) const;
+  static double VccInt(const ThermalSpec &spec, double loadGHz, double extraSag);
 
  private:
   double core_;
   double vrm_;
-  double load_ = 0.0;
 };
 
 }  // namespace sim

@@ -14,57 +14,51 @@
 using BoardModel = uint32_t;  // 0: not a supported model
 
 // Register addresses, relative to an FPGA's own window.
-enum : uint32_t {
-  kRegModelIdentity = 0x0000,  // four ASCII characters, most significant first
-  kRegLayoutVersion = 0x0004,  // 0 or 1; all ones on old bitstreams means 0
-  kRegBitstream = 0x0008,      // flags, id, major, minor
-  kRegDnaWord2Layout1 = 0x000C,
-  kRegDnaWord1Layout1 = 0x0010,
-  kRegDnaWord0Layout1 = 0x0014,
-  kRegBoardWordLayout1 = 0x0018,
-  kRegSubDevicePresence = 0x0020,  // models 8 and 9
-  kRegClockControlLayout1 = 0x004C,
-  kRegSubDeviceProbe = 0x0050,  // written 1 before each presence read
-  kRegDnaWord0Layout0 = 0x1000,
-  kRegDnaWord1Layout0 = 0x1008,
-  kRegBoardWord = 0x2000,  // bits 4 to 2: the wide family's exact model
-  kRegClockControl = 0x2008,  // clock bits in layout 0; the LED bits in both layouts
-  kRegXadcTemperature = 0x3200,
-  kRegXadcVccInt = 0x3204,
-  kRegXadcVccAux = 0x3208,
-  kRegXadcAux6 = 0x3258,  // regulator temperature on the wide family
-  kRegXadcConfig0 = 0x3300,
-  kRegXadcSequencer = 0x3324,
-  kRegSysmonTemperature = 0x3400,
-  kRegSysmonVccInt = 0x3404,
-  kRegSysmonVccAux = 0x3408,
-  kRegCoreCounterLow = 0x41DC,
-  kRegCoreCounterHigh = 0x41E0,
-  kRegMmcmBase = 0x6000,
-  kRegDnaWord2Layout0 = 0x7000,
-  kRegI2CBase = 0x9000,
-  kRegSpiBase = 0x10000,
-};
+constexpr uint32_t kRegModelIdentity = 0x0000;  // four ASCII characters, most significant first
+constexpr uint32_t kRegLayoutVersion = 0x0004;  // 0 or 1; all ones on old bitstreams means 0
+constexpr uint32_t kRegBitstream = 0x0008;      // flags, id, major, minor
+constexpr uint32_t kRegDnaWord2Layout1 = 0x000C;
+constexpr uint32_t kRegDnaWord1Layout1 = 0x0010;
+constexpr uint32_t kRegDnaWord0Layout1 = 0x0014;
+constexpr uint32_t kRegBoardWordLayout1 = 0x0018;
+constexpr uint32_t kRegSubDevicePresence = 0x0020;  // models 8 and 9
+constexpr uint32_t kRegClockControlLayout1 = 0x004C;
+constexpr uint32_t kRegSubDeviceProbe = 0x0050;  // written 1 before each presence read
+constexpr uint32_t kRegDnaWord0Layout0 = 0x1000;
+constexpr uint32_t kRegDnaWord1Layout0 = 0x1008;
+constexpr uint32_t kRegBoardWord = 0x2000;  // bits 4 to 2: the wide family's exact model
+constexpr uint32_t kRegClockControl = 0x2008;  // clock bits in layout 0; the LED bits in both layouts
+constexpr uint32_t kRegXadcTemperature = 0x3200;
+constexpr uint32_t kRegXadcVccInt = 0x3204;
+constexpr uint32_t kRegXadcVccAux = 0x3208;
+constexpr uint32_t kRegXadcAux6 = 0x3258;  // regulator temperature on the wide family
+constexpr uint32_t kRegXadcConfig0 = 0x3300;
+constexpr uint32_t kRegXadcSequencer = 0x3324;
+constexpr uint32_t kRegSysmonTemperature = 0x3400;
+constexpr uint32_t kRegSysmonVccInt = 0x3404;
+constexpr uint32_t kRegSysmonVccAux = 0x3408;
+constexpr uint32_t kRegCoreCounterLow = 0x41DC;
+constexpr uint32_t kRegCoreCounterHigh = 0x41E0;
+constexpr uint32_t kRegMmcmBase = 0x6000;
+constexpr uint32_t kRegDnaWord2Layout0 = 0x7000;
+constexpr uint32_t kRegI2CBase = 0x9000;
+constexpr uint32_t kRegSpiBase = 0x10000;
 
 // Bits of the clock control register.
-enum : uint32_t {
-  kClockControlEnable = 1u << 0,
-  kClockControlOutOfReset = 1u << 1,
-  kClockControlLed30 = 1u << 30,
-  kClockControlLed31 = 1u << 31,
-};
+constexpr uint32_t kClockControlEnable = 1u << 0;
+constexpr uint32_t kClockControlOutOfReset = 1u << 1;
+constexpr uint32_t kClockControlLed30 = 1u << 30;
+constexpr uint32_t kClockControlLed31 = 1u << 31;
 
 // XADC set-up at worker start: auxiliary channel 6 in the sequence, full averaging.
 constexpr uint32_t kXadcSequencerAux6 = 1u << 6;
 constexpr uint32_t kXadcConfig0Averaging = 0x3000;
 
 // Offsets in the MMCM block.
-enum : uint32_t {
-  kMmcmStatus = 0x004,
-  kMmcmFeedbackConfig = 0x200,
-  kMmcmOutputConfig = 0x208,
-  kMmcmLoad = 0x25C,
-};
+constexpr uint32_t kMmcmStatus = 0x004;
+constexpr uint32_t kMmcmFeedbackConfig = 0x200;
+constexpr uint32_t kMmcmOutputConfig = 0x208;
+constexpr uint32_t kMmcmLoad = 0x25C;
 constexpr uint32_t kMmcmLoadApply = 3;
 constexpr uint32_t kMmcmLoadBusy = 1;
 
@@ -79,15 +73,13 @@ struct JobSlot {
 constexpr uint32_t JobSlotBase(uint32_t index) { return index < 2 ? (index + 4) << 12 : (index + 5) << 12; }
 
 // Offsets in a hash core block.
-enum : uint32_t {
-  kSlotNonceBlock = 0x00,  // four words, word i at +4i
-  kSlotMidstate = 0x24,    // sixteen words
-  kSlotClear = 0x64,       // written 0 at each job load
-  kSlotControl = 0x6C,     // hold bit, result flags in bits 15 to 12
-  kSlotResultBase = 0x7C,  // result slot i at +0x7C - 4i
-  kSlotTargetHigh = 0x80,
-  kSlotTargetLow = 0x84,
-};
+constexpr uint32_t kSlotNonceBlock = 0x00;  // four words, word i at +4i
+constexpr uint32_t kSlotMidstate = 0x24;    // sixteen words
+constexpr uint32_t kSlotClear = 0x64;       // written 0 at each job load
+constexpr uint32_t kSlotControl = 0x6C;     // hold bit, result flags in bits 15 to 12
+constexpr uint32_t kSlotResultBase = 0x7C;  // result slot i at +0x7C - 4i
+constexpr uint32_t kSlotTargetHigh = 0x80;
+constexpr uint32_t kSlotTargetLow = 0x84;
 constexpr uint32_t kSlotHold = 0x10000;
 constexpr uint32_t kSlotFlagsMask = 0xF000;
 constexpr uint32_t SlotResultOffset(uint32_t index) { return kSlotResultBase - 4 * index; }

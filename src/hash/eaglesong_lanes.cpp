@@ -100,9 +100,16 @@ size_t EaglesongSearch48(const uint32_t input[8], uint32_t nonce_word0, uint32_t
                          const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
                          uint32_t digest_out[8], EaglesongLanePath path) {
   if (count == 0) return 0;
-  const EaglesongLaneKernel kernel = KernelFor(path);
   uint32_t midstate[16];
   EaglesongMidstate(input, midstate);
+  return EaglesongSearchMidstate48(midstate, nonce_word0, nonce_word1, tails, count, bound, digest_out, path);
+}
+
+size_t EaglesongSearchMidstate48(const uint32_t midstate[16], uint32_t nonce_word0, uint32_t nonce_word1,
+                                 const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
+                                 uint32_t digest_out[8], EaglesongLanePath path) {
+  if (count == 0) return 0;
+  const EaglesongLaneKernel kernel = KernelFor(path);
   uint32_t nonces[4][8];
   for (size_t lane = 0; lane < kLanes; ++lane) {
     nonces[0][lane] = nonce_word0;

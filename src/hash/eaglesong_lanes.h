@@ -39,3 +39,10 @@ struct EaglesongNonceTail {
 size_t EaglesongSearch48(const uint32_t input[8], uint32_t nonce_word0, uint32_t nonce_word1,
                          const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
                          uint32_t digest_out[8], EaglesongLanePath path = EaglesongLanePath::Auto);
+
+// The same search from a midstate (EaglesongMidstate, delimiter included)
+// instead of the header: what a party holds that was only given the midstate,
+// such as a board's hash core.
+size_t EaglesongSearchMidstate48(const uint32_t midstate[16], uint32_t nonce_word0, uint32_t nonce_word1,
+                                 const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
+                                 uint32_t digest_out[8], EaglesongLanePath path = EaglesongLanePath::Auto);

@@ -14,10 +14,9 @@
 
 #include "foundation/relaxed.h"
 #include "miner/flash_image.h"
+#include "stratum/stratum_context.h"
 
 struct BRYLDMADevice;
-struct VLJsonRpcClient;
-struct StratumJob;
 
 using BoardModel = uint32_t;
 
@@ -61,7 +60,7 @@ struct BRYLDMADeviceCloser {
 
 // One usable board. Never moved or destroyed while the run lasts; its worker
 // thread owns the board, other threads only poll and set the fields below.
-struct Worker {
+struct Worker : StratumShareCounters {
   std::unique_ptr<BRYLDMADevice, BRYLDMADeviceCloser> device;
   Relaxed<uint64_t> id;
   Relaxed<bool> enabled{false};
@@ -83,8 +82,7 @@ struct Worker {
   Relaxed<uint64_t> found;
   Relaxed<uint64_t> invalid;
   Relaxed<uint64_t> belowBoardTarget;
-  Relaxed<uint64_t> sharesAccepted;
-  Relaxed<uint64_t> sharesRejected;
+  // sharesAccepted and sharesRejected come with StratumShareCounters.
   ShownCounters shownCounters;
   Relaxed<uint32_t> tuning{TuningOff};
   Relaxed<uint32_t> state{WorkerStateWaitingForWork};
@@ -95,27 +93,20 @@ struct Worker {
   std::thread::id threadHandle;
 };
 
-struct MiningContext {
-  VLJsonRpcClient *rpcClient = nullptr;
-  Relaxed<uint32_t> stratumState;
+// The pool's part (connection, state, job, difficulty, extranonce) comes with
+// StratumContext.
+struct MiningContext : StratumContext {
   uint32_t algorithm = 0;
-  const char *poolHost = nullptr;
-  uint16_t poolPort = 0;
-  const char *account = nullptr;
-  const char *password = nullptr;
   std::vector<std::unique_ptr<Worker>> workers;
   // The flash catalogue: the loose images by model, kept but not read again,
   // and each model's "static.bin", mapped for the whole run.
   std::map<BoardModel, std::vector<FlashImage>> flashImages;
   std::map<BoardModel, FlashImage> staticImages;
-  std::shared_ptr<StratumJob> currentJob;
-  std::atomic<uint64_t> jobGeneration{0};
-  std::vector<uint8_t> extranonce1;
-  uint64_t extranonce2Size = 0;
-  double difficulty = 1.0;
-  Relaxed<uint64_t> lastSubmitWorker;
-  uint32_t fixedTargetWord = 0;
   std::mutex lock;  // constructed with the record; no path takes it
+
+  StratumShareCounters *ShareCounters(uint64_t worker) override {
+    return worker < workers.size() ? workers[worker].get() : nullptr;
+  }
 };
 
 // Heap pair handed to a worker thread; the thread frees it on each way out.

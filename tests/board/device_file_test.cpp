@@ -1,0 +1,174 @@
+// The device-file layer on the system backend, over ordinary files in a
+// temporary directory standing in for the driver's nodes.
+#include "board/device_file.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "board/dma_device.h"
+#include "board_fixture.h"
+
+namespace fs = std::filesystem;
+using board_test::LogRecorder;
+
+namespace {
+
+class DeviceFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    BRYLDMASetFileBackend(nullptr);
+    char pattern[] = "/tmp/ombry-devfiles-XXXXXX";
+    dir_ = mkdtemp(pattern);
+    setenv("OMBRY_DEVICE_DIR", dir_.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("OMBRY_DEVICE_DIR");
+    fs::remove_all(dir_);
+  }
+  void Touch(const std::string &name, const std::string &content = "") {
+    std::ofstream(dir_ + "/" + name) << content;
+  }
+  // The four nodes of a board; control register 0 holds a memory-mapped
+  // design's channel identifier.
+  void MakeBoard(const std::string &name) {
+    Touch(name + "_control", std::string("\x06\x00\xc0\x1f", 4));
+    Touch(name + "_user", std::string(16, '\0'));
+    Touch(name + "_h2c_0");
+    Touch(name + "_c2h_0");
+  }
+  static int OpenDescriptors() {
+    int count = 0;
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+      (void)entry;
+      count++;
+    }
+    return count;
+  }
+  static bool DescriptorOpenOn(const std::string &path) {
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (fs::read_symlink(entry.path(), error) == path) return true;
+    }
+    return false;
+  }
+  std::string dir_;
+};
+
+TEST_F(DeviceFileTest, EnumerationListsControlNodesByNumber) {
+  for (const char *name : {"xdma10_control", "xdma2_control", "xdma1_control", "xdma01_control", "xdma3_user",
+                           "xdma_control", "xdmaX_control", "xdma4_controller", "other"}) {
+    Touch(name);
+  }
+  auto devices = BRYLDMAGetDevices();
+  ASSERT_TRUE(devices.has_value());
+  ASSERT_EQ(devices->size(), 4u);
+  // 1 and 01 are the same number; they keep the directory's order between them.
+  std::vector<std::string> ones{(*devices)[0], (*devices)[1]};
+  std::sort(ones.begin(), ones.end());
+  EXPECT_EQ(ones, (std::vector<std::string>{dir_ + "/xdma01", dir_ + "/xdma1"}));
+  EXPECT_EQ((*devices)[2], dir_ + "/xdma2");
+  EXPECT_EQ((*devices)[3], dir_ + "/xdma10");
+}
+
+TEST_F(DeviceFileTest, MissingOrEmptyDirectoryIsAnEmptyListAndUnreadableOneFails) {
+  auto empty = BRYLDMAGetDevices();
+  ASSERT_TRUE(empty.has_value());
+  EXPECT_TRUE(empty->empty());
+
+  setenv("OMBRY_DEVICE_DIR", (dir_ + "/absent").c_str(), 1);
+  auto missing = BRYLDMAGetDevices();
+  ASSERT_TRUE(missing.has_value());
+  EXPECT_TRUE(missing->empty());
+
+  Touch("plain");
+  setenv("OMBRY_DEVICE_DIR", (dir_ + "/plain").c_str(), 1);
+  LogRecorder log;
+  EXPECT_FALSE(BRYLDMAGetDevices().has_value());
+  EXPECT_TRUE(log.Has("DMA_FILE", "GetDevices INVALID_HANDLE_VALUE", VLLogLevelInfo));
+
+  unsetenv("OMBRY_DEVICE_DIR");
+  EXPECT_EQ(BRYLDMADeviceDirectory(), "/dev");
+}
+
+TEST_F(DeviceFileTest, OpenNamesFilesByTypeAndChannelAndReportsFailures) {
+  Touch("xdma0_h2c_3");
+  Touch("xdma0_user");
+  LogRecorder log;
+  BRYLDMAFile *h2c = BRYLDMAFileOpen(dir_ + "/xdma0", BRYLDMAFileH2C, 3);
+  ASSERT_NE(h2c, nullptr);
+  EXPECT_EQ(BRYLDMAFilePath(h2c), dir_ + "/xdma0_h2c_3");
+  EXPECT_EQ(h2c->channel, 3u);
+  BRYLDMAFile *user = BRYLDMAFileOpen(dir_ + "/xdma0", BRYLDMAFileUser, 5);
+  ASSERT_NE(user, nullptr);
+  EXPECT_EQ(user->channel, 0u);  // no channel for control and user
+  BRYLDMAFileClose(h2c);
+  BRYLDMAFileClose(user);
+  BRYLDMAFileClose(nullptr);
+
+  EXPECT_EQ(BRYLDMAFileOpen(dir_ + "/xdma7", BRYLDMAFileUser, 0), nullptr);
+  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - " + dir_ + "/xdma7_user"));
+  EXPECT_EQ(BRYLDMAFileOpen(dir_ + "/xdma0", static_cast<BRYLDMAFileType>(4), 0), nullptr);
+  EXPECT_TRUE(log.Has("DMA_FILE", "Unknown BRYLDMAFileType."));
+}
+
+TEST_F(DeviceFileTest, TransfersArePositionedAndDirectionFollowsType) {
+  Touch("xdma0_user", "0123456789");
+  Touch("xdma0_h2c_0");
+  Touch("xdma0_c2h_0", "abcdef");
+  LogRecorder log;
+  BRYLDMAFile *user = BRYLDMAFileOpen(dir_ + "/xdma0", BRYLDMAFileUser, 0);
+  BRYLDMAFile *h2c = BRYLDMAFileOpen(dir_ + "/xdma0", BRYLDMAFileH2C, 0);
+  BRYLDMAFile *c2h = BRYLDMAFileOpen(dir_ + "/xdma0", BRYLDMAFileC2H, 0);
+  ASSERT_TRUE(user && h2c && c2h);
+
+  char buffer[8] = {};
+  EXPECT_EQ(BRYLDMAFileRead(user, 4, buffer, 4), 4u);
+  EXPECT_EQ(std::string(buffer, 4), "4567");
+  // A short transfer comes back as it is.
+  EXPECT_EQ(BRYLDMAFileRead(c2h, 2, buffer, 8), 4u);
+  EXPECT_EQ(std::string(buffer, 4), "cdef");
+
+  // A position above 4 GiB reaches the file intact, high half included.
+  const uint64_t far = (5ull << 30) + 4;
+  EXPECT_EQ(BRYLDMAFileWrite(h2c, far, "wxyz", 4), 4u);
+  struct stat st {};
+  ASSERT_EQ(stat((dir_ + "/xdma0_h2c_0").c_str(), &st), 0);
+  EXPECT_EQ(static_cast<uint64_t>(st.st_size), far + 4);
+
+  // Against the direction: 0 bytes, a log line, and the buffer untouched.
+  memcpy(buffer, "UNTOUCHD", 8);
+  EXPECT_EQ(BRYLDMAFileRead(h2c, 0, buffer, 4), 0u);
+  EXPECT_EQ(std::string(buffer, 8), "UNTOUCHD");
+  EXPECT_TRUE(log.Has("DMA_FILE", "failed to Read from device: 9"));
+  EXPECT_EQ(BRYLDMAFileWrite(c2h, 0, "zz", 2), 0u);
+  EXPECT_TRUE(log.Has("DMA_FILE", "failed to Write To Device: 9"));
+  EXPECT_TRUE(BRYLDMAFileSeek(user, 3));
+
+  BRYLDMAFileClose(user);
+  BRYLDMAFileClose(h2c);
+  BRYLDMAFileClose(c2h);
+}
+
+TEST_F(DeviceFileTest, DeviceCloseLeavesOnlyTheUserFileOpen) {
+  MakeBoard("xdma0");
+  int before = OpenDescriptors();
+  BRYLDMADevice *device = BRYLDMADeviceOpen(dir_ + "/xdma0", 0);
+  ASSERT_NE(device, nullptr);
+  EXPECT_EQ(OpenDescriptors(), before + 4);
+  // The control word's stream flag is clear: a memory-mapped design.
+  EXPECT_FALSE(device->isStreaming);
+  BRYLDMADeviceClose(device);
+  EXPECT_EQ(OpenDescriptors(), before + 1);
+  EXPECT_TRUE(DescriptorOpenOn(dir_ + "/xdma0_user"));
+  EXPECT_FALSE(DescriptorOpenOn(dir_ + "/xdma0_control"));
+  BRYLDMADeviceClose(nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+// The DMA device against simulated boards: what open accepts, where register
+// and DMA transfers land on the wire, and how a failing board reads.
+#include "board/dma_device.h"
+
+#include <numeric>
+
+#include "board_fixture.h"
+
+using board_test::Boards;
+using board_test::Filter;
+using board_test::LogRecorder;
+using sim::Node;
+
+namespace {
+
+constexpr uint64_t kDmaMemory = 0x100000000ull;  // card memory, above the register windows
+
+TEST(DmaDeviceOpen, MemoryMappedBoardWithEverything) {
+  Boards boards("xdma0 model=7");
+  LogRecorder log;
+  auto device = boards.Open("xdma0");
+  ASSERT_TRUE(device);
+  EXPECT_FALSE(device->isStreaming);
+  EXPECT_FALSE(device->useDmaForRegisters);
+  EXPECT_EQ(device->channelCount, 1u);
+  EXPECT_EQ(device->streamTestCycles, 50u);
+  EXPECT_NE(device->userFile, nullptr);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "Detected XDMA AXI-MM design. (MEMORY MAPPED)", VLLogLevelVerbose));
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "Found h2c_0 and c2h_0.", VLLogLevelVerbose));
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "found total number of channels: 1", VLLogLevelVerbose));
+}
+
+TEST(DmaDeviceOpen, StreamFlagInControlRegisterZero) {
+  Boards boards("xdma0 streaming=1");
+  LogRecorder log;
+  auto device = boards.Open("xdma0");
+  ASSERT_TRUE(device);
+  EXPECT_TRUE(device->isStreaming);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "Detected XDMA AXI-ST design. (STREAMING)", VLLogLevelVerbose));
+}
+
+TEST(DmaDeviceOpen, RefusedWithoutControlFileOrChannelPair) {
+  Boards boards("xdma0 dma=h2c\nxdma1 dma=c2h\nxdma2 dma=none");
+  LogRecorder log;
+  EXPECT_FALSE(boards.Open("xdma9"));
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "Failed to create control device file.", VLLogLevelInfo));
+  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - /ombry-test/xdma9_control"));
+  for (const char *name : {"xdma0", "xdma1", "xdma2"}) EXPECT_FALSE(boards.Open(name)) << name;
+  EXPECT_EQ(log.Count("No DMA channels found!"), 3u);
+}
+
+TEST(DmaDeviceOpen, MissingUserFileMeansRegistersByDma) {
+  Boards boards("xdma0 user=0 model=9 bitstream=0x000C0004");
+  boards.Card("xdma0").SetTracing(true);
+  LogRecorder log;
+  auto device = boards.Open("xdma0");
+  ASSERT_TRUE(device);
+  EXPECT_TRUE(device->useDmaForRegisters);
+  EXPECT_EQ(device->userFile, nullptr);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "User file not available, will use DMA instead", VLLogLevelInfo));
+  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - /ombry-test/xdma0_user"));
+
+  boards.Card("xdma0").TakeTrace();
+  EXPECT_EQ(BRYLDMADeviceRead(device.get(), device->userFile, 8), 0x000C0004u);
+  EXPECT_TRUE(BRYLDMADeviceWrite(device.get(), device->userFile, 0x4C, 3));
+  EXPECT_EQ(BRYLDMADeviceRead(device.get(), device->userFile, 0x4C), 3u);
+  auto trace = boards.Card("xdma0").TakeTrace();
+  ASSERT_EQ(Filter(trace, Node::C2H, false).size(), 2u);
+  EXPECT_EQ(Filter(trace, Node::C2H, false)[0].position, 8u);
+  ASSERT_EQ(Filter(trace, Node::H2C, true).size(), 1u);
+  EXPECT_EQ(Filter(trace, Node::H2C, true)[0].position, 0x4Cu);
+}
+
+TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWire) {
+  Boards boards(
+      "xdma0 model=9 subdevices=1,2,3\n"
+      "xdma0.1 bitstream=0x000C0001\n"
+      "xdma0.3 bitstream=0x000C0003\n"
+      "xdma1 model=9 user=0 subdevices=2\n"
+      "xdma1.2 bitstream=0x000C0002\n");
+  sim::Card &card = boards.Card("xdma0");
+  card.SetTracing(true);
+  auto sub1 = boards.Open("xdma0", 1);
+  auto sub3 = boards.Open("xdma0", 3);
+  ASSERT_TRUE(sub1 && sub3);
+  // The control word at open is read unshifted, for every sub-device.
+  auto opening = Filter(card.TakeTrace(), Node::Control, false);
+  ASSERT_EQ(opening.size(), 2u);
+  EXPECT_EQ(opening[0].position, 0u);
+  EXPECT_EQ(opening[1].position, 0u);
+
+  EXPECT_EQ(BRYLDMADeviceRead(sub1.get(), sub1->userFile, 8), 0x000C0001u);
+  EXPECT_EQ(BRYLDMADeviceRead(sub3.get(), sub3->userFile, 8), 0x000C0003u);
+  EXPECT_EQ(BRYLDMADeviceRead(sub1.get(), sub1->controlFile, 0) & 0xFFFF0000u, 0x1FC00000u);
+  auto reads = Filter(card.TakeTrace(), Node::User, false);
+  ASSERT_EQ(reads.size(), 2u);
+  EXPECT_EQ(reads[0].position, 0x20008u);
+  EXPECT_EQ(reads[1].position, 0x60008u);
+
+  // By DMA both shifts apply: 2 << 36 for the FPGA, 2 << 17 for its window.
+  sim::Card &dmaCard = boards.Card("xdma1");
+  auto sub2 = boards.Open("xdma1", 2);
+  ASSERT_TRUE(sub2);
+  dmaCard.SetTracing(true);
+  EXPECT_EQ(BRYLDMADeviceRead(sub2.get(), sub2->userFile, 8), 0x000C0002u);
+  auto dma = Filter(dmaCard.TakeTrace(), Node::C2H, false);
+  ASSERT_EQ(dma.size(), 1u);
+  EXPECT_EQ(dma[0].position, (2ull << 36) + (2ull << 17) + 8);
+  EXPECT_EQ(dma[0].size, 4u);
+}
+
+TEST(DmaDeviceTransfers, ChunksOfEightMebibytesAndDataRoundTrip) {
+  Boards boards("xdma0\nxdma1 subdevices=1");
+  sim::Card &card = boards.Card("xdma0");
+  auto device = boards.Open("xdma0");
+  ASSERT_TRUE(device);
+  card.SetTracing(true);
+
+  std::vector<uint8_t> out(kDmaChunkBytes + 1);
+  std::iota(out.begin(), out.end(), 7);
+  std::vector<uint8_t> exact(kDmaChunkBytes);
+  EXPECT_EQ(BRYLDMADeviceDmaRead(device.get(), 0, kDmaMemory, exact.data(), exact.size()), kDmaChunkBytes);
+  auto one = card.TakeTrace();
+  EXPECT_EQ(one.size(), 1u);
+
+  EXPECT_EQ(BRYLDMADeviceDmaWrite(device.get(), 0, kDmaMemory, out.data(), out.size()), out.size());
+  auto writes = Filter(card.TakeTrace(), Node::H2C, true);
+  ASSERT_EQ(writes.size(), 2u);
+  EXPECT_EQ(writes[0].size, kDmaChunkBytes);
+  EXPECT_EQ(writes[1].position, kDmaMemory + kDmaChunkBytes);
+  EXPECT_EQ(writes[1].size, 1u);
+
+  std::vector<uint8_t> in(out.size());
+  EXPECT_EQ(BRYLDMADeviceDmaRead(device.get(), 0, kDmaMemory, in.data(), in.size()), in.size());
+  EXPECT_EQ(in, out);
+
+  // A sub-device's DMA space starts at its index shifted by 36.
+  auto sub = boards.Open("xdma1", 1);
+  ASSERT_TRUE(sub);
+  boards.Card("xdma1").SetTracing(true);
+  uint8_t byte = 0x5A;
+  BRYLDMADeviceDmaWrite(sub.get(), 0, kDmaMemory, &byte, 1);
+  auto subWrites = boards.Card("xdma1").TakeTrace();
+  ASSERT_EQ(subWrites.size(), 1u);
+  EXPECT_EQ(subWrites[0].position, (1ull << 36) + kDmaMemory);
+}
+
+TEST(DmaDeviceRegisters, FailingBoardReadsAsZeroAndOthersCarryOn) {
+  Boards boards("xdma0 model=9 subdevices=1\nxdma1 model=7 bitstream=0x000C0004");
+  auto primary = boards.Open("xdma0");
+  auto sub = boards.Open("xdma0", 1);
+  auto other = boards.Open("xdma1");
+  ASSERT_TRUE(primary && sub && other);
+  LogRecorder log;
+
+  boards.Run("xdma0.1 read_fail=1");
+  EXPECT_EQ(BRYLDMADeviceRead(sub.get(), sub->userFile, 8), 0u);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "read control failed. 00020008", VLLogLevelInfo));
+  EXPECT_EQ(BRYLDMADeviceRead(primary.get(), primary->userFile, 8), 0x000C0004u);
+
+  boards.Run("xdma0 read_error=1");
+  EXPECT_EQ(BRYLDMADeviceRead(primary.get(), primary->userFile, 0), 0u);
+  EXPECT_TRUE(log.Has("DMA_FILE", "failed to Read from device: 5"));
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "read control failed. 00000000"));
+
+  boards.Run("xdma0 faults=none all_ones=1");
+  EXPECT_EQ(BRYLDMADeviceRead(primary.get(), primary->userFile, 8), 0xFFFFFFFFu);
+  EXPECT_EQ(BRYLDMADeviceRead(other.get(), other->userFile, 8), 0x000C0004u);
+
+  boards.Run("xdma0 faults=none");
+  EXPECT_EQ(BRYLDMADeviceRead(primary.get(), primary->userFile, 8), 0x000C0004u);
+}
+
+}  // namespace

@@ -1,0 +1,322 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "foundation/json.h"
+#include "foundation/object.h"
+#include "foundation/text.h"
+#include "foundation/show.h"
+
+namespace {
+
+std::string Serialize(const VLObject *obj) {
+  VLRef text(VLObjectSerialize(obj, VLFormatJson));
+  return text ? std::string(VLStringChars(text.get()), VLStringLength(text.get())) : "<null>";
+}
+
+using Cases = std::vector<std::pair<std::string, std::string>>;
+
+void ExpectParses(const Cases &cases) {
+  for (const auto &[input, expected] : cases) EXPECT_EQ(ParseShow(input), expected) << "input: " << input;
+}
+
+TEST(JsonReader, SkipsWhatItDoesNotKnowAndNeedsNoPunctuation) {
+  ExpectParses({
+      {R"({"a":1,"b":[true,null,"x"]})", R"({"a":u64:1,"b":[true,null,"x"]})"},
+      {"[1 2 3]", "[u64:1,u64:2,u64:3]"},
+      {"[1;2 ; @ 3]", "[u64:1,u64:2,u64:3]"},
+      {R"({"a" "b" "c" "d"})", R"({"a":"b","c":"d"})"},
+      {"[1,2}", "[u64:1,u64:2]"},  // a brace closes an array too
+      {R"({"a":})", "{}"},
+      {R"({"a":1,"a":2,"b":3})", R"({"a":u64:2,"b":u64:3})"},  // a duplicate keeps its place
+      {R"({[1]:2})", "{[u64:1]:u64:2}"},                        // any value can be a key
+  });
+}
+
+TEST(JsonReader, LiteralsAreDecidedByTheirFirstByte) {
+  ExpectParses({
+      {"[true, false, null]", "[true,false,null]"},
+      {"[TRUE, False, Nope]", "[true,false,null]"},
+      // The rest of a word is skipped byte by byte, and a starting letter
+      // inside it begins a new literal.
+      {"[tx, fuzzy, nothing]", "[true,false,null,true,null]"},
+      {"[tiff]", "[true,false,false]"},
+  });
+}
+
+TEST(JsonReader, NumbersGoThroughADouble) {
+  ExpectParses({
+      {"[-5]", "[i32:-5]"},
+      {"[-5000000000]", "[i32:-2147483648]"},
+      {"[1.5, 2., -0.25]", "[real:1.5,real:2,real:-0.25]"},
+      {"[1e5]", "[u64:100000,u64:5]"},  // the exponent is read, then scanned again
+      {"[4294967296]", "[u64:4294967296]"},
+      {"[9007199254740993]", "[u64:9007199254740992]"},  // precision ends at 2^53
+      {"[9223372036854775808]", "[u64:9223372036854775808]"},
+      {"[18446744073709551615]", "[u64:0]"},  // rounds up to 2^64, which wraps
+      {"[007]", "[u64:7]"},
+  });
+}
+
+TEST(JsonReader, StringEscapesKeepTheProgramsOwnDecoding) {
+  ExpectParses({
+      {R"(["\f\r"])", R"(["\x14\x13"])"},
+      {R"(["\b\n\t\/\"\\\q"])", R"(["\x08\x0A\x09/"\q"])"},
+      {R"(["\u00e9"])", R"(["\xE9"])"},
+      {R"(["\u20ac"])", R"([" \xAC"])"},
+      {R"(["\u00A9"])", R"(["\xA9"])"},  // below 192: one byte
+      {R"(["\u0041\u0000B"])", R"(["AB"])"},
+      // Inside \u a non-hex byte ends the escape as content, even a quote;
+      // decoding then finds the escape too short and drops it with one byte.
+      {R"(["a\u"b" "c"])", R"(["ab","c"])"},
+      {R"(["ab\u12"])", "[]"},  // the closing quote was taken into the escape
+      {"[\"caf\xC3\xA9\"]", R"(["caf\xC3\xA9"])"},
+  });
+}
+
+TEST(JsonUnescape, ShortUnicodeEscapesDropOneByte) {
+  auto unescape = [](const char *text) { return Show(VLRef(VLStringJsonUnescape(text, strlen(text))).get()); };
+  EXPECT_EQ(unescape("ab\\u12"), R"("ab2")");
+  EXPECT_EQ(unescape("ab\\u"), R"("ab")");
+  EXPECT_EQ(unescape("\\uzz41"), R"("\x1AA")");  // a non-digit enters with its character code
+  EXPECT_EQ(unescape("x\\"), R"("x")");
+}
+
+TEST(JsonReader, TruncatedInputKeepsWhatWasComplete) {
+  ExpectParses({
+      {"[1,2", "[u64:1]"},
+      {"[1,2 ", "[u64:1,u64:2]"},
+      {R"({"a":1,"b":[2,3)", R"({"a":u64:1,"b":[u64:2]})"},
+      {R"({"a":1,"b")", R"({"a":u64:1})"},
+      {R"(["done","unterminated)", R"(["done"])"},
+      {R"("unterminated)", "<nullptr>"},
+      {"[tru", "[true]"},
+      {"[t", "[]"},
+  });
+}
+
+TEST(JsonReader, FormatIsChosenOnTheFirstBytesOnly) {
+  ExpectParses({
+      {R"(  {"a":1})", "<nullptr>"},  // leading blanks go to the XML reader
+      {"42", "<nullptr>"},
+      {"true", "<nullptr>"},
+      {"[", "<nullptr>"},
+      {R"("x")", R"("x")"},
+      {"", "<nullptr>"},
+  });
+  VLRef data(VLDataCreate("[7]", 3));
+  VLRef parsed(VLObjectParse(data.get()));
+  EXPECT_EQ(Show(parsed.get()), "[u64:7]");
+  VLRef number(VLNumberCreateUInt32(1));
+  EXPECT_EQ(VLObjectParse(number.get()), nullptr);
+  EXPECT_EQ(VLObjectParse(nullptr), nullptr);
+}
+
+TEST(JsonReader, ReadsWhatAPoolSends) {
+  const std::string hash = "d1bc1f5eab1d8b6c8a2bd7e84e7e2fda0a8c8e0c5a2e7d2a6d5e4c3b2a190807";
+  const std::string target = "0000ffff00000000000000000000000000000000000000000000000000000000";
+  ExpectParses({
+      {R"({"id":1,"result":[[["mining.set_difficulty","0.5"],["mining.notify","ae68"]],"08000002",4],"error":null})",
+       R"({"id":u64:1,"result":[[["mining.set_difficulty","0.5"],["mining.notify","ae68"]],"08000002",u64:4],"error":null})"},
+      {R"({"id":null,"method":"mining.notify","params":["1a2b",")" + hash + R"(",1234567,")" + hash + R"(",true]})",
+       R"({"id":null,"method":"mining.notify","params":["1a2b",")" + hash + R"(",u64:1234567,")" + hash + R"(",true]})"},
+      {R"({"id":null,"method":"mining.set_target","params":[")" + target + R"("]})",
+       R"({"id":null,"method":"mining.set_target","params":[")" + target + R"("]})"},
+      {R"({"id":4,"result":null,"error":[21,"Job not found",null]})",
+       R"({"id":u64:4,"result":null,"error":[u64:21,"Job not found",null]})"},
+      {R"({"id":5,"result":false,"error":{"code":-32601,"message":"Method not found"}})",
+       R"({"id":u64:5,"result":false,"error":{"code":i32:-32601,"message":"Method not found"}})"},
+      {"{\"id\":3,\"result\":true,\"error\":null}\r", R"({"id":u64:3,"result":true,"error":null})"},
+  });
+}
+
+// The saved configuration, byte for byte.
+TEST(JsonWriter, WritesTheSavedConfigurationLayoutExactly) {
+  auto device = [](const char *model, const char *dna, double clock, bool disabled) {
+    VLObject *entry = VLDictionaryCreate(4);
+    VLRef m(VLStringCreate(model, 0)), d(VLStringCreate(dna, 0)), c(VLNumberCreateReal(clock));
+    VLRef off(VLNumberCreateBool(disabled));
+    VLDictionarySet(entry, m.get(), VLStringConstant("model"));
+    VLDictionarySet(entry, d.get(), VLStringConstant("dna"));
+    VLDictionarySet(entry, c.get(), VLStringConstant("clock"));
+    VLDictionarySet(entry, off.get(), VLStringConstant("disabled"));
+    return entry;
+  };
+  VLRef devices(VLArrayCreate(1));
+  VLRef first(device("MODEL", "DNA", 500.0, false));
+  VLArrayAppend(devices.get(), first.get());
+  VLRef config(VLDictionaryCreate(1));
+  VLDictionarySet(config.get(), devices.get(), VLStringConstant("devices"));
+  EXPECT_EQ(Serialize(config.get()),
+            "{\n"
+            "  \"devices\":  [\n"
+            "    {\n"
+            "      \"model\":      \"MODEL\",\n"
+            "      \"dna\":      \"DNA\",\n"
+            "      \"clock\":      500.000000,\n"
+            "      \"disabled\":      false\n"
+            "    }\n"
+            "  ]\n"
+            "}\n");
+
+  VLRef second(device("X", "0123", 262.5, true));
+  VLArrayAppend(devices.get(), second.get());
+  std::string two = Serialize(config.get());
+  EXPECT_NE(two.find("      \"disabled\":      false\n    },\n    {\n      \"model\":      \"X\",\n"), std::string::npos);
+  EXPECT_NE(two.find("      \"clock\":      262.500000,\n      \"disabled\":      true\n    }\n  ]\n}\n"), std::string::npos);
+}
+
+TEST(JsonWriter, WritesEachTagInItsOwnForm) {
+  VLRef empty_array(VLArrayCreate(0));
+  VLRef empty_dictionary(VLDictionaryCreate(0));
+  VLRef minus(VLNumberCreateInt32(static_cast<uint32_t>(-7)));
+  VLRef big(VLNumberCreateUInt64(18446744073709551615ull));
+  VLRef unsigned32(VLNumberCreateUInt32(4294967295u));
+  VLRef bytes(VLDataCreate("\x01\x02\xff", 3));
+  VLRef null_value(VLNullCreate());
+  VLRef range(VLRangeCreate(3, 4));
+  VLRef items(VLArrayCreateWith(minus.get(), big.get(), unsigned32.get(), bytes.get(), null_value.get(), range.get(),
+                                empty_array.get(), empty_dictionary.get(), nullptr));
+  EXPECT_EQ(Serialize(items.get()),
+            "[\n"
+            "  -7,\n"
+            "  18446744073709551615,\n"
+            "  4294967295,\n"
+            "  \"AQL/\",\n"
+            "  null,\n"
+            "  \"{3, 4}\",\n"
+            "  [\n"
+            "  ],\n"
+            "  {\n"
+            "  }\n"
+            "]\n");
+  VLRef text(VLStringCreate("q\"b\\s/\x01\n\x1f\xc3\xa9", 0));
+  EXPECT_EQ(Serialize(text.get()), "\"q\\\"b\\\\s/\\u0001\\u000A\\u001F\xc3\xa9\"\n");
+  EXPECT_EQ(VLObjectSerialize(text.get(), VLFormatBinaryPlist), nullptr);
+}
+
+TEST(JsonWriter, NonStringKeysGetNoColonAndStillReadBack) {
+  VLRef dictionary(VLDictionaryCreate(2));
+  VLRef key(VLNumberCreateUInt32(5)), value(VLStringCreate("v", 0));
+  VLDictionarySet(dictionary.get(), value.get(), key.get());
+  EXPECT_EQ(Serialize(dictionary.get()), "{\n  5  \"v\"\n}\n");
+  VLRef text(VLObjectSerialize(dictionary.get(), VLFormatJson));
+  VLRef back(VLObjectParse(text.get()));
+  EXPECT_EQ(Show(back.get()), R"({u64:5:"v"})");
+}
+
+TEST(JsonRoundTrip, KeepsStructureAndNormalisesKinds) {
+  VLRef source(ReadJson(R"({"s":"line\nfeed\u0001","n":[-3,4,2.5,true,null],"d":{}})"));
+  ASSERT_TRUE(source);
+  VLRef bytes(VLDataCreate("hello", 5));
+  VLDictionarySet(source.get(), bytes.get(), VLStringConstant("data"));
+  VLRef text(VLObjectSerialize(source.get(), VLFormatJson));
+  EXPECT_NE(std::string(VLStringChars(text.get())).find("\\u000A"), std::string::npos);
+  VLRef back(VLObjectParse(text.get()));
+  // Data comes back as its base64 text; everything else as it was.
+  EXPECT_EQ(Show(back.get()),
+            R"({"s":"line\x0Afeed\x01","n":[i32:-3,u64:4,real:2.5,true,null],"d":{},"data":"aGVsbG8="})");
+}
+
+TEST(JsonRpcText, WhitespaceRemovalGivesTheWireForm) {
+  VLRef request(VLDictionaryCreate(4));
+  VLRef params(VLArrayCreateWith(VLStringConstant("testminer"), VLStringConstant("testminer"), nullptr));
+  VLRef method(VLStringCreate("mining.subscribe", 0));
+  VLDictionarySet(request.get(), VLStringConstant("2.0"), VLStringConstant("jsonrpc"));
+  VLDictionarySet(request.get(), VLNumberConstant(VLNumberUInt32, 1, 0, 0), VLStringConstant("id"));
+  VLDictionarySet(request.get(), method.get(), VLStringConstant("method"));
+  VLDictionarySet(request.get(), params.get(), VLStringConstant("params"));
+  VLRef text(VLObjectSerialize(request.get(), VLFormatJson));
+  VLRef line(VLStringRemoveWhitespace(text.get()));
+  EXPECT_STREQ(VLStringChars(line.get()),
+               R"({"jsonrpc":"2.0","id":1,"method":"mining.subscribe","params":["testminer","testminer"]})");
+}
+
+// Runs `body` on a thread whose stack was painted beforehand, and returns how
+// many bytes of that stack it touched.
+template <typename Body>
+size_t StackUsedBy(Body body) {
+  constexpr size_t kSize = 8 << 20;
+  void *stack = nullptr;
+  EXPECT_EQ(posix_memalign(&stack, 4096, kSize), 0);
+  memset(stack, 0xA5, kSize);
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstack(&attributes, stack, kSize);
+  pthread_t thread;
+  auto run = [](void *argument) -> void * {
+    (*static_cast<Body *>(argument))();
+    return nullptr;
+  };
+  EXPECT_EQ(pthread_create(&thread, &attributes, run, &body), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  size_t untouched = 0;
+  while (untouched < kSize && static_cast<uint8_t *>(stack)[untouched] == 0xA5) ++untouched;
+  free(stack);
+  return kSize - untouched;
+}
+
+std::string Nested(uint32_t depth, const char *inner) {
+  return std::string(depth, '[') + inner + std::string(depth, ']');
+}
+
+uint32_t ArrayDepth(const VLObject *value) {
+  uint32_t depth = 0;
+  for (; VLObjectType(value) == VLTypeArray; value = VLArrayGet(value, 0)) ++depth;
+  return depth;
+}
+
+// A peer controls the nesting of what the reader builds; nothing that walks a
+// value may need stack in proportion to its depth.
+TEST(DeepNesting, ReadingCopyingAndReleasingUseNoStackPerLevel) {
+  uint32_t depth = 0;
+  auto read_copy_release = [&depth](uint32_t levels) {
+    std::string text = Nested(levels, "1") + std::string(levels, '{');  // and an unterminated flood
+    return StackUsedBy([&] {
+      VLRef parsed(VLJsonRead(text.data(), static_cast<uint32_t>(text.size())));
+      VLRef copy(VLObjectCopy(parsed.get()));
+      depth = ArrayDepth(copy.get());
+      VLRef open_only(VLJsonRead(text.data() + 2 * levels + 1, levels));
+      EXPECT_EQ(VLDictionaryCount(open_only.get()), 0u);  // no key was ever completed
+    });
+  };
+  size_t shallow = read_copy_release(10);
+  EXPECT_EQ(depth, 10u);
+  size_t deep = read_copy_release(200000);
+  EXPECT_EQ(depth, 200000u);
+  EXPECT_LT(deep, shallow + 1024);
+}
+
+TEST(DeepNesting, WritingAndDescribingUseNoStackPerLevel) {
+  // The indents make the text quadratic in the depth, so this depth is smaller.
+  uint64_t written_length = 0;
+  uint32_t round_trip_depth = 0;
+  std::string described_tail;
+  auto write_describe = [&](uint32_t levels) {
+    std::string text = Nested(levels, "1");
+    VLRef parsed(VLJsonRead(text.data(), static_cast<uint32_t>(text.size())));
+    return StackUsedBy([&] {
+      VLRef written(VLObjectSerialize(parsed.get(), VLFormatJson));
+      written_length = VLStringLength(written.get());
+      VLRef back(VLObjectParse(written.get()));
+      round_trip_depth = ArrayDepth(back.get());
+      VLRef described(VLObjectDescribe(parsed.get()));
+      std::string all = VLStringChars(described.get());
+      described_tail = all.substr(all.size() - 12);
+    });
+  };
+  size_t shallow = write_describe(10);
+  size_t deep = write_describe(500);
+  EXPECT_LT(deep, shallow + 1024);
+  // Each level's two lines carry its indent; the innermost line holds the 1.
+  EXPECT_EQ(written_length, 2u * 501 * 501);
+  EXPECT_EQ(round_trip_depth, 500u);
+  EXPECT_EQ(described_tail, "  ),\n  ),\n)\n");
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/json.h"
+#include "foundation/plist.h"
+#include "foundation/show.h"
+
+namespace {
+
+TEST(XmlPlist, ReadsTheElements) {
+  const char *document =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//x//DTD PLIST 1.0//EN\" \"x\">\n"
+      "<plist version=\"1.0\">\n"
+      "<dict>\n"
+      "  <key>name</key><string>a &amp; b</string>\n"
+      "  <key>count</key><integer>-1</integer>\n"
+      "  <key>ratio</key><real>2.5</real>\n"
+      "  <key>on</key><true/>\n"
+      "  <key>off</key><false></false>\n"
+      "  <key>blob</key><data>\n    AAH/\n  </data>\n"
+      "  <key>list</key><array><string></string><integer>7.9</integer></array>\n"
+      "</dict>\n"
+      "</plist>\n";
+  EXPECT_EQ(ParseShow(document),
+            R"({"name":"a &amp; b","count":u32:4294967295,"ratio":real:2.5,"on":true,"off":false,)"
+            R"("blob":<0001ff>,"list":["",u32:7]})");
+}
+
+TEST(XmlPlist, TagsMatchByTheirBeginning) {
+  // "dict/" opens a dictionary, which then takes the elements that follow.
+  EXPECT_EQ(ParseShow("<array><dict/><key>k</key><string>v</string></array>"), R"([{"k":"v"}])");
+  EXPECT_EQ(ParseShow("<keyring>v</keyring>"), R"("v")");
+  EXPECT_EQ(ParseShow("<array><integer>1</integer><integer>2"), "[u32:1]");  // cut off: the leaf is lost
+  EXPECT_EQ(ParseShow("no tags at all"), "<nullptr>");
+}
+
+// Builds a binary property list: objects in order, one-byte offsets and references.
+std::string BinaryPlist(const std::vector<std::string> &objects, uint64_t object_count_override = 0) {
+  std::string out = "bplist00";
+  std::vector<uint8_t> offsets;
+  for (const auto &object : objects) {
+    offsets.push_back(static_cast<uint8_t>(out.size()));
+    out += object;
+  }
+  uint64_t table = out.size();
+  for (uint8_t offset : offsets) out += static_cast<char>(offset);
+  std::string trailer(32, '\0');
+  trailer[6] = 1;
+  trailer[7] = 1;
+  uint64_t count = object_count_override ? object_count_override : objects.size();
+  for (int i = 0; i < 8; ++i) {
+    trailer[8 + i] = static_cast<char>(count >> (56 - 8 * i));
+    trailer[24 + i] = static_cast<char>(table >> (56 - 8 * i));
+  }
+  return out + trailer;
+}
+
+std::string ParseBinary(const std::string &bytes) {
+  VLRef data(VLDataCreate(bytes.data(), static_cast<uint32_t>(bytes.size())));
+  return Show(VLRef(VLObjectParse(data.get())).get());
+}
+
+TEST(BinaryPlist, ReadsObjectsThroughTheOffsetTable) {
+  std::string plist = BinaryPlist({
+      std::string("\xD3\x01\x02\x03\x04\x05\x06", 7),  // dict of 3: keys 1,2,3, values 4,5,6
+      "\x51k",
+      std::string("\x61\x00\xE9", 3),                  // UTF-16 "é"
+      "\x50",                                           // empty ASCII string
+      std::string("\xA3\x07\x08\x09", 4),              // array of refs 7, 8, 9
+      std::string("\x13\x00\x00\x00\x01\x00\x00\x00\x02", 9),
+      std::string("\x23\x3F\xF8\x00\x00\x00\x00\x00\x00", 9),
+      "\x09",
+      std::string("\x11\x01\x02", 3),
+      std::string("\x42\xAB\xCD", 3),
+  });
+  EXPECT_EQ(ParseBinary(plist), R"({"k":[true,u32:258,<abcd>],"\xC3\xA9":u64:4294967298,"":real:1.5})");
+}
+
+TEST(BinaryPlist, RefusesCyclesBadReferencesAndShortInput) {
+  // An array that holds itself.
+  EXPECT_EQ(ParseBinary(BinaryPlist({std::string("\xA1\x00", 2)})), "<nullptr>");
+  // A reference past the object count resolves to offset 0, whose 'b' marker
+  // reads as a UTF-16 string of the next four bytes.
+  EXPECT_EQ(ParseBinary(BinaryPlist({"\xA1\x05"})), R"(["\xE7\x81\xAC\xE6\xA5\xB3"])");
+  EXPECT_EQ(ParseBinary(BinaryPlist({std::string("\xA1\x00", 2)}, 0x7FFFFFFFFFFFFFFF)), "<nullptr>");
+  // Forty levels that each reference the next one twice would build 2^40
+  // leaves; the object budget ends that quickly.
+  std::vector<std::string> chain;
+  for (int level = 0; level < 40; ++level) {
+    chain.push_back(std::string("\xA2") + static_cast<char>(level + 1) + static_cast<char>(level + 1));
+  }
+  chain.push_back("\x08");
+  EXPECT_EQ(ParseBinary(BinaryPlist(chain)), "<nullptr>");
+  EXPECT_EQ(ParseBinary("bplist00"), "<nullptr>");
+  std::string bad_width = BinaryPlist({"\x08"});
+  bad_width[bad_width.size() - 25] = 0;  // reference width 0
+  EXPECT_EQ(ParseBinary(bad_width), "<nullptr>");
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+// A compact, typed rendering of a value for test expectations: numbers carry
+// their kind (u32, i32, real, bool, u64), strings show bytes outside printable
+// ASCII as \xNN, so one string states both structure and exact types.
+#pragma once
+
+#include <bit>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "foundation/json.h"
+#include "foundation/object.h"
+
+inline std::string Show(const VLObject *obj) {
+  char buffer[64];
+  switch (VLObjectType(obj)) {
+    case 0:
+      return "<nullptr>";
+    case VLTypeNumber: {
+      uint64_t low = obj->number.bits & 0xFFFFFFFF;
+      switch (obj->number.kind) {
+        case VLNumberUInt32:
+          snprintf(buffer, sizeof buffer, "u32:%" PRIu64, low);
+          break;
+        case VLNumberInt32:
+          snprintf(buffer, sizeof buffer, "i32:%d", static_cast<int32_t>(low));
+          break;
+        case VLNumberReal:
+          snprintf(buffer, sizeof buffer, "real:%.17g", std::bit_cast<double>(obj->number.bits));
+          break;
+        case VLNumberBool:
+          return low ? "true" : "false";
+        default:
+          snprintf(buffer, sizeof buffer, "u64:%" PRIu64, (uint64_t{obj->number.high} << 32) | low);
+      }
+      return buffer;
+    }
+    case VLTypeString: {
+      std::string text = "\"";
+      for (uint32_t i = 0; i < VLStringLength(obj); ++i) {
+        auto byte = static_cast<unsigned char>(VLStringChars(obj)[i]);
+        if (byte >= 32 && byte < 127) {
+          text += static_cast<char>(byte);
+        } else {
+          snprintf(buffer, sizeof buffer, "\\x%02X", byte);
+          text += buffer;
+        }
+      }
+      return text + "\"";
+    }
+    case VLTypeData: {
+      std::string text = "<";
+      for (uint32_t i = 0; i < VLDataLength(obj); ++i) {
+        snprintf(buffer, sizeof buffer, "%02x", VLDataBytes(obj)[i]);
+        text += buffer;
+      }
+      return text + ">";
+    }
+    case VLTypeArray: {
+      std::string text = "[";
+      for (uint32_t i = 0; i < VLArrayCount(obj); ++i) text += (i ? "," : "") + Show(VLArrayGet(obj, i));
+      return text + "]";
+    }
+    case VLTypeDictionary: {
+      std::string text = "{";
+      for (uint32_t i = 0; i < VLDictionaryCount(obj); ++i) {
+        text += (i ? "," : "") + Show(VLDictionaryKeyAt(obj, i)) + ":" + Show(VLDictionaryValueAt(obj, i));
+      }
+      return text + "}";
+    }
+    case VLTypeNull:
+      return "null";
+    default:
+      return "tag" + std::to_string(VLObjectType(obj));
+  }
+}
+
+// The JSON reader on a C string.
+inline VLObject *ReadJson(const char *text) { return VLJsonRead(text, static_cast<uint32_t>(strlen(text))); }
+
+// Parses `text` (as a string value) and renders the result.
+inline std::string ParseShow(const std::string &text) {
+  VLRef source(VLStringCreate(text.data(), static_cast<uint32_t>(text.size())));
+  if (text.empty()) source.Reset(VLStringCreateWithCapacity(0));
+  VLRef result(VLObjectParse(source.get()));
+  return Show(result.get());
+}

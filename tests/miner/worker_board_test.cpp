@@ -1,0 +1,163 @@
+// A worker thread driving a simulated board in-process: what the board holds
+// after a job load, the start clock, and the stop sequence.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "board/dma_device.h"
+#include "board/registers.h"
+#include "hash/eaglesong.h"
+#include "miner/dispatch.h"
+#include "miner/worker.h"
+#include "sim/blocks.h"
+#include "sim/in_process.h"
+#include "stratum/targets.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Predicate>
+bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+class WorkerBoardTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    boards.Install();
+    std::string error;
+    ASSERT_TRUE(boards.AddList("xdma0 model=7\n", &error)) << error;
+    card = boards.Find("xdma0");
+    ASSERT_NE(card, nullptr);
+
+    auto worker = std::make_unique<Worker>();
+    worker->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
+    ASSERT_NE(worker->device, nullptr);
+    worker->model = 7;
+    worker->layoutVersion = 1;
+    worker->enabled = true;
+    worker->targetClockHz = 100000000;
+    context.workers.push_back(std::move(worker));
+
+    job = std::make_shared<StratumJob>();
+    job->jobId = "job-1";
+    job->extranonce = {0xa1, 0xa2, 0xa3, 0xa4};
+    for (size_t i = 0; i < 32; i++) job->headerHash[i] = static_cast<uint8_t>(i * 7 + 1);
+    job->nonceCounter = 40;
+    DifficultyToTarget(1.0, job->target);
+  }
+  void TearDown() override {
+    if (!context.workers.empty()) {
+      context.workers[0]->enabled = false;
+      WaitUntil([&] { return !context.workers[0]->active; });
+    }
+    boards.Uninstall();
+  }
+
+  uint32_t Latched(uint32_t offset) {
+    return card->WithFpga(0, [&](sim::Fpga *fpga) { return fpga->HashCore()->Latched(offset); });
+  }
+
+  bool Held() {
+    return card->WithFpga(0, [&](sim::Fpga *fpga) { return fpga->HashCore()->Held(); });
+  }
+
+  sim::InProcessBoards boards{"/ombry-worker-test"};
+  sim::Card *card = nullptr;
+  MiningContext context;
+  std::shared_ptr<StratumJob> job;
+};
+
+TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
+  Worker &worker = *context.workers[0];
+  StartWorkerThread(context, 0);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_FALSE(worker.active);  // no job yet
+  EXPECT_EQ(worker.state, WorkerStateWaitingForWork);
+
+  context.SetCurrentJob(job);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+  EXPECT_TRUE(worker.active);
+  EXPECT_EQ(worker.currentClockHz, 100000000u);
+  double hashClock = card->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashClockHz(); });
+  EXPECT_NEAR(hashClock, 100e6, 1e6);
+
+  uint32_t header[8], midstate[16];
+  memcpy(header, job->headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate);
+  for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(Latched(kSlotMidstate + 4 * i), midstate[i]) << i;
+
+  // Nonce block: extranonce, then the job nonce word drawn from the counter.
+  EXPECT_EQ(Latched(kSlotNonceBlock), 0xa1a2a3a4u);
+  uint32_t word = (Latched(kSlotNonceBlock + 4) >> 24) | (Latched(kSlotNonceBlock + 4) << 8 & 0xff0000) |
+                  (Latched(kSlotNonceBlock + 4) >> 8 & 0xff00) | (Latched(kSlotNonceBlock + 4) << 24);
+  EXPECT_GE(word, 40u);
+  EXPECT_GT(job->nonceCounter.load(), 40u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 8), 0u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 12), 0u);
+
+  // The board target: rate-derived for 100 MHz on 10 cores, raised to the
+  // job's top limb if that is higher.
+  uint32_t rate[8];
+  RateDerivedBoardTarget(100000000, 10, false, rate);
+  uint64_t rateTop = static_cast<uint64_t>(rate[7]) << 32 | rate[6];
+  uint64_t jobTop = static_cast<uint64_t>(job->target[7]) << 32 | job->target[6];
+  uint64_t expectedTop = rateTop < jobTop ? jobTop : rateTop;
+  EXPECT_EQ(Latched(kSlotTargetHigh), static_cast<uint32_t>(expectedTop >> 32));
+  EXPECT_EQ(Latched(kSlotTargetLow), static_cast<uint32_t>(expectedTop));
+  EXPECT_FALSE(Held());  // released: the cores run
+}
+
+TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  StartWorkerThread(context, 0);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+
+  auto next = std::make_shared<StratumJob>();
+  next->jobId = "job-2";
+  next->headerHash.fill(0x5a);
+  DifficultyToTarget(1.0, next->target);
+  context.SetCurrentJob(next);
+  context.jobGeneration++;
+
+  uint32_t header[8], midstate[16];
+  memcpy(header, next->headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate);
+  EXPECT_TRUE(WaitUntil([&] { return Latched(kSlotMidstate) == midstate[0]; }));
+  // An empty extranonce puts the nonce word at the start of the block.
+  EXPECT_EQ(Latched(kSlotNonceBlock + 4), 0u);
+}
+
+TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  StartWorkerThread(context, 0);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning; }));
+  worker.enabled = false;
+  // No clock step comes in the first 2000 passes; then 25 MHz every second pass.
+  ASSERT_TRUE(WaitUntil([&] { return !worker.active; }, 60000ms));
+  EXPECT_EQ(worker.currentClockHz, 0u);
+  EXPECT_TRUE(Held());  // cores held
+  bool stopped = card->WithFpga(0, [](sim::Fpga *fpga) { return !fpga->ClockEnabled() && !fpga->OutOfReset(); });
+  EXPECT_TRUE(stopped);
+}
+
+TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
+  Worker &worker = *context.workers[0];
+  worker.device.reset();
+  context.SetCurrentJob(job);
+  StartWorkerThread(context, 0);
+  EXPECT_TRUE(WaitUntil([&] { return !worker.enabled; }));
+  EXPECT_FALSE(worker.active);
+}
+
+}  // namespace
