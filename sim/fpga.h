@@ -39,7 +39,7 @@ class Fpga {
   static constexpr uint32_t kWindowBytes = 0x20000;
 
   // `flash` carries the flash chip over a power cycle; null makes a new one
-  // from the spec.
+  // from `spec.flash`.
   Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time,
        std::shared_ptr<FlashChip> flash = nullptr);
   ~Fpga();
