@@ -47,7 +47,7 @@ void ReadWords(uint64_t position, uint8_t *buffer, uint64_t size, ReadWord readW
 
 }  // namespace
 
-Card::Card(const CardSpec &spec, TimeSource time) : spec_(spec) {
+Card::Card(const CardSpec &spec, TimeSource time) : spec_(spec), time_(time) {
   fpgas_[0] = std::make_unique<Fpga>(spec.fpga[0], true, spec.subDevices, time);
   for (uint32_t i = 1; i < kMaxFpgas; i++) {
     if (spec.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(spec.fpga[i], false, 0, time);
@@ -209,9 +209,33 @@ bool Card::Apply(const Command &command, std::string *error) {
   // Settle the thermal state under the old settings before they change.
   fpga->Tick();
   for (const auto &[key, value] : command.settings) {
+    if (key == "power_cycle") {
+      if (value != "1") {
+        if (error) *error = "bad value for power_cycle: '" + value + "'";
+        return false;
+      }
+      PowerCycleLocked();
+      fpga = fpgas_[command.fpga].get();
+      continue;
+    }
     if (!ApplyRuntimeSetting(fpga->Spec(), key, value, error)) return false;
   }
   return true;
+}
+
+void Card::PowerCycle() {
+  std::lock_guard<std::mutex> guard(lock_);
+  PowerCycleLocked();
+}
+
+void Card::PowerCycleLocked() {
+  for (uint32_t i = 0; i < kMaxFpgas; i++) {
+    if (!fpgas_[i]) continue;
+    FpgaSpec spec = spec_.fpga[i];
+    spec.faults = fpgas_[i]->Spec().faults;
+    std::shared_ptr<FlashChip> flash = fpgas_[i]->SharedFlash();
+    fpgas_[i] = std::make_unique<Fpga>(spec, i == 0, i == 0 ? spec_.subDevices : 0, time_, std::move(flash));
+  }
 }
 
 void Card::SetTracing(bool on) {
@@ -242,13 +266,14 @@ std::string Card::Describe() {
     const Faults &faults = spec.faults;
     snprintf(line, sizeof line,
              "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
-             " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s\n",
+             " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s\n",
              spec_.name.c_str(), i, spec.model, spec.layout, spec.bitstream, fpga->HashClockHz(),
              fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(),
              fpga->VccInt(), faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
              faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",
              faults.vrmTemperature ? " vrm_hot" : "", faults.vccintSag > 0 ? " sag" : "",
-             faults.mmcmStuck ? " mmcm_stuck" : "");
+             faults.mmcmStuck ? " mmcm_stuck" : "", faults.flashStuck ? " flash_stuck" : "",
+             faults.eraseError ? " erase_error" : "", faults.programError ? " program_error" : "");
     text += line;
     if (const HashCoreBlock *core = fpga->HashCore()) {
       const HashCoreBlock::SearchStats &stats = core->Stats();

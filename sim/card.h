@@ -49,8 +49,14 @@ class Card {
   int64_t Write(Node node, uint32_t channel, uint64_t position, const void *buffer, uint64_t size);
 
   // Applies the settings of a command to this card's FPGA `fpga` while it
-  // runs: faults and thermal behaviour only.
+  // runs: faults and thermal behaviour, and "power_cycle=1", which restarts
+  // the whole card (see PowerCycle).
   bool Apply(const Command &command, std::string *error);
+
+  // Restarts every FPGA as from power-on: registers, clocks and bitstream
+  // come back from the card's description, a flash holding the CKB image
+  // boots it, and the flash contents and faults in force stay.
+  void PowerCycle();
 
   // Runs `body` on an FPGA (null when absent) under the card's lock.
   template <typename Body>
@@ -73,8 +79,10 @@ class Card {
   int64_t WriteMemory(uint64_t address, const uint8_t *buffer, uint64_t size);
   // The read fault of an FPGA as a result: 0 for none, else what a read returns.
   const Faults &FaultsOf(uint32_t fpgaIndex) const;
+  void PowerCycleLocked();
 
   CardSpec spec_;
+  TimeSource time_;
   std::mutex lock_;
   std::unique_ptr<Fpga> fpgas_[kMaxFpgas];
   std::unordered_map<uint64_t, uint32_t> controlRegisters_;

@@ -117,12 +117,16 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
   ThermalSpec &thermal = fpga.thermal;
   bool flag;
   double number;
-  if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck") {
+  if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck" ||
+      key == "flash_stuck" || key == "erase_error" || key == "program_error") {
     if (!ParseBool(value, &flag)) return BadValue(error, key, value);
     if (key == "read_fail") faults.readFail = flag;
     if (key == "read_error") faults.readError = flag;
     if (key == "all_ones") faults.allOnes = flag;
     if (key == "mmcm_stuck") faults.mmcmStuck = flag;
+    if (key == "flash_stuck") faults.flashStuck = flag;
+    if (key == "erase_error") faults.eraseError = flag;
+    if (key == "program_error") faults.programError = flag;
     return true;
   }
   if (key == "hot" || key == "vrm_hot") {
@@ -233,6 +237,25 @@ bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string 
     if (key == "divclk" && number > 0xFF) return BadValue(error, key, value);
     (key == "layout" ? fpga.layout : key == "cores" ? fpga.cores : key == "mult" ? fpga.multiplier
                                                                                     : fpga.inputDivider) = number;
+    return true;
+  }
+  if (key == "flash" || key == "ckb_image") {
+    if (value.empty()) return BadValue(error, key, value);
+    (key == "flash" ? fpga.flash.file : fpga.flash.ckbImage) = value;
+    return true;
+  }
+  if (key == "flash_size") {
+    uint64_t bytes;
+    // Whole sectors, and within the 4-byte address range.
+    if (!ParseUnsigned(value, &bytes) || bytes == 0 || bytes % 65536 != 0 || bytes > (1ull << 32)) {
+      return BadValue(error, key, value);
+    }
+    fpga.flash.size = bytes;
+    return true;
+  }
+  if (key == "erase_busy" || key == "program_busy") {
+    if (!ParseU32(value, &number)) return BadValue(error, key, value);
+    (key == "erase_busy" ? fpga.flash.eraseBusyPolls : fpga.flash.programBusyPolls) = number;
     return true;
   }
   if (key == "engine") {
@@ -349,6 +372,8 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
       card.fpga[i] = card.fpga[0];
       if (card.fpga[0].dnaSet) card.fpga[i].dna[0] += i;
       else DeriveDna(card.fpga[i], card.name, i);
+      // Each FPGA has its own flash chip, so its own contents file.
+      if (!card.fpga[i].flash.file.empty()) card.fpga[i].flash.file += "." + std::to_string(i);
     }
   }
   for (auto &[lineNumber, command] : subDeviceLines) {

@@ -7,6 +7,7 @@
 //   xdma1 model=9 subdevices=1,2,3 dna=01234567,89abcdef,00c0ffee
 //   xdma1.2 bitstream=0x000C0005          # sub-device 2 of xdma1
 //   xdma2 identity=215_ modelbits=3 user=0 # '_' stands for a space
+//   xdma3 bitstream=0x00FF0001 flash=/tmp/xdma3.flash ckb_image=ckb.bin
 #pragma once
 
 #include <cstdint>
@@ -37,10 +38,22 @@ struct Faults {
   double vccintSag = 0.0;  // volts taken off VCCINT on top of the load sag
   bool mmcmStuck = false;  // the MMCM load register stays busy
   I2cFaults i2c;
+  bool flashStuck = false;    // the flash chip reads busy for ever
+  bool eraseError = false;    // a sector erase sets the erase error bit
+  bool programError = false;  // a page program sets the program error bit
   // The hash core's reports: this share of them (0 to 1) replaced by values
   // that no core found, or every one of them reported as all ones.
   double invalidNonces = 0.0;
   bool onesNonces = false;
+};
+
+// The configuration flash behind the SPI controller at 0x10000.
+struct FlashSpec {
+  std::string file;                 // contents, kept across restarts; empty: memory only
+  uint64_t size = 32ull << 20;      // bytes
+  std::string ckbImage;             // an image that, at the boot address, comes up as CKB 0.004
+  uint32_t eraseBusyPolls = 6;      // status reads that a sector erase stays busy for
+  uint32_t programBusyPolls = 2;    // the same for a page program
 };
 
 // How the hash core's search runs: on a thread of its own, on the one thread
@@ -80,6 +93,7 @@ struct FpgaSpec {
   ThermalSpec thermal;
   uint32_t i2cByteTicks = 16;  // controller accesses per I2C byte; 0: no time at all
   Faults faults;
+  FlashSpec flash;
   SearchSpec search;
 };
 

@@ -5,6 +5,7 @@
 
 #include "sim/blocks.h"
 #include "sim/iic.h"
+#include "sim/spi.h"
 
 namespace sim {
 
@@ -12,18 +13,24 @@ double SteadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-Fpga::Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time)
+Fpga::Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time,
+           std::shared_ptr<FlashChip> flash)
     : spec_(spec),
       primary_(primary),
       subDevices_(subDevices),
       time_(time ? std::move(time) : TimeSource(SteadySeconds)),
       lastTick_(time_()),
-      thermal_(spec.thermal) {
+      thermal_(spec.thermal),
+      flash_(flash ? std::move(flash) : std::make_shared<FlashChip>(spec.flash)) {
+  // Power-on: the FPGA loads what its flash holds.
+  BootFromFlash(spec_, *flash_);
   MapStandardBlocks(*this);
+  MapSpiBlock(*this);
   for (const Mapping &mapping : blocks_) {
     if (auto *core = dynamic_cast<HashCoreBlock *>(mapping.block.get()); core && !hashCore_) hashCore_ = core;
     if (auto *mmcm = dynamic_cast<MmcmBlock *>(mapping.block.get()); mmcm && !mmcm_) mmcm_ = mmcm;
     if (auto *iic = dynamic_cast<IicBlock *>(mapping.block.get()); iic && !iic_) iic_ = iic;
+    if (auto *spi = dynamic_cast<SpiBlock *>(mapping.block.get()); spi && !spi_) spi_ = spi;
   }
 }
 

@@ -28,6 +28,8 @@ class RegisterBlock {
 class HashCoreBlock;
 class MmcmBlock;
 class IicBlock;
+class FlashChip;
+class SpiBlock;
 
 // Seconds on some monotonic clock.
 using TimeSource = std::function<double()>;
@@ -37,7 +39,10 @@ class Fpga {
  public:
   static constexpr uint32_t kWindowBytes = 0x20000;
 
-  Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time);
+  // `flash` carries the flash chip over a power cycle; null makes a new one
+  // from `spec.flash`.
+  Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time,
+       std::shared_ptr<FlashChip> flash = nullptr);
   ~Fpga();
 
   // A register of this window; unmapped addresses read 0 and ignore writes.
@@ -77,6 +82,9 @@ class Fpga {
   HashCoreBlock *HashCore() const { return hashCore_; }
   MmcmBlock *Mmcm() const { return mmcm_; }
   IicBlock *Iic() const { return iic_; }
+  SpiBlock *Spi() const { return spi_; }
+  FlashChip *Flash() const { return flash_.get(); }
+  const std::shared_ptr<FlashChip> &SharedFlash() const { return flash_; }
 
  private:
   struct Mapping {
@@ -99,6 +107,8 @@ class Fpga {
   HashCoreBlock *hashCore_ = nullptr;
   MmcmBlock *mmcm_ = nullptr;
   IicBlock *iic_ = nullptr;
+  std::shared_ptr<FlashChip> flash_;
+  SpiBlock *spi_ = nullptr;
 };
 
 }  // namespace sim

@@ -287,3 +287,9 @@ uint64_t GetCoreCounter(BRYLDMADevice *device) {
   uint64_t high = Read(device, kRegCoreCounterHigh);
   return (high << 32) | low;
 }
+
+std::vector<std::string> ModelIdentities() {
+  std::vector<std::string> identities;
+  for (const ModelName &entry : kModelNames) identities.emplace_back(entry.identity);
+  return identities;
+}

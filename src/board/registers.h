@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "board/dma_device.h"
 
@@ -153,3 +154,7 @@ bool SetMmcmReset(BRYLDMADevice *device, bool inReset, uint32_t layoutVersion);
 
 // The 64-bit counter, low word first; a carry between the reads is not guarded.
 uint64_t GetCoreCounter(BRYLDMADevice *device);
+
+// Every identity text of ModelNameTable, in table order, for walks over all
+// models (the flash catalogue).
+std::vector<std::string> ModelIdentities();

@@ -1,6 +1,13 @@
+// The flash images on disk. Main thread only, at start.
 #pragma once
+
+#include <cstdint>
 
 #include "miner/run_records.h"
 
-// Loads the flash images under ./bitstreams/ into the context.
+// Maps "./bitstreams/CKB-<directory name>/static.bin" of every model into
+// `staticImages`, and every file named only in the characters 0 to 9 and A
+// to G into `flashImages`. A missing model directory throws
+// std::filesystem::filesystem_error, which ends the run: the checkout ships
+// every directory.
 void LoadFlashCatalogue(MiningContext &context);

@@ -1,12 +1,107 @@
 #include "miner/flash_offer.h"
 
+#include "board/flash_device.h"
+#include "board/registers.h"
 #include "foundation/logger.h"
+#include "miner/console_io.h"
 
-// Placeholder until flashing lands. The flash catalogue is empty until then,
-// and with no image for any model an offer ends where the real one does in
-// that case, so nothing is ever flashed and there is nothing to finish.
-void OfferFlash(FlashOfferFlags &, MiningContext &, BRYLDMADevice *, BoardModel, uint64_t index) {
-  VL_LOG(VLLogLevelError, "Miner", "No flash data found for device %llu", static_cast<unsigned long long>(index + 1));
+namespace {
+
+constexpr const char *kTag = "Miner";
+constexpr double kFlashTemperatureLimit = 50.0;
+constexpr uint64_t kConsentSeconds = 30;
+constexpr uint64_t kFlashAttempts = 3;
+
+constexpr const char *kConsentBanner[] = {
+    "",
+    "************************************************************",
+    "*                         WARNING!                         *",
+    "*  The program may flash devices determined to be in need  *",
+    "*   of flashing. A power cycle is needed after flashing.   *",
+    "*                                                          *",
+    "*            Press 'y' to consent to flashing.             *",
+    "*               Press 'n' to skip flashing.                *",
+    "************************************************************",
+    "",
+};
+
+constexpr const char *kPowerCycleBanner[] = {
+    "",
+    "************************************************************",
+    "*                         WARNING!                         *",
+    "*    Your freshly flashed devices will only work after a   *",
+    "*    power cycle. Make sure the host is powered off for    *",
+    "*    at least 10 seconds to ensure correct operation!      *",
+    "************************************************************",
+    "",
+};
+
+template <size_t N>
+void PrintBanner(const char *const (&lines)[N]) {
+  for (const char *line : lines) LOG_COLOR(ConsoleColorRed, VLLogLevelInfo, kTag, "%s", line);
 }
 
-void FinishFlashOffers(const FlashOfferFlags &) {}
+struct FlashMode {
+  uint32_t flashType;
+  uint8_t flashFamily;
+};
+
+FlashMode FlashModeOf(BoardModel model) {
+  if (IsWideFamily(model)) return {FlashTypeUpdateRegion, 1};
+  if (model == 6) return {FlashTypeWhole, 1};
+  return {FlashTypeWhole, 0};
+}
+
+}  // namespace
+
+void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *device, BoardModel model,
+                uint64_t index) {
+  auto shown = static_cast<unsigned long long>(index + 1);
+  FlashMode mode = FlashModeOf(model);
+
+  auto image = context.staticImages.find(model);
+  if (image == context.staticImages.end() || image->second.file.Size() == 0) {
+    VL_LOG(VLLogLevelError, kTag, "No flash data found for device %llu", shown);
+    return;
+  }
+
+  if (!flags.asked) {
+    PrintBanner(kConsentBanner);
+    if (InterruptableDelay(kConsentSeconds, "yn") == 'y') flags.consent = true;
+    // Asked once per run, whatever the answer; silence is no.
+    flags.asked = true;
+  }
+  if (!flags.consent) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "User didn't consent for flashing, skipping device %llu",
+              shown);
+    return;
+  }
+
+  double temperature = GetCoreTemperature(device, IsNarrowFamily(model));
+  if (temperature > kFlashTemperatureLimit) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
+              "The core temperature of device %llu is %0.2f *C, which exceeds the flashing safety threshold. "
+              "Refusing to flash",
+              shown, temperature);
+    return;
+  }
+
+  VL_LOG(VLLogLevelInfo, kTag, "Flashing device %llu", shown);
+  const MappedFile &file = image->second.file;
+  if (FlashDevice(device, mode.flashType, file.Data(), file.Size(), kFlashAttempts, mode.flashFamily)) {
+    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Successfully flashed device %llu, please power cycle it",
+              shown);
+    flags.flashed = true;
+  } else {
+    // The flow can't tell "nothing to do" from a failure, hence one colour.
+    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Device %llu did not need flashing or failed", shown);
+  }
+}
+
+void FinishFlashOffers(const FlashOfferFlags &flags) {
+  if (!flags.flashed) return;
+  PrintBanner(kPowerCycleBanner);
+  VL_LOG(VLLogLevelInfo, kTag, "Press <Enter> to continue");
+  // Any answer, or none, goes on.
+  InterruptableDelay(kConsentSeconds, "\n\r");
+}

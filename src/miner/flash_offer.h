@@ -12,10 +12,14 @@ struct FlashOfferFlags {
   bool flashed = false;
 };
 
-// One flashing candidate from the scan. The device stays the caller's.
+// One flashing candidate of the scan: a board that isn't compatible, or any
+// board in a recovery run. The operator is asked once per run; silence is no.
+// A board whose core is hotter than 50 C is refused. `index` is the board's
+// position in the device list; messages show it counted from 1. The device
+// stays the caller's.
 void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *device, BoardModel model,
                 uint64_t index);
 
-// The end of the scan's flash offers: tells the operator to power-cycle
-// freshly flashed boards.
+// The end of the scan's flash offers: after any board was flashed, the
+// power-cycle warning and a wait for Enter of at most 30 seconds.
 void FinishFlashOffers(const FlashOfferFlags &flags);

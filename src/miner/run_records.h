@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "foundation/relaxed.h"
+#include "miner/flash_image.h"
 #include "stratum/stratum_context.h"
 
 struct BRYLDMADevice;
@@ -96,8 +98,10 @@ struct Worker : StratumShareCounters {
 struct MiningContext : StratumContext {
   uint32_t algorithm = 0;
   std::vector<std::unique_ptr<Worker>> workers;
-  // The flash catalogue (flashImages, staticImages) joins here with the
-  // flashing code.
+  // The flash catalogue: the loose images by model, kept but not read again,
+  // and each model's "static.bin", mapped for the whole run.
+  std::map<BoardModel, std::vector<FlashImage>> flashImages;
+  std::map<BoardModel, FlashImage> staticImages;
   std::mutex lock;  // constructed with the record; no path takes it
 
   StratumShareCounters *ShareCounters(uint64_t worker) override {

@@ -2,6 +2,8 @@
 // the streams they belong to.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -13,6 +15,20 @@ using testing_support::RunProcess;
 namespace {
 
 std::string Miner() { return BuiltProgram("src/miner/ombry-miner"); }
+
+// The miner reads ./bitstreams/ at start and ends when it is missing; runs
+// start in the checkout, which ships the tree.
+class CheckoutDirectory : public ::testing::Environment {
+  void SetUp() override {
+    // Non-fatal: a fatal failure here would turn every test into a skip.
+    const char *source = getenv("OMBRY_SOURCE_DIR");
+    EXPECT_NE(source, nullptr) << "run the tests through ctest";
+    if (source) {
+      EXPECT_EQ(chdir(source), 0);
+    }
+  }
+};
+const auto *const kCheckoutDirectory = ::testing::AddGlobalTestEnvironment(new CheckoutDirectory);
 
 // A device directory with no boards in it, so that no run touches /dev.
 std::string EmptyDeviceDir() {

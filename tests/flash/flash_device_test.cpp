@@ -1,0 +1,147 @@
+// The flash flow end to end against a simulated board: the image lands where
+// the flash type says, in the order it says, and the board boots it after a
+// power cycle.
+#include <fstream>
+
+#include "board/flash_device.h"
+#include "board/spi_flash.h"
+#include "support/capture.h"
+#include "tests/flash/sim_board.h"
+
+namespace {
+
+constexpr uint32_t kBitstreamRegister = 0x0008;
+constexpr uint32_t kCkbWord = 0x000C0004;
+
+std::vector<uint32_t> ProgramAddresses(const std::vector<sim::SpiFrame> &frames) {
+  std::vector<uint32_t> addresses;
+  for (const auto &frame : FramesOf(frames, SPIFlash::kPageProgram4)) addresses.push_back(FrameAddress(frame));
+  return addresses;
+}
+
+void WriteFile(const std::filesystem::path &path, const std::vector<uint8_t> &bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<uint8_t> ReadFile(const std::filesystem::path &path, uint64_t offset, uint64_t count) {
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(offset));
+  std::vector<uint8_t> bytes(count);
+  in.read(reinterpret_cast<char *>(bytes.data()), static_cast<std::streamsize>(count));
+  bytes.resize(static_cast<size_t>(in.gcount()));
+  return bytes;
+}
+
+class FlashDeviceTest : public SimBoardTest {
+ protected:
+  // Runs the flow with its console output kept out of the test's.
+  bool Flash(BRYLDMADevice *device, uint32_t type, const std::vector<uint8_t> &image, uint64_t attempts = 3,
+             uint8_t family = 1) {
+    testing_support::StreamCapture capture;
+    bool result = FlashDevice(device, type, image.data(), image.size(), attempts, family);
+    output_ = capture.Out();
+    return result;
+  }
+  std::string output_;
+};
+
+TEST_F(FlashDeviceTest, WholeImageGoesToTheStartInOnePass) {
+  Start("xdma0 model=7 flash_size=0x800000\n");
+  std::vector<uint8_t> image = RandomImage(200000, 10);
+  std::fill(image.begin() + 4096, image.begin() + 8192, 0xFF);
+  ASSERT_TRUE(Flash(Open(), FlashTypeWhole, image, 3, 0));
+  EXPECT_EQ(FlashBytes(0, image.size()), image);
+  EXPECT_EQ(FlashBytes(image.size(), 0x10000), std::vector<uint8_t>(0x10000, 0xFF));  // rest of the last sector
+  auto addresses = ProgramAddresses(Frames());
+  ASSERT_FALSE(addresses.empty());
+  EXPECT_EQ(addresses.front(), 0u);
+  EXPECT_TRUE(std::is_sorted(addresses.begin(), addresses.end()));
+  EXPECT_EQ(Ignored(), 0u);
+  EXPECT_NE(output_.find("\rWrote 200000 bytes (100.0%)"), std::string::npos);
+}
+
+TEST_F(FlashDeviceTest, UpdateRegionImageWritesItsFirstPageLast) {
+  Start("xdma0 model=3 identity=215_ modelbits=6 flash_size=0x800000\n");
+  std::vector<uint8_t> image = RandomImage(1000, 11);
+  ASSERT_TRUE(Flash(Open(), FlashTypeUpdateRegion, image));
+  auto frames = Frames();
+  auto erases = FramesOf(frames, SPIFlash::kSectorErase4);
+  ASSERT_EQ(erases.size(), 1u);
+  EXPECT_EQ(FrameAddress(erases[0]), 0x680000u);
+  EXPECT_EQ(ProgramAddresses(frames), (std::vector<uint32_t>{0x680100, 0x680200, 0x680300, 0x680000}));
+  EXPECT_EQ(FramesOf(frames, SPIFlash::kPageProgram4)[2].out.size(), 5u + 232u);
+  EXPECT_EQ(FlashBytes(0x680000, image.size()), image);
+  EXPECT_EQ(FlashBytes(0, 0x1000), std::vector<uint8_t>(0x1000, 0xFF));
+
+  // A larger image: still one header write, and it comes last.
+  image = RandomImage(300000, 12);
+  ASSERT_TRUE(Flash(devices_[0], FlashTypeUpdateRegion, image));
+  auto addresses = ProgramAddresses(Frames());
+  EXPECT_EQ(std::count(addresses.begin(), addresses.end(), 0x680000u), 1);
+  EXPECT_EQ(addresses.back(), 0x680000u);
+  EXPECT_EQ(FlashBytes(0x680000, image.size()), image);
+}
+
+TEST_F(FlashDeviceTest, SubDeviceFlashesItsOwnChip) {
+  Start("xdma0 model=9 subdevices=2 flash_size=0x800000\n");
+  std::vector<uint8_t> image = RandomImage(5000, 13);
+  ASSERT_TRUE(Flash(Open(2), FlashTypeWhole, image, 3, 0));
+  EXPECT_EQ(FlashBytes(0, image.size(), 2), image);
+  EXPECT_EQ(FlashBytes(0, 4096, 0), std::vector<uint8_t>(4096, 0xFF));
+}
+
+TEST_F(FlashDeviceTest, NothingIsWrittenWithoutUserFileOrAttempts) {
+  Start("xdma0 model=7 user=0 flash_size=0x800000\n");
+  std::vector<uint8_t> image = RandomImage(1000, 14);
+  EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image));
+  EXPECT_EQ(Card().WithFpga(0, [](sim::Fpga *f) { return f->Spi()->Accesses(); }), 0u);
+
+  TearDown();
+  Start("xdma0 model=7 flash_size=0x800000\n");
+  EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image, 0));
+  auto frames = Frames();
+  EXPECT_TRUE(FramesOf(frames, SPIFlash::kSectorErase4).empty());
+  EXPECT_TRUE(FramesOf(frames, SPIFlash::kPageProgram4).empty());
+}
+
+TEST_F(FlashDeviceTest, BlankImageProgramsNothingButSucceeds) {
+  Start("xdma0 model=7 flash_size=0x800000\n");
+  std::vector<uint8_t> image(2048, 0xFF);
+  ASSERT_TRUE(Flash(Open(), FlashTypeWhole, image));
+  auto frames = Frames();
+  EXPECT_EQ(FramesOf(frames, SPIFlash::kSectorErase4).size(), 1u);
+  EXPECT_TRUE(FramesOf(frames, SPIFlash::kPageProgram4).empty());
+  EXPECT_NE(output_.find("\rWrote 2048 bytes (100.0%)"), std::string::npos);
+}
+
+TEST_F(FlashDeviceTest, PowerCycledBoardBootsTheFlashedImage) {
+  auto dir = TempDirectory("power-cycle");
+  std::vector<uint8_t> image = RandomImage(70000, 15);
+  WriteFile(dir / "ckb.bin", image);
+  std::string board = "xdma0 model=2 identity=101_ modelbits=5 bitstream=0x00FF0001 flash_size=0x800000 flash=" +
+                      (dir / "flash").string() + " ckb_image=" + (dir / "ckb.bin").string() + "\n";
+  Start(board);
+  BRYLDMADevice *device = Open();
+  std::vector<uint8_t> almost = image;
+  almost[69999] ^= 1;
+  ASSERT_TRUE(Flash(device, FlashTypeUpdateRegion, almost));
+  Card().PowerCycle();
+  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), 0x00FF0001u);
+
+  ASSERT_TRUE(Flash(device, FlashTypeUpdateRegion, image));
+  // Still running the old bitstream until the power cycle.
+  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), 0x00FF0001u);
+  EXPECT_EQ(ReadFile(dir / "flash", 0x680000, image.size()), image);
+  Card().PowerCycle();
+  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), kCkbWord);
+
+  // A restarted simulator finds the same contents in the board's file.
+  TearDown();
+  Start(board);
+  device = Open();
+  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), kCkbWord);
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace

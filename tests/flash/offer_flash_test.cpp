@@ -1,0 +1,154 @@
+// The operator's side of flashing: consent typed at a terminal, silence, a
+// hot board, a model without an image, and the closing power-cycle notice.
+// Each run is a child on a pseudo-terminal with its own simulated boards,
+// offering every board in turn as the scan does, and ending as the scan ends.
+#include <fstream>
+
+#include "board/registers.h"
+#include "foundation/console.h"
+#include "foundation/logger.h"
+#include "miner/flash_catalogue.h"
+#include "miner/flash_offer.h"
+#include "support/process.h"
+#include "tests/flash/sim_board.h"
+
+namespace {
+
+using testing_support::PtyProcess;
+
+constexpr const char *kConsentPrompt = "Press 'n' to skip flashing.";
+constexpr const char *kEnterPrompt = "Press <Enter> to continue";
+
+std::vector<uint8_t> FileBytes(const std::filesystem::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+size_t Count(const std::string &text, const std::string &part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) count++;
+  return count;
+}
+
+class OfferFlashTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = TempDirectory("offer");
+    MakeBitstreamTree(root_);
+    narrowImage_ = RandomImage(3000, 20);
+    wideImage_ = RandomImage(2000, 21);
+    WriteImage("RK35", narrowImage_);
+    WriteImage("O215", wideImage_);
+    // xdma0: model 7, image at 0. xdma1: model 3, image in the update region.
+    boards_ = "xdma0 model=7 bitstream=0x00FF0001 flash_size=0x800000 flash=" + Flash(0).string() + "\n" +
+              "xdma1 identity=215_ modelbits=6 flash_size=0x800000 flash=" + Flash(1).string() + "\n";
+  }
+  void TearDown() override { std::filesystem::remove_all(root_); }
+
+  void WriteImage(const std::string &folder, const std::vector<uint8_t> &image) {
+    std::ofstream out(root_ / "bitstreams" / ("CKB-" + folder) / "static.bin", std::ios::binary);
+    out.write(reinterpret_cast<const char *>(image.data()), static_cast<std::streamsize>(image.size()));
+  }
+  std::filesystem::path Flash(int board) { return root_ / ("flash" + std::to_string(board)); }
+
+  // The child: every board of `boards_` offered in order, then the closing
+  // step. Exits 0 when a board was flashed, 3 when none was.
+  std::unique_ptr<PtyProcess> Run() {
+    return std::make_unique<PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{}, [this] {
+      std::filesystem::current_path(root_);
+      setvbuf(stdout, nullptr, _IOLBF, 0);  // as the miner runs
+      VLLogEnableConsole();
+      VLLogInit(VLLogLevelInfo);
+      VLConsoleBeginKeys();
+      sim::InProcessBoards boards("/ombry-offer-test");
+      std::string error;
+      if (!boards.AddList(boards_, &error)) return 2;
+      boards.Install();
+      MiningContext context;
+      LoadFlashCatalogue(context);
+      FlashOfferFlags flags;
+      for (uint64_t index = 0; boards.Find("xdma" + std::to_string(index)); index++) {
+        BRYLDMADevice *device = BRYLDMADeviceOpen(boards.DevicePath("xdma" + std::to_string(index)), 0);
+        if (!device) return 2;
+        BoardModel model = ResolveBoardModel(device, GetModelString(device));
+        OfferFlash(flags, context, device, model, index);
+        BRYLDMADeviceClose(device);
+      }
+      FinishFlashOffers(flags);
+      return flags.flashed ? 0 : 3;
+    });
+  }
+
+  std::filesystem::path root_;
+  std::string boards_;
+  std::vector<uint8_t> narrowImage_;
+  std::vector<uint8_t> wideImage_;
+};
+
+TEST_F(OfferFlashTest, ConsentFlashesEveryBoardAfterOneQuestion) {
+  auto child = Run();
+  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+  child->Type("y");
+  ASSERT_TRUE(child->WaitFor(kEnterPrompt)) << child->Output();
+  child->Type("\r");
+  EXPECT_EQ(child->Wait(), 0) << child->Output();
+
+  const std::string &out = child->Output();
+  EXPECT_EQ(Count(out, kConsentPrompt), 1u);
+  EXPECT_NE(out.find("Successfully flashed device 1, please power cycle it"), std::string::npos);
+  EXPECT_NE(out.find("Successfully flashed device 2, please power cycle it"), std::string::npos);
+  EXPECT_NE(out.find("*    power cycle. Make sure the host is powered off for    *"), std::string::npos);
+
+  std::vector<uint8_t> narrow = FileBytes(Flash(0));
+  ASSERT_GE(narrow.size(), narrowImage_.size());
+  EXPECT_TRUE(std::equal(narrowImage_.begin(), narrowImage_.end(), narrow.begin()));
+  std::vector<uint8_t> wide = FileBytes(Flash(1));
+  ASSERT_GE(wide.size(), 0x680000 + wideImage_.size());
+  EXPECT_TRUE(std::equal(wideImage_.begin(), wideImage_.end(), wide.begin() + 0x680000));
+}
+
+TEST_F(OfferFlashTest, OnlyLowerCaseYIsConsent) {
+  auto child = Run();
+  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+  child->Type("Yqn");
+  EXPECT_EQ(child->Wait(), 3) << child->Output();
+  const std::string &out = child->Output();
+  EXPECT_NE(out.find("User didn't consent for flashing, skipping device 1"), std::string::npos);
+  EXPECT_NE(out.find("User didn't consent for flashing, skipping device 2"), std::string::npos);
+  EXPECT_EQ(out.find(kEnterPrompt), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
+  EXPECT_FALSE(std::filesystem::exists(Flash(1)));
+}
+
+TEST_F(OfferFlashTest, HotBoardIsRefusedAndOthersGoOn) {
+  boards_ = "xdma0 model=7 hot=61.5 flash_size=0x800000 flash=" + Flash(0).string() + "\n" +
+            "xdma1 model=1 flash_size=0x800000 flash=" + Flash(1).string() + "\n";
+  auto child = Run();
+  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+  child->Type("y");
+  // The second board is a model without an image.
+  EXPECT_EQ(child->Wait(), 3) << child->Output();
+  const std::string &out = child->Output();
+  const std::string refusal = "The core temperature of device 1 is ";
+  size_t at = out.find(refusal);
+  ASSERT_NE(at, std::string::npos) << out;
+  double shown = 0;
+  char rest[128] = {};
+  ASSERT_EQ(sscanf(out.c_str() + at + refusal.size(), "%lf %127[^\r\n]", &shown, rest), 2);
+  EXPECT_NEAR(shown, 61.5, 0.05);
+  EXPECT_STREQ(rest, "*C, which exceeds the flashing safety threshold. Refusing to flash");
+  EXPECT_NE(out.find("No flash data found for device 2"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
+}
+
+TEST_F(OfferFlashTest, SilenceIsNoAndIsNotAskedAgain) {
+  auto child = Run();
+  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+  EXPECT_EQ(child->Wait(std::chrono::seconds(50)), 3) << child->Output();
+  const std::string &out = child->Output();
+  EXPECT_EQ(Count(out, "Waiting for 30 seconds"), 1u);
+  EXPECT_EQ(Count(out, "User didn't consent for flashing, skipping device"), 2u);
+  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+// Simulated boards behind the board layer for the flash tests: a card list,
+// an opened device, and views of the controller's wire and the flash chip.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "board/dma_device.h"
+#include "board/xil_io.h"
+#include "sim/in_process.h"
+#include "sim/spi.h"
+
+class SimBoardTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (BRYLDMADevice *device : devices_) BRYLDMADeviceClose(device);
+    devices_.clear();
+    deviceFileToFlash = nullptr;
+    boards_.reset();
+  }
+
+  // Installs the boards of `list` and records every SPI frame of xdma0.
+  void Start(const std::string &list) {
+    boards_ = std::make_unique<sim::InProcessBoards>("/ombry-flash-test");
+    std::string error;
+    ASSERT_TRUE(boards_->AddList(list, &error)) << error;
+    boards_->Install();
+    for (uint32_t i = 0; i < sim::kMaxFpgas; i++) {
+      Card().WithFpga(i, [](sim::Fpga *fpga) {
+        if (fpga) fpga->Spi()->SetRecording(true);
+        return 0;
+      });
+    }
+  }
+
+  BRYLDMADevice *Open(uint64_t subDevice = 0) {
+    BRYLDMADevice *device = BRYLDMADeviceOpen(boards_->DevicePath("xdma0"), subDevice);
+    EXPECT_NE(device, nullptr);
+    if (device) devices_.push_back(device);
+    return device;
+  }
+
+  sim::Card &Card() { return *boards_->Find("xdma0"); }
+
+  std::vector<sim::SpiFrame> Frames(uint32_t fpga = 0) {
+    return Card().WithFpga(fpga, [](sim::Fpga *f) { return f->Spi()->TakeFrames(); });
+  }
+  std::vector<uint8_t> FlashBytes(uint64_t address, uint64_t count, uint32_t fpga = 0) {
+    return Card().WithFpga(fpga, [&](sim::Fpga *f) { return f->Flash()->Read(address, count); });
+  }
+  uint64_t Ignored(uint32_t fpga = 0) {
+    return Card().WithFpga(fpga, [](sim::Fpga *f) { return f->Flash()->Ignored(); });
+  }
+
+  std::unique_ptr<sim::InProcessBoards> boards_;
+  std::vector<BRYLDMADevice *> devices_;
+};
+
+// Frames that carry `command` as their first byte.
+inline std::vector<sim::SpiFrame> FramesOf(const std::vector<sim::SpiFrame> &frames, uint8_t command) {
+  std::vector<sim::SpiFrame> matching;
+  for (const sim::SpiFrame &frame : frames) {
+    if (!frame.out.empty() && frame.out[0] == command) matching.push_back(frame);
+  }
+  return matching;
+}
+
+// The 4-byte address of a command frame.
+inline uint32_t FrameAddress(const sim::SpiFrame &frame) {
+  return uint32_t(frame.out.at(1)) << 24 | uint32_t(frame.out.at(2)) << 16 | uint32_t(frame.out.at(3)) << 8 |
+         frame.out.at(4);
+}
+
+// Bytes that are never all 0xFF within a page, unless asked for.
+inline std::vector<uint8_t> RandomImage(size_t size, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::vector<uint8_t> image(size);
+  for (uint8_t &byte : image) byte = static_cast<uint8_t>(random());
+  return image;
+}
+
+// A fresh directory under the system's temporary directory.
+inline std::filesystem::path TempDirectory(const std::string &name) {
+  auto dir = std::filesystem::temp_directory_path() / ("ombry-" + name + "-" + std::to_string(getpid()));
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  return dir;
+}
+
+// An empty ./bitstreams/ tree, one folder per model, under `root`.
+inline void MakeBitstreamTree(const std::filesystem::path &root) {
+  for (const char *folder : {"O101", "1525", "O215", "O21F", "CV13", "JC33", "JC35", "JC37", "JC39", "NV01",
+                             "OMPR", "RK33", "RK35", "RK37"}) {
+    std::filesystem::create_directories(root / "bitstreams" / (std::string("CKB-") + folder));
+  }
+}

@@ -1,0 +1,201 @@
+// The SPI controller driver and the flash library against the simulated
+// controller and chip: what goes over the wire, what the chip ends up
+// holding, and the failures the library reports.
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
+#include "board/spi_flash.h"
+#include "board/xspi.h"
+#include "tests/flash/sim_board.h"
+
+namespace {
+
+constexpr uint64_t kControllerBase = 0x10000;
+
+XSpi_Config FlashConfig() {
+  XSpi_Config config{};
+  config.BaseAddress = kControllerBase;
+  config.HasFifos = 1;
+  config.NumSlaveBits = 1;
+  config.DataWidth = 8;
+  config.SpiMode = 2;
+  config.AxiFullBaseAddress = kControllerBase;
+  config.Use_Startup = 1;
+  return config;
+}
+
+class SpiDriverTest : public SimBoardTest {
+ protected:
+  void SetUp() override {
+    Start("xdma0 model=7 erase_busy=3 program_busy=2\n");
+    deviceFileToFlash = Open()->userFile;
+  }
+};
+
+TEST_F(SpiDriverTest, SlaveStaysSelectedAcrossFifoRounds) {
+  XSpi spi{};
+  XSpi_Config config = FlashConfig();
+  ASSERT_EQ(XSpi_CfgInitialize(&spi, &config, config.BaseAddress), XST_SUCCESS);
+  ASSERT_EQ(XSpi_SetOptions(&spi, XSP_MASTER_OPTION | XSP_MANUAL_SSELECT_OPTION | XSP_LOOPBACK_OPTION), 0);
+  ASSERT_EQ(XSpi_SetSlaveSelect(&spi, 1), XST_SUCCESS);
+  ASSERT_EQ(XSpi_Start(&spi), XST_SUCCESS);
+  Frames();  // the start-up read goes out unselected and is no frame
+
+  std::vector<uint8_t> send = RandomImage(261, 1);
+  std::vector<uint8_t> receive(261);
+  ASSERT_EQ(XSpi_Transfer(&spi, send.data(), receive.data(), 256), XST_SUCCESS);
+  ASSERT_EQ(XSpi_Transfer(&spi, send.data(), receive.data(), 261), XST_SUCCESS);
+  // Looped back, every byte comes home in order across the round boundary.
+  EXPECT_EQ(receive, send);
+  EXPECT_EQ(spi.Stats.BytesTransferred, 256u + 261u);
+
+  auto frames = Frames();
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(frames[0].rounds, 1u);
+  EXPECT_EQ(frames[0].out, std::vector<uint8_t>(send.begin(), send.begin() + 256));
+  EXPECT_EQ(frames[1].rounds, 2u);
+  EXPECT_EQ(frames[1].out, send);
+}
+
+TEST_F(SpiDriverTest, StatusCodesForMisuse) {
+  XSpi spi{};
+  XSpi_Config config = FlashConfig();
+  config.NumSlaveBits = 2;
+  ASSERT_EQ(XSpi_CfgInitialize(&spi, &config, config.BaseAddress), XST_SUCCESS);
+  uint8_t byte = 0x05;
+  EXPECT_EQ(XSpi_Transfer(&spi, &byte, nullptr, 1), XST_DEVICE_IS_STOPPED);
+  EXPECT_EQ(XSpi_SetSlaveSelect(&spi, 3), XST_SPI_TOO_MANY_SLAVES);
+  EXPECT_EQ(XSpi_SetSlaveSelect(&spi, 2), XST_SUCCESS);
+  EXPECT_EQ(spi.SlaveSelectReg, ~2u);
+
+  ASSERT_EQ(XSpi_Start(&spi), XST_SUCCESS);
+  EXPECT_EQ(XSpi_Start(&spi), XST_DEVICE_IS_STARTED);
+  XSpi before;
+  memcpy(&before, &spi, sizeof spi);
+  EXPECT_EQ(XSpi_CfgInitialize(&spi, &config, 0x20000), XST_DEVICE_IS_STARTED);
+  EXPECT_EQ(memcmp(&before, &spi, sizeof spi), 0);
+
+  ASSERT_EQ(XSpi_Stop(&spi), XST_SUCCESS);
+  EXPECT_EQ(XSpi_Transfer(&spi, &byte, nullptr, 1), XST_DEVICE_IS_STOPPED);
+}
+
+class SpiFlashTest : public SpiDriverTest {
+ protected:
+  void Init(uint8_t family) {
+    flash_.AddProgressCallback([this](const SPIFlashProgress &p) { progress_.push_back(p); });
+    flash_.Init(FlashConfig(), family);
+    Frames();
+  }
+
+  SPIFlash flash_;
+  std::vector<SPIFlashProgress> progress_;
+};
+
+TEST_F(SpiFlashTest, InitConfiguresOnlyTheFamilyThatNeedsIt) {
+  flash_.Init(FlashConfig(), 0);
+  auto frames = Frames();
+  auto configuration = FramesOf(frames, SPIFlash::kWriteConfiguration);
+  ASSERT_EQ(configuration.size(), 1u);
+  EXPECT_EQ(configuration[0].out, (std::vector<uint8_t>{0x81, 0xEB}));
+  EXPECT_EQ(Card().WithFpga(0, [](sim::Fpga *f) { return f->Flash()->Configuration(); }), 0xEB);
+  EXPECT_EQ(Ignored(), 0u);  // it was write-enabled
+
+  SPIFlash family1;
+  family1.Init(FlashConfig(), 1);
+  EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kWriteConfiguration).empty());
+}
+
+TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
+  Init(1);
+  std::vector<uint8_t> data = RandomImage(3 * 256 + 17, 2);
+  std::fill(data.begin() + 256, data.begin() + 512, 0xFF);  // the second page is blank
+  flash_.Write(0x100, data.data(), data.size());
+
+  auto frames = Frames();
+  EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatusFamily1).size(), 1u);
+  auto programs = FramesOf(frames, SPIFlash::kPageProgram4);
+  ASSERT_EQ(programs.size(), 3u);
+  EXPECT_EQ(FrameAddress(programs[0]), 0x100u);
+  EXPECT_EQ(programs[0].out.size(), 261u);
+  EXPECT_EQ(FrameAddress(programs[1]), 0x300u);
+  EXPECT_EQ(FrameAddress(programs[2]), 0x400u);
+  EXPECT_EQ(programs[2].out.size(), 22u);  // a last page of 17 bytes
+  EXPECT_EQ(FramesOf(frames, SPIFlash::kWriteEnable).size(), 3u);
+  EXPECT_EQ(FlashBytes(0x100, data.size()), data);
+  EXPECT_EQ(Ignored(), 0u);  // every command waited for the one before
+
+  // The blank page is reported like any other.
+  ASSERT_EQ(progress_.size(), 4u);
+  EXPECT_EQ(progress_[1].message, "Wrote 512 bytes");
+  EXPECT_DOUBLE_EQ(progress_[1].fraction, 512.0 / data.size());
+  EXPECT_EQ(progress_[3].message, "Wrote 785 bytes");
+  EXPECT_DOUBLE_EQ(progress_[3].fraction, 1.0);
+}
+
+TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
+  Init(0);
+  try {
+    flash_.Erase(0x10000, 65536);
+    FAIL() << "an unaligned erase went through";
+  } catch (const std::runtime_error &e) {
+    EXPECT_STREQ(e.what(), "Flash address must be on an even page of 262144 bytes");
+  }
+  EXPECT_TRUE(Frames().empty());
+
+  flash_.Erase(0x680000, 0);
+  ASSERT_EQ(progress_.size(), 1u);
+  EXPECT_EQ(progress_[0].message, "Erased 0 sectors");
+  EXPECT_EQ(progress_[0].fraction, 1.0);
+  EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kSectorErase4).empty());
+
+  std::vector<uint8_t> data = RandomImage(256, 3);
+  flash_.Write(0x50000, data.data(), data.size());
+  progress_.clear();
+  flash_.Erase(0x40000, 65537);
+  auto frames = Frames();
+  EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatus).size(), 2u);  // family 0's clear, once per call
+  auto erases = FramesOf(frames, SPIFlash::kSectorErase4);
+  ASSERT_EQ(erases.size(), 2u);
+  EXPECT_EQ(FrameAddress(erases[0]), 0x40000u);
+  EXPECT_EQ(FrameAddress(erases[1]), 0x50000u);
+  EXPECT_EQ(FlashBytes(0x50000, 256), std::vector<uint8_t>(256, 0xFF));
+  // The erase kept the chip busy, and the library polled it out.
+  bool sawBusy = false;
+  for (const auto &frame : FramesOf(frames, SPIFlash::kReadStatus)) sawBusy |= (frame.in.at(1) & 1) != 0;
+  EXPECT_TRUE(sawBusy);
+
+  ASSERT_EQ(progress_.size(), 3u);
+  EXPECT_NEAR(progress_[1].fraction, 2.0, 1e-4);  // not clamped
+  EXPECT_EQ(progress_[2].message, "Erased 2 sectors");
+}
+
+TEST_F(SpiFlashTest, ChipErrorBitsAreWarningsNotFailures) {
+  std::string error;
+  ASSERT_TRUE(boards_->RunCommand("xdma0 erase_error=1 program_error=1", &error)) << error;
+  Init(1);
+  std::vector<uint8_t> data = RandomImage(300, 4);
+  flash_.Erase(0, data.size());
+  flash_.Write(0, data.data(), data.size());
+  std::vector<std::string> warnings;
+  for (const auto &p : progress_) {
+    if (std::isnan(p.fraction)) warnings.push_back(p.message);
+  }
+  EXPECT_EQ(warnings, (std::vector<std::string>{"Warning: Flash indicated an error while erasing",
+                                                "Warning: Flash indicated an error while writing"}));
+}
+
+TEST_F(SpiFlashTest, ChipThatStaysBusyTimesOut) {
+  Init(1);
+  std::string error;
+  ASSERT_TRUE(boards_->RunCommand("xdma0 flash_stuck=1", &error)) << error;
+  std::vector<uint8_t> data = RandomImage(256, 5);
+  try {
+    flash_.Write(0, data.data(), data.size());
+    FAIL() << "a busy chip was written";
+  } catch (const std::runtime_error &e) {
+    EXPECT_STREQ(e.what(), "Timeout waiting for flash ready");
+  }
+}
+
+}  // namespace
