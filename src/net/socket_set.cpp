@@ -103,6 +103,11 @@ void Wake(VLSocket writer, char byte) {
   if (writer != kVLInvalidSocket) (void)send(writer, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
+// True when TRPSocketSetRemoveSocket took the slot from `fd` (it may even hold
+// a new socket by now).
+bool Retired(TRPSocket *slot, int fd) {
+  return fd < 0 || !slot->inUse.load(std::memory_order_acquire) || slot->fd != fd;
+}
 
 TRPSocket *FindDescriptor(TRPSocketSet *set, int fd) {
   int32_t highest = set->highestSlot;
@@ -159,10 +164,13 @@ bool StartThread(TRPSocketSet *set, TRPServiceThread which) {
   return true;
 }
 
-bool AddToReceiveThread(TRPSocketSet *set, int fd) {
+bool AddToReceiveThread(TRPSocketSet *set, TRPSocket *slot, int fd) {
   if (!StartThread(set, kTRPThreadReceive)) return false;
+  // Under setLock, so that a removal either comes first and is seen here, or
+  // comes after and takes the descriptor out of the list again.
+  std::lock_guard<std::mutex> setGuard(set->setLock);
+  if (!set->running || Retired(slot, fd)) return false;
   std::lock_guard<std::mutex> guard(set->receiveLock);
-  if (!set->running) return false;
   TRPDescriptorListAdd(&set->receiveList, fd);
   Wake(set->receivePipe[1], 'B');
   return true;
@@ -172,6 +180,9 @@ bool AddToReceiveThread(TRPSocketSet *set, int fd) {
 // and closed at tear-down.
 void RetireSlot(TRPSocketSet *set, TRPSocket *slot) {
   int fd = slot->fd;
+  // Out of use first, so that no service thread picks the slot up again
+  // while it is being emptied.
+  slot->inUse.store(0, std::memory_order_release);
   {
     std::lock_guard<std::mutex> sendGuard(set->sendLock);
     std::lock_guard<std::mutex> ringGuard(set->sendBufferLock);
@@ -188,17 +199,25 @@ void RetireSlot(TRPSocketSet *set, TRPSocket *slot) {
     shutdown(fd, SHUT_RDWR);
     set->retiredFds.push_back(fd);
   }
-  slot->inUse.store(0, std::memory_order_release);
 }
 
-void WaitForSenders(TRPSocketSet *set) {
-  if (set->activeSends.load() == 0) return;
-  VL_LOG(VLLogLevelDebug, kTag, "Busy wait for direct-send to finish");
-  while (set->activeSends.load() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
+// Counts an owner call for its whole duration.
+class CallScope {
+ public:
+  explicit CallScope(TRPSocketSet *set) : set_(set) { set_->activeCalls.fetch_add(1); }
+  ~CallScope() { set_->activeCalls.fetch_sub(1); }
+  CallScope(const CallScope &) = delete;
+  CallScope &operator=(const CallScope &) = delete;
+
+ private:
+  TRPSocketSet *set_;
+};
 
 void DestroyRecord(TRPSocketSet *set) {
-  WaitForSenders(set);
+  if (set->activeCalls.load() != 0) {
+    VL_LOG(VLLogLevelDebug, kTag, "Busy wait for direct-send to finish");
+    while (set->activeCalls.load() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   delete set;
 }
 
@@ -317,7 +336,8 @@ TRPSocket *FindPendingConnect(TRPSocketSet *set) {
   int32_t highest = set->highestSlot;
   for (int32_t i = 0; i <= highest; i++) {
     TRPSocket *slot = &set->slots[i];
-    if (slot->inUse.load(std::memory_order_acquire) && slot->type == kSocketTypeConnect && !slot->connected) {
+    if (slot->inUse.load(std::memory_order_acquire) && slot->type == kSocketTypeConnect && !slot->connected &&
+        slot->fd >= 0) {
       return slot;
     }
   }
@@ -356,18 +376,24 @@ int ConnectWhileRunning(TRPSocketSet *set, int fd, const sockaddr_in &remote) {
 bool ConnectOne(TRPSocketSet *set, TRPSocket *slot) {
   int fd = slot->fd;
   uint32_t tag = slot->tag;
+  if (fd < 0) return true;
   int error = ConnectWhileRunning(set, fd, slot->remoteAddress);
   if (!set->running) return false;
 
   if (error == 0) {
-    slot->connected = 1;
+    {
+      std::lock_guard<std::mutex> guard(set->setLock);
+      if (Retired(slot, fd)) return true;
+      slot->connected = 1;
+    }
     TRPSocketSetConnectedCallback connected = set->connected;
     if (connected) connected(set, tag, set->userData);
     if (HonourDeferredClose(set, "connect thread")) return false;
     // Reading starts only now, so the callback can queue data before it.
-    AddToReceiveThread(set, fd);
+    AddToReceiveThread(set, slot, fd);
     return true;
   }
+  if (Retired(slot, fd)) return true;
 
   VL_LOG(VLLogLevelError, kTag, "Connect Error @ %i: %i", static_cast<int>(tag), error);
   SocketFailed(set, slot, fd, kSocketSetConnectFailed, "connect thread");
@@ -409,6 +435,7 @@ bool ReceiveFrom(TRPSocketSet *set, int fd, uint8_t *buffer) {
   uint32_t reason = kSocketSetReadFailed;
   if (received < 0 && error == ETIMEDOUT) reason = kSocketSetReadTimedOut;
   if (received == 0) reason = kSocketSetPeerClosed;
+  if (Retired(slot, fd)) return true;
   SocketFailed(set, slot, fd, reason, "receive thread");
   return false;
 }
@@ -473,6 +500,7 @@ bool SendFrom(TRPSocketSet *set, int fd, uint8_t *chunk) {
       sent = 0;
     } else {
       if (!set->running) return false;
+      if (Retired(slot, fd)) return true;
       SocketFailed(set, slot, fd, kSocketSetSendFailed, "send thread");
       return false;
     }
@@ -628,7 +656,9 @@ void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uin
 bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
                            uint32_t type, uint32_t tag, bool parseMessages, uint32_t options) {
   (void)options;  // no option applies to the socket type built here
-  if (!set || !set->running) return false;
+  if (!set) return false;
+  CallScope call(set);
+  if (!set->running) return false;
   if (type != kSocketTypeConnect) {
     VL_LOG(VLLogLevelError, kTag, "Socket type %u is not available", type);
     return false;
@@ -685,7 +715,7 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
 }
 
 bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uint32_t tag) {
-  set->activeSends.fetch_add(1);
+  CallScope call(set);
   bool queued = false;
   TRPSocket *slot = set->running ? TRPSocketSetFindTag(set, tag) : nullptr;
   if (slot && slot->connected && StartThread(set, kTRPThreadSend)) {
@@ -702,11 +732,11 @@ bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uin
       if (added) Wake(set->sendPipe[1], 'A');
     }
   }
-  set->activeSends.fetch_sub(1);
   return queued;
 }
 
 bool TRPSocketSetRemoveSocket(TRPSocketSet *set, uint32_t tag) {
+  CallScope call(set);
   std::lock_guard<std::mutex> guard(set->setLock);
   if (!set->running) return false;
   TRPSocket *slot = TRPSocketSetFindTag(set, tag);
@@ -732,23 +762,26 @@ bool TRPSocketSetClose(TRPSocketSet *set) {
 
   set->ownerReleased = true;
   set->ownerClosing = true;
-  if (!set->running) {
-    // A service thread tore the set down, or is doing so: wait for it to
-    // finish, including its disconnected callback.
-    VL_LOG(VLLogLevelVerbose, kTag, "Close socket waiting while disconnecting. %s - %i, %i", NameOf(set),
-           static_cast<int>(set->running), static_cast<int>(set->disconnecting));
-    auto start = std::chrono::steady_clock::now();
-    while (!set->tornDown) set->tornDownCondition.variable.wait(guard);
-    auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-    VL_LOG(VLLogLevelVerbose, kTag, "Socket Finished disconnecting. %s, cnt: %i", NameOf(set),
-           static_cast<int>(waited.count()));
-    guard.unlock();
-  } else {
+  if (set->running) {
     VL_LOG(VLLogLevelVerbose, kTag, "Closing socket properly %s - %i, %i", NameOf(set),
            static_cast<int>(set->running), static_cast<int>(set->disconnecting));
     guard.unlock();
+    // A service thread that meets a failure meanwhile may win the tear-down;
+    // this then returns at once and the wait below covers it.
     CloseInternal(set, 0, false);
+    guard.lock();
+  } else {
+    VL_LOG(VLLogLevelVerbose, kTag, "Close socket waiting while disconnecting. %s - %i, %i", NameOf(set),
+           static_cast<int>(set->running), static_cast<int>(set->disconnecting));
   }
+  // Whoever tears the set down joins the other service threads; wait for it to
+  // finish, its disconnected callback included, before touching the threads.
+  auto start = std::chrono::steady_clock::now();
+  while (!set->tornDown) set->tornDownCondition.variable.wait(guard);
+  auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  VL_LOG(VLLogLevelVerbose, kTag, "Socket Finished disconnecting. %s, cnt: %i", NameOf(set),
+         static_cast<int>(waited.count()));
+  guard.unlock();
   // Only the thread that ran the tear-down can be left; it touches nothing of
   // the record once the tear-down is marked finished.
   for (std::thread &thread : set->threads) {

@@ -86,8 +86,9 @@ struct TRPSocketSet {
   Relaxed<TRPSocketSetDataSentCallback> dataSent;
   Relaxed<TRPSocketSetRawDataCallback> messageRawData;  // behind the pass-through
 
-  // Callers inside TRPSocketSetSend; the record isn't freed while any remain.
-  std::atomic<uint32_t> activeSends{0};
+  // Owner calls in progress (add, send, remove); the record isn't freed while
+  // any remain, even when a callback closed the set meanwhile.
+  std::atomic<uint32_t> activeCalls{0};
 
   // The record's own lifetime, under setLock. `ownerReleased`: the owner
   // called TRPSocketSetClose. `ownerClosing`: it did so on its own thread and

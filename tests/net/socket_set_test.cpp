@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <thread>
@@ -137,7 +138,7 @@ TEST_F(SocketSetTest, ConnectedCallbackSendsBeforeTheFirstReadAndDataFlowsBothWa
   EXPECT_FALSE(TRPSocketSetSend(set, "x", 1, 99));  // unknown tag
 }
 
-TEST_F(SocketSetTest, PendingConnectRefusesSendsAndIsCutShortByClose) {
+TEST_F(SocketSetTest, PendingConnectRefusesSendsAndIsCutShortByRemoveAndClose) {
   // A listener whose queue is full drops further attempts: the connect hangs.
   Listener listener(0);
   std::vector<Peer> fillers;
@@ -152,6 +153,11 @@ TEST_F(SocketSetTest, PendingConnectRefusesSendsAndIsCutShortByClose) {
   std::this_thread::sleep_for(300ms);
   ASSERT_EQ(Seen([&] { return record.connected; }), 0);
   EXPECT_FALSE(TRPSocketSetSend(set, "x", 1, 16));
+  // Removing a socket whose connect is pending cuts it short and keeps the set.
+  ASSERT_TRUE(Connect(listener.Port(), 17));
+  EXPECT_TRUE(TRPSocketSetRemoveSocket(set, 16));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(Seen([&] { return record.reasons; }), std::vector<uint32_t>{});
   EXPECT_TRUE(TRPSocketSetClose(set));
   set = nullptr;
   EXPECT_TRUE(record.reasons.empty());
@@ -237,6 +243,14 @@ TEST_F(SocketSetTest, CloseFromInsideTheDisconnectedCallbackLetsTheSetFreeItself
   EXPECT_EQ(Seen([&] { return record.closeResults; }), std::vector<bool>{false});
 }
 
+// Ends the peer's stream while the owner's close holds the set's lock, so that
+// the receive thread meets the failure while the close is under way.
+void ResetPeerDuringClose(uint32_t, const char *, const char *message, void *peer) {
+  if (!strstr(message, "Closing socket properly")) return;
+  static_cast<Peer *>(peer)->Reset();
+  std::this_thread::sleep_for(20ms);
+}
+
 TEST(SocketSetOwnership, OwnerCloseRacingAFailureIsHarmless) {
   Listener listener;
   for (int round = 0; round < 40; round++) {
@@ -248,10 +262,16 @@ TEST(SocketSetOwnership, OwnerCloseRacingAFailureIsHarmless) {
     std::thread sender([&] {
       for (int i = 0; i < 50; i++) TRPSocketSetSend(set, "line\n", 5, 1);
     });
-    round % 2 ? peer.Reset() : peer.Close();
-    if (round % 4 < 2) std::this_thread::sleep_for(std::chrono::microseconds(round * 50));
+    if (round % 3 == 0) {
+      VLLogSetLevel(VLLogLevelVerbose);
+      VLLogSetCallback(ResetPeerDuringClose, &peer);
+    } else {
+      round % 2 ? peer.Reset() : peer.Close();
+      std::this_thread::sleep_for(std::chrono::microseconds(round * 50));
+    }
     sender.join();
     EXPECT_TRUE(TRPSocketSetClose(set));
+    VLLogSetCallback(nullptr, nullptr);
     EXPECT_LE(record.reasons.size(), 1u);
   }
 }
