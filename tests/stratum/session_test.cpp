@@ -208,17 +208,22 @@ TEST_F(SessionTest, LostConnectionReconnectsWithAFreshSubscribe) {
 uint32_t FindShare(const StratumJob &job, const uint32_t block[4]) {
   uint32_t header[8];
   memcpy(header, job.headerHash.data(), sizeof header);
-  for (uint32_t nonce = 0;; nonce++) {
+  for (uint32_t nonce = 0; nonce < (1u << 24); nonce++) {
     uint32_t words[4], digest[8], hash[8];
     CandidateNonceWords(block, 0, nonce, words);
     EaglesongHash48(header, words, digest);
     EaglesongDigestNumber(digest, hash);
     if (JudgeHash(hash, job.target, job.target).code == CandidateShare) return nonce;
   }
+  ADD_FAILURE() << "no share in 2^24 nonces at difficulty " << job.difficulty;
+  return 0;
 }
 
 TEST_F(SessionTest, ClientAndPoolAgreeOnShares) {
-  Start({"--difficulty", "0.00001", "--notify-interval", "600", "--extranonce1", "a1a2a3a4"});
+  // A target of one hash in 2^16; a difficulty that small would go out in
+  // exponent form, which the client reads as an integer.
+  Start({"--target-mode", "target", "--target", "0000" + std::string(60, 'f'), "--notify-interval", "600",
+         "--extranonce1", "a1a2a3a4"});
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));
   auto job = context.CurrentJob();
