@@ -29,6 +29,16 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
   return true;
 }
 
+// The worker's thread body on a thread the test joins, so that nothing of the
+// worker outlives the board and the records it uses.
+std::thread RunWorker(MiningContext &context) { return std::thread(WorkerMain, new WorkerThreadArgs{0, &context}); }
+
+void StopWorker(MiningContext &context, std::thread &thread) {
+  if (!thread.joinable()) return;
+  context.workers[0]->enabled = false;
+  thread.join();
+}
+
 class WorkerBoardTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -55,10 +65,7 @@ class WorkerBoardTest : public ::testing::Test {
     DifficultyToTarget(1.0, job->target);
   }
   void TearDown() override {
-    if (!context.workers.empty()) {
-      context.workers[0]->enabled = false;
-      WaitUntil([&] { return !context.workers[0]->active; });
-    }
+    StopWorker(context, thread);
     boards.Uninstall();
   }
 
@@ -72,13 +79,14 @@ class WorkerBoardTest : public ::testing::Test {
 
   sim::InProcessBoards boards{"/ombry-worker-test"};
   sim::Card *card = nullptr;
+  std::thread thread;
   MiningContext context;
   std::shared_ptr<StratumJob> job;
 };
 
 TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
   Worker &worker = *context.workers[0];
-  StartWorkerThread(context, 0);
+  thread = RunWorker(context);
   std::this_thread::sleep_for(100ms);
   EXPECT_FALSE(worker.active);  // no job yet
   EXPECT_EQ(worker.state, WorkerStateWaitingForWork);
@@ -119,7 +127,7 @@ TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
 TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
   Worker &worker = *context.workers[0];
   context.SetCurrentJob(job);
-  StartWorkerThread(context, 0);
+  thread = RunWorker(context);
   ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
 
   auto next = std::make_shared<StratumJob>();
@@ -140,7 +148,7 @@ TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
 TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
   Worker &worker = *context.workers[0];
   context.SetCurrentJob(job);
-  StartWorkerThread(context, 0);
+  thread = RunWorker(context);
   ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning; }));
   worker.enabled = false;
   // No clock step comes in the first 2000 passes; then 25 MHz every second pass.
@@ -155,8 +163,9 @@ TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
   Worker &worker = *context.workers[0];
   worker.device.reset();
   context.SetCurrentJob(job);
-  StartWorkerThread(context, 0);
-  EXPECT_TRUE(WaitUntil([&] { return !worker.enabled; }));
+  thread = RunWorker(context);
+  thread.join();
+  EXPECT_FALSE(worker.enabled);
   EXPECT_FALSE(worker.active);
 }
 
@@ -187,7 +196,7 @@ TEST(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenH
   job->jobId = "job";
   DifficultyToTarget(1.0, job->target);
   context.SetCurrentJob(job);
-  StartWorkerThread(context, 0);
+  std::thread thread = RunWorker(context);
 
   EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature >= 109.0; }));
   // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
@@ -198,8 +207,8 @@ TEST(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenH
   std::this_thread::sleep_for(300ms);
   EXPECT_GE(worker.vrmTemperature, 109.0);
 
-  worker.enabled = false;
-  EXPECT_TRUE(WaitUntil([&] { return !worker.active; }, 60000ms));
+  StopWorker(context, thread);
+  EXPECT_FALSE(worker.active);
   boards.Uninstall();
 }
 
