@@ -2,33 +2,20 @@
 // the streams they belong to.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 
+#include "sim_boards.h"
 #include "support/process.h"
 
 using testing_support::BuiltProgram;
+using miner_testing::SimBoardList;
+using miner_testing::SimMiner;
 using testing_support::RunProcess;
 
 namespace {
 
 std::string Miner() { return BuiltProgram("src/miner/ombry-miner"); }
-
-// The miner reads ./bitstreams/ at start and ends when it is missing; runs
-// start in the checkout, which ships the tree.
-class CheckoutDirectory : public ::testing::Environment {
-  void SetUp() override {
-    // Non-fatal: a fatal failure here would turn every test into a skip.
-    const char *source = getenv("OMBRY_SOURCE_DIR");
-    EXPECT_NE(source, nullptr) << "run the tests through ctest";
-    if (source) {
-      EXPECT_EQ(chdir(source), 0);
-    }
-  }
-};
-const auto *const kCheckoutDirectory = ::testing::AddGlobalTestEnvironment(new CheckoutDirectory);
 
 // A device directory with no boards in it, so that no run touches /dev.
 std::string EmptyDeviceDir() {
@@ -59,33 +46,51 @@ TEST(EntryTest, DumpEndsAtOnceWithoutLogging) {
   EXPECT_EQ(result.err, "");
 }
 
-const char *kNoDeviceList = "E/Miner        : Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?\n";
-
-TEST(EntryTest, RecoveryWithNoBoardsStartsLoggingAndFindsNoDeviceList) {
-  auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 1);
+TEST(EntryTest, RecoveryScansAndExitsCleanlyWithoutAWorker) {
+  SimBoardList boards("xdma0 model=7 dna=1,2,3\n");
+  auto result = RunProcess({SimMiner(), "recovery"}, boards.Env());
+  EXPECT_EQ(result.exitCode, 0);
   EXPECT_NE(result.out.find("I/LOGGER       : Log level set to Info\n"), std::string::npos);
   EXPECT_NE(result.out.find("I/Miner        : Starting miner\n"), std::string::npos);
-  EXPECT_EQ(result.err, kNoDeviceList);
+  // Even a compatible board is only a flashing candidate here.
+  EXPECT_EQ(result.err,
+            "E/Miner        :   Device 1: RK35 (000000010000000200000003:00000000) running CKB (12) bitstream "
+            "Version 0.004\n"
+            "E/Miner        : No flash data found for device 1\n"
+            "E/Miner        : Exiting\n");
+}
+
+TEST(EntryTest, NoDeviceListEndsTheRunWithCodeOne) {
+  auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.err,
+            "E/Miner        : Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?\n");
+  EXPECT_NE(result.out.find("I/Miner        : Scanning for devices...\n"), std::string::npos);
 }
 
 TEST(EntryTest, RecoveryWithFullArgumentsIsNotARecoveryRun) {
-  auto result = RunProcess({Miner(), "recovery", "pool", "3333", "wallet", "x"}, {EmptyDeviceDir()});
+  SimBoardList boards("xdma0 model=7\n");
+  auto result = RunProcess({SimMiner(), "recovery", "pool", "3333", "wallet", "x"}, boards.Env());
   EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.err.find("E/Miner        : Device 1: Assigned to worker 1\n"), std::string::npos);
+  EXPECT_NE(result.err.find("E/Miner        : Algorithm 'recovery' is not known\n"), std::string::npos);
   EXPECT_EQ(result.err.find("E/Miner        : Exiting"), std::string::npos);
 }
 
-TEST(EntryTest, NoBoardsEndTheRunWithCodeOne) {
-  auto result = RunProcess({Miner(), "ckb", "pool.example.org", "3333", "wallet", "x"}, {EmptyDeviceDir()});
+TEST(EntryTest, NoReadyBoardEndsTheRunWithCodeOne) {
+  SimBoardList boards("xdma0 model=7 bitstream=0x000C0005\nxdma1 identity=ZZZZ\n");
+  auto result = RunProcess({SimMiner(), "ckb", "pool.example.org", "3333", "wallet", "x"}, boards.Env());
   EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err, kNoDeviceList);
-  // It ends before the watchdog starts.
+  EXPECT_NE(result.err.find("E/Miner        : No device is ready for mining, exiting\n"), std::string::npos);
+  // It ends before the watchdog or any worker starts.
   EXPECT_EQ(result.out.find("Watchdog"), std::string::npos);
+  EXPECT_EQ(result.out.find("Worker"), std::string::npos);
 }
 
 TEST(EntryTest, TraceEnvironmentRaisesTheLogLevel) {
-  auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir(), "VL_LOG_TRACE=1"});
-  EXPECT_EQ(result.exitCode, 1);
+  SimBoardList boards("xdma0 model=7\n");
+  auto result = RunProcess({SimMiner(), "recovery"}, {boards.Env()[0], boards.Env()[1], "VL_LOG_TRACE=1"});
+  EXPECT_EQ(result.exitCode, 0);
   EXPECT_NE(result.out.find("Log level set to Trace"), std::string::npos);
 }
 
