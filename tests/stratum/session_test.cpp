@@ -22,10 +22,12 @@
 #include "stratum/job_intake.h"
 #include "stratum/share.h"
 #include "stratum/targets.h"
+#include "support/test_pool.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testing_support::TestPool;
 
 struct PoolContext : StratumContext {
   StratumShareCounters counters;
@@ -63,67 +65,6 @@ class LogLines {
   }
   std::mutex lock_;
   std::vector<std::string> lines_;
-};
-
-// The test pool as a child process on a free port.
-class TestPool {
- public:
-  explicit TestPool(std::vector<std::string> options) {
-    char dir[] = "/tmp/ombry-pool-XXXXXX";
-    dir_ = mkdtemp(dir);
-    std::string script = std::string(getenv("OMBRY_SOURCE_DIR")) + "/tools/test_pool/pool.py";
-    std::vector<std::string> args = {"python3", script, "--port", "0", "--quiet", "--transcript",
-                                     dir_ + "/transcript", "--stats", dir_ + "/stats.json"};
-    args.insert(args.end(), options.begin(), options.end());
-    int out[2];
-    EXPECT_EQ(pipe(out), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], 1);
-      std::vector<char *> argv;
-      for (auto &arg : args) argv.push_back(arg.data());
-      argv.push_back(nullptr);
-      execvp("python3", argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    FILE *stream = fdopen(out[0], "r");
-    char line[256];
-    while (fgets(line, sizeof line, stream)) {
-      if (const char *at = strstr(line, "listening on 127.0.0.1:")) {
-        port_ = static_cast<uint16_t>(atoi(at + strlen("listening on 127.0.0.1:")));
-        break;
-      }
-    }
-    stream_ = stream;
-  }
-  ~TestPool() {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    fclose(stream_);
-    std::string command = "rm -rf " + dir_;
-    (void)system(command.c_str());
-  }
-  uint16_t Port() const { return port_; }
-  // The lines the client sent, in order.
-  std::vector<std::string> ClientLines() {
-    std::ifstream file(dir_ + "/transcript");
-    std::vector<std::string> lines;
-    std::string line;
-    while (std::getline(file, line)) {
-      std::istringstream fields(line);
-      std::string connection, direction;
-      fields >> connection >> direction;
-      if (direction == "<") lines.push_back(line.substr(line.find('<') + 2));
-    }
-    return lines;
-  }
-
- private:
-  std::string dir_;
-  pid_t pid_ = -1;
-  uint16_t port_ = 0;
-  FILE *stream_ = nullptr;
 };
 
 class SessionTest : public ::testing::Test {
