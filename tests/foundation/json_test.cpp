@@ -134,42 +134,6 @@ TEST(JsonReader, ReadsWhatAPoolSends) {
   });
 }
 
-// The saved configuration, byte for byte.
-TEST(JsonWriter, WritesTheSavedConfigurationLayoutExactly) {
-  auto device = [](const char *model, const char *dna, double clock, bool disabled) {
-    VLObject *entry = VLDictionaryCreate(4);
-    VLRef m(VLStringCreate(model, 0)), d(VLStringCreate(dna, 0)), c(VLNumberCreateReal(clock));
-    VLRef off(VLNumberCreateBool(disabled));
-    VLDictionarySet(entry, m.get(), VLStringConstant("model"));
-    VLDictionarySet(entry, d.get(), VLStringConstant("dna"));
-    VLDictionarySet(entry, c.get(), VLStringConstant("clock"));
-    VLDictionarySet(entry, off.get(), VLStringConstant("disabled"));
-    return entry;
-  };
-  VLRef devices(VLArrayCreate(1));
-  VLRef first(device("MODEL", "DNA", 500.0, false));
-  VLArrayAppend(devices.get(), first.get());
-  VLRef config(VLDictionaryCreate(1));
-  VLDictionarySet(config.get(), devices.get(), VLStringConstant("devices"));
-  EXPECT_EQ(Serialize(config.get()),
-            "{\n"
-            "  \"devices\":  [\n"
-            "    {\n"
-            "      \"model\":      \"MODEL\",\n"
-            "      \"dna\":      \"DNA\",\n"
-            "      \"clock\":      500.000000,\n"
-            "      \"disabled\":      false\n"
-            "    }\n"
-            "  ]\n"
-            "}\n");
-
-  VLRef second(device("X", "0123", 262.5, true));
-  VLArrayAppend(devices.get(), second.get());
-  std::string two = Serialize(config.get());
-  EXPECT_NE(two.find("      \"disabled\":      false\n    },\n    {\n      \"model\":      \"X\",\n"), std::string::npos);
-  EXPECT_NE(two.find("      \"clock\":      262.500000,\n      \"disabled\":      true\n    }\n  ]\n}\n"), std::string::npos);
-}
-
 TEST(JsonWriter, WritesEachTagInItsOwnForm) {
   VLRef empty_array(VLArrayCreate(0));
   VLRef empty_dictionary(VLDictionaryCreate(0));
@@ -220,20 +184,6 @@ TEST(JsonRoundTrip, KeepsStructureAndNormalisesKinds) {
   // Data comes back as its base64 text; everything else as it was.
   EXPECT_EQ(Show(back.get()),
             R"({"s":"line\x0Afeed\x01","n":[i32:-3,u64:4,real:2.5,true,null],"d":{},"data":"aGVsbG8="})");
-}
-
-TEST(JsonRpcText, WhitespaceRemovalGivesTheWireForm) {
-  VLRef request(VLDictionaryCreate(4));
-  VLRef params(VLArrayCreateWith(VLStringConstant("testminer"), VLStringConstant("testminer"), nullptr));
-  VLRef method(VLStringCreate("mining.subscribe", 0));
-  VLDictionarySet(request.get(), VLStringConstant("2.0"), VLStringConstant("jsonrpc"));
-  VLDictionarySet(request.get(), VLNumberConstant(VLNumberUInt32, 1, 0, 0), VLStringConstant("id"));
-  VLDictionarySet(request.get(), method.get(), VLStringConstant("method"));
-  VLDictionarySet(request.get(), params.get(), VLStringConstant("params"));
-  VLRef text(VLObjectSerialize(request.get(), VLFormatJson));
-  VLRef line(VLStringRemoveWhitespace(text.get()));
-  EXPECT_STREQ(VLStringChars(line.get()),
-               R"({"jsonrpc":"2.0","id":1,"method":"mining.subscribe","params":["testminer","testminer"]})");
 }
 
 // Runs `body` on a thread whose stack was painted beforehand, and returns how

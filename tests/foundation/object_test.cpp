@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -354,14 +352,10 @@ TEST(Sort, OrdersTextWithoutRegardToCase) {
   VLRef array(ReadJson(R"(["pear","Apple","banana","apple","Cherry"])"));
   VLArraySort(array.get());
   std::string shown = Show(array.get());
-  std::vector<std::string> strings;
-  for (uint32_t i = 0; i < VLArrayCount(array.get()); ++i) strings.push_back(VLStringChars(VLArrayGet(array.get(), i)));
-  ASSERT_EQ(strings.size(), 5u) << shown;
-  EXPECT_EQ(strcasecmp(strings[0].c_str(), "apple"), 0) << shown;
-  EXPECT_EQ(strcasecmp(strings[1].c_str(), "apple"), 0) << shown;
-  EXPECT_EQ(strings[2], "banana") << shown;
-  EXPECT_EQ(strings[3], "Cherry") << shown;
-  EXPECT_EQ(strings[4], "pear") << shown;
+  // The two apples are equal to the sort, so either may come first.
+  EXPECT_TRUE(shown == R"(["Apple","apple","banana","Cherry","pear"])" ||
+              shown == R"(["apple","Apple","banana","Cherry","pear"])")
+      << shown;
 
   // Only the low 8 bits of a difference count: 'a' - 0xE9 is -136, read as +120.
   VLRef high(VLArrayCreateWith(VLStringConstant("\xE9"), VLStringConstant("a"), nullptr));

@@ -18,28 +18,21 @@ std::unique_ptr<PtyProcess> StartDelay(uint64_t seconds, const char *keys) {
   });
 }
 
-TEST(InterruptableDelayTest, AcceptedKeyEndsTheWait) {
-  auto child = StartDelay(30, "yn");
-  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
-  child->Type("y");
-  EXPECT_EQ(child->Wait(), 'y');
-  EXPECT_EQ(child->Output().find("Waiting for 30 seconds"), 0u);
-  EXPECT_EQ(child->Output().back(), '\n');
-}
-
-TEST(InterruptableDelayTest, OtherKeysAndUpperCaseAreIgnored) {
-  auto child = StartDelay(30, "yn");
-  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
-  child->Type("qY N");
-  child->Type("n");
-  EXPECT_EQ(child->Wait(), 'n');
-}
-
-TEST(InterruptableDelayTest, FirstAcceptedKeyWinsWithinOneRead) {
-  auto child = StartDelay(30, "yn");
-  ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
-  child->Type("xny");
-  EXPECT_EQ(child->Wait(), 'n');
+TEST(InterruptableDelayTest, FirstAcceptedLowerCaseKeyEndsTheWait) {
+  // Keys typed, and the key the wait ends with.
+  const std::pair<std::vector<const char *>, char> rows[] = {
+      {{"y"}, 'y'},
+      {{"qY N", "n"}, 'n'},  // other keys and upper case are ignored
+      {{"xny"}, 'n'},        // the first accepted key of one read wins
+  };
+  for (const auto &[typed, key] : rows) {
+    auto child = StartDelay(30, "yn");
+    ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
+    for (const char *keys : typed) child->Type(keys);
+    EXPECT_EQ(child->Wait(), key) << typed[0];
+    EXPECT_EQ(child->Output().find("Waiting for 30 seconds"), 0u);
+    EXPECT_EQ(child->Output().back(), '\n');
+  }
 }
 
 TEST(InterruptableDelayTest, SilencePrintsADotASecondAndAnswersZero) {

@@ -24,19 +24,16 @@ std::string EmptyDeviceDir() {
   return "OMBRY_DEVICE_DIR=" + dir.string();
 }
 
-TEST(EntryTest, NoArgumentsAsksForParameters) {
-  auto result = RunProcess({Miner()}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err, "E/Miner        : Not enough parameters. Please check the provided example file "
-                        "(start.bat / start.sh).\n");
-  // The colour brackets the line on standard output.
-  EXPECT_EQ(result.out, "\x1b[1;31m\x1b[0m");
-}
-
-TEST(EntryTest, UnknownWordWithFewArgumentsAsksForParameters) {
-  auto result = RunProcess({Miner(), "ckb", "pool", "3333"}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.err.find("Not enough parameters"), std::string::npos);
+TEST(EntryTest, TooFewArgumentsAskForParameters) {
+  for (std::vector<std::string> args : {std::vector<std::string>{}, {"ckb", "pool", "3333"}}) {
+    args.insert(args.begin(), Miner());
+    auto result = RunProcess(args, {EmptyDeviceDir()});
+    EXPECT_EQ(result.exitCode, 1) << args.size();
+    EXPECT_EQ(result.err, "E/Miner        : Not enough parameters. Please check the provided example file "
+                          "(start.bat / start.sh).\n");
+    // The colour brackets the line on standard output.
+    EXPECT_EQ(result.out, "\x1b[1;31m\x1b[0m");
+  }
 }
 
 TEST(EntryTest, DumpEndsAtOnceWithoutLogging) {
@@ -85,13 +82,6 @@ TEST(EntryTest, NoReadyBoardEndsTheRunWithCodeOne) {
   // It ends before the watchdog or any worker starts.
   EXPECT_EQ(result.out.find("Watchdog"), std::string::npos);
   EXPECT_EQ(result.out.find("Worker"), std::string::npos);
-}
-
-TEST(EntryTest, TraceEnvironmentRaisesTheLogLevel) {
-  SimBoardList boards("xdma0 model=7\n");
-  auto result = RunProcess({SimMiner(), "recovery"}, {boards.Env()[0], boards.Env()[1], "VL_LOG_TRACE=1"});
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_NE(result.out.find("Log level set to Trace"), std::string::npos);
 }
 
 }  // namespace

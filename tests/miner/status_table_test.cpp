@@ -136,13 +136,6 @@ TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTota
   EXPECT_NE(text.find("Total Hashrate: 3.25 MH/s\n"), std::string::npos) << text;
 }
 
-TEST_F(StatusTableTest, TotalIsZeroWhenNoHeartbeatIsFresh) {
-  Worker &worker = Add("1525", 1);
-  worker.hashRateMHs = 50.0;
-  std::string text = Table(kNow + 60);
-  EXPECT_NE(text.find("Total Hashrate: 0.00 MH/s\n"), std::string::npos) << text;
-}
-
 TEST_F(StatusTableTest, AStateLineLeavesTheCountersSoTheNextRowShowsTheWholeGrowth) {
   Worker &worker = Add("1525", 1);
   worker.found = 4;

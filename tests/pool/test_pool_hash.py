@@ -27,13 +27,11 @@ class EaglesongTest(unittest.TestCase):
         vectors = published_vectors()
         # Lengths around the block and word edges: 1, 3, 14, 26, 62, 80, 128, ...
         self.assertGreaterEqual(len(vectors), 8)
+        # The empty message is one permutation of the delimiter.
+        vectors.append((b"", "9e4452fc7aed93d7240b7b55263792befd1be09252b456401122ba71a56f62a0"))
         for message, expected in vectors:
             with self.subTest(length=len(message)):
                 self.assertEqual(eaglesong.eaglesong(message).hex(), expected)
-
-    def test_empty_message_is_one_permutation_of_the_delimiter(self):
-        self.assertEqual(eaglesong.eaglesong(b"").hex(),
-                         "9e4452fc7aed93d7240b7b55263792befd1be09252b456401122ba71a56f62a0")
 
     def test_share_path_matches_the_general_sponge(self):
         header = bytes(range(0x40, 0x60))
