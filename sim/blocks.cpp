@@ -14,7 +14,7 @@ namespace {
 constexpr uint32_t kPresenceBits[kMaxFpgas] = {0, 1u << 4, 1u << 19, 1u << 29};
 
 bool HasPresenceRegister(const Fpga &fpga) {
-  return fpga.Primary() && (fpga.Spec().model == 8 || fpga.Spec().model == 9);
+  return fpga.Primary() && (fpga.Setup().model == 8 || fpga.Setup().model == 9);
 }
 
 // Registers at 0x0000: identity, layout, bitstream; in layout 1 also the DNA,
@@ -25,18 +25,18 @@ class IdentityBlock : public RegisterBlock {
   explicit IdentityBlock(Fpga &fpga) : fpga_(fpga) {}
 
   uint32_t Read(uint32_t offset) override {
-    const FpgaSpec &spec = fpga_.Spec();
+    const FpgaSpec &setup = fpga_.Setup();
     switch (offset) {
-      case 0x00: return spec.identityWord;
-      case 0x04: return spec.layout;
-      case 0x08: return spec.bitstream;
+      case 0x00: return setup.identityWord;
+      case 0x04: return setup.layout;
+      case 0x08: return setup.bitstream;
     }
     if (fpga_.Layout1()) {
       switch (offset) {
-        case 0x0C: return spec.wide ? 0 : spec.dna[2];
-        case 0x10: return spec.dna[1];
-        case 0x14: return spec.dna[0];
-        case 0x18: return spec.boardWord;
+        case 0x0C: return setup.wide ? 0 : setup.dna[2];
+        case 0x10: return setup.dna[1];
+        case 0x14: return setup.dna[0];
+        case 0x18: return setup.boardWord;
         case 0x4C: return fpga_.Register004C();
       }
     }
@@ -84,8 +84,8 @@ class BoardControlBlock : public RegisterBlock {
   explicit BoardControlBlock(Fpga &fpga) : fpga_(fpga) {}
 
   uint32_t Read(uint32_t offset) override {
-    const FpgaSpec &spec = fpga_.Spec();
-    if (offset == 0x000) return spec.wide ? (spec.boardWord & ~0x1Cu) | (spec.modelBits << 2) : spec.boardWord;
+    const FpgaSpec &setup = fpga_.Setup();
+    if (offset == 0x000) return setup.wide ? (setup.boardWord & ~0x1Cu) | (setup.modelBits << 2) : setup.boardWord;
     if (offset == 0x008) return fpga_.Register2008();
     return 0;
   }
@@ -180,9 +180,9 @@ double InputDivider(uint32_t feedback) { return feedback & 0xFF; }
 double OutputDivider(uint32_t output) { return (output & 0xFF) + ((output >> 8) & 0x3FF) / 1000.0; }
 
 // Output divider word for the power-on clock of about 100 MHz.
-uint32_t PowerOnOutput(const FpgaSpec &spec) {
-  if (spec.inputDivider == 0) return 10;
-  double vco = static_cast<double>(spec.referenceHz) * spec.multiplier / spec.inputDivider;
+uint32_t PowerOnOutput(const FpgaSpec &setup) {
+  if (setup.inputDivider == 0) return 10;
+  double vco = static_cast<double>(setup.referenceHz) * setup.multiplier / setup.inputDivider;
   long thousandths = std::clamp(std::lround(vco / 100e6 * 1000.0), 1000L, 255999L);
   return static_cast<uint32_t>(thousandths / 1000) | static_cast<uint32_t>(thousandths % 1000) << 8;
 }
@@ -236,16 +236,16 @@ bool HashCoreBlock::Report(uint32_t value) {
 }
 
 MmcmBlock::MmcmBlock(Fpga &fpga) : fpga_(fpga) {
-  const FpgaSpec &spec = fpga.Spec();
-  words_[kFeedback / 4] = (spec.inputDivider & 0xFF) | (spec.multiplier & 0xFF) << 8;
-  words_[kOutput / 4] = PowerOnOutput(spec);
+  const FpgaSpec &setup = fpga.Setup();
+  words_[kFeedback / 4] = (setup.inputDivider & 0xFF) | (setup.multiplier & 0xFF) << 8;
+  words_[kOutput / 4] = PowerOnOutput(setup);
   loadedFeedback_ = words_[kFeedback / 4];
   loadedOutput_ = words_[kOutput / 4];
 }
 
 uint32_t MmcmBlock::Read(uint32_t offset) {
   if (offset == kLoad) {
-    if (fpga_.Spec().faults.mmcmStuck) return 1;
+    if (fpga_.Setup().faults.mmcmStuck) return 1;
     if (busyPolls_ > 0) {
       busyPolls_--;
       return 1;
@@ -274,19 +274,19 @@ double MmcmBlock::OutputHz() const {
   double input = InputDivider(loadedFeedback_);
   double output = OutputDivider(loadedOutput_);
   if (input == 0 || output == 0) return 0.0;
-  return static_cast<double>(fpga_.Spec().referenceHz) * Multiplier(loadedFeedback_) / input / output;
+  return static_cast<double>(fpga_.Setup().referenceHz) * Multiplier(loadedFeedback_) / input / output;
 }
 
 void MapStandardBlocks(Fpga &fpga) {
-  const FpgaSpec &spec = fpga.Spec();
+  const FpgaSpec &setup = fpga.Setup();
   bool layout1 = fpga.Layout1();
   fpga.Map(0x0000, 0x1000, std::make_unique<IdentityBlock>(fpga));
   if (!layout1) {
     fpga.Map(0x1000, 0x1000, std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{
-                                 {0x000, spec.dna[0]}, {0x008, spec.dna[1]}}));
+                                 {0x000, setup.dna[0]}, {0x008, setup.dna[1]}}));
   }
-  if (!layout1 || spec.wide) fpga.Map(0x2000, 0x1000, std::make_unique<BoardControlBlock>(fpga));
-  if (spec.wide) {
+  if (!layout1 || setup.wide) fpga.Map(0x2000, 0x1000, std::make_unique<BoardControlBlock>(fpga));
+  if (setup.wide) {
     fpga.Map(0x3000, 0x400, std::make_unique<XadcBlock>(fpga));
   } else {
     fpga.Map(0x3400, 0x100, std::make_unique<SysmonBlock>(fpga));
@@ -295,10 +295,10 @@ void MapStandardBlocks(Fpga &fpga) {
   fpga.Map(0x6000, 0x1000, std::make_unique<MmcmBlock>(fpga));
   // Every design has the I2C controller; only model 6 has parts on its bus.
   auto iic = std::make_unique<IicBlock>(fpga);
-  if (spec.model == 6) AttachRegulatorDevices(*iic, fpga);
+  if (setup.model == 6) AttachRegulatorDevices(*iic, fpga);
   fpga.Map(0x9000, 0x1000, std::move(iic));
-  if (!layout1 && !spec.wide) {
-    fpga.Map(0x7000, 0x1000, std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{{0x000, spec.dna[2]}}));
+  if (!layout1 && !setup.wide) {
+    fpga.Map(0x7000, 0x1000, std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{{0x000, setup.dna[2]}}));
   }
 }
 

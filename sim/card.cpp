@@ -47,10 +47,10 @@ void ReadWords(uint64_t position, uint8_t *buffer, uint64_t size, ReadWord readW
 
 }  // namespace
 
-Card::Card(const CardSpec &spec, TimeSource time) : spec_(spec), time_(time) {
-  fpgas_[0] = std::make_unique<Fpga>(spec.fpga[0], true, spec.subDevices, time);
+Card::Card(const CardSpec &setup, TimeSource time) : spec_(setup), time_(time) {
+  fpgas_[0] = std::make_unique<Fpga>(setup.fpga[0], true, setup.subDevices, time);
   for (uint32_t i = 1; i < kMaxFpgas; i++) {
-    if (spec.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(spec.fpga[i], false, 0, time);
+    if (setup.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(setup.fpga[i], false, 0, time);
   }
 }
 
@@ -66,7 +66,7 @@ bool Card::HasNode(Node node, uint32_t channel) const {
 
 const Faults &Card::FaultsOf(uint32_t fpgaIndex) const {
   static const Faults healthy;
-  if (fpgaIndex < kMaxFpgas && fpgas_[fpgaIndex]) return fpgas_[fpgaIndex]->Spec().faults;
+  if (fpgaIndex < kMaxFpgas && fpgas_[fpgaIndex]) return fpgas_[fpgaIndex]->Setup().faults;
   return healthy;
 }
 
@@ -218,7 +218,7 @@ bool Card::Apply(const Command &command, std::string *error) {
       fpga = fpgas_[command.fpga].get();
       continue;
     }
-    if (!ApplyRuntimeSetting(fpga->Spec(), key, value, error)) return false;
+    if (!ApplyRuntimeSetting(fpga->Setup(), key, value, error)) return false;
   }
   return true;
 }
@@ -231,10 +231,10 @@ void Card::PowerCycle() {
 void Card::PowerCycleLocked() {
   for (uint32_t i = 0; i < kMaxFpgas; i++) {
     if (!fpgas_[i]) continue;
-    FpgaSpec spec = spec_.fpga[i];
-    spec.faults = fpgas_[i]->Spec().faults;
+    FpgaSpec setup = spec_.fpga[i];
+    setup.faults = fpgas_[i]->Setup().faults;
     std::shared_ptr<FlashChip> flash = fpgas_[i]->SharedFlash();
-    fpgas_[i] = std::make_unique<Fpga>(spec, i == 0, i == 0 ? spec_.subDevices : 0, time_, std::move(flash));
+    fpgas_[i] = std::make_unique<Fpga>(setup, i == 0, i == 0 ? spec_.subDevices : 0, time_, std::move(flash));
   }
 }
 
@@ -262,12 +262,12 @@ std::string Card::Describe() {
     Fpga *fpga = fpgas_[i].get();
     if (!fpga) continue;
     fpga->Tick();
-    const FpgaSpec &spec = fpga->Spec();
-    const Faults &faults = spec.faults;
+    const FpgaSpec &setup = fpga->Setup();
+    const Faults &faults = setup.faults;
     snprintf(line, sizeof line,
              "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
              " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s\n",
-             spec_.name.c_str(), i, spec.model, spec.layout, spec.bitstream, fpga->HashClockHz(),
+             spec_.name.c_str(), i, setup.model, setup.layout, setup.bitstream, fpga->HashClockHz(),
              fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(),
              fpga->VccInt(), faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
              faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",
@@ -277,14 +277,14 @@ std::string Card::Describe() {
     text += line;
     if (const HashCoreBlock *core = fpga->HashCore()) {
       const HashCoreBlock::SearchStats &stats = core->Stats();
-      const char *engine = spec.search.engine == SearchEngine::Own      ? "own"
-                           : spec.search.engine == SearchEngine::Shared ? "shared"
+      const char *engine = setup.search.engine == SearchEngine::Own      ? "own"
+                           : setup.search.engine == SearchEngine::Shared ? "shared"
                                                                         : "off";
       snprintf(line, sizeof line,
                "    search engine=%s ratecap=%g skew=%s held=%d position=%llu hashes=%llu reported=%llu"
                " dropped=%llu flags=0x%x invalid_nonces=%g ones_nonces=%d\n",
-               engine, spec.search.rateCapMHs,
-               spec.search.skew < 0 ? "auto" : std::to_string(spec.search.skew).c_str(), core->Held(),
+               engine, setup.search.rateCapMHs,
+               setup.search.skew < 0 ? "auto" : std::to_string(setup.search.skew).c_str(), core->Held(),
                static_cast<unsigned long long>(core->Position()), static_cast<unsigned long long>(stats.hashes),
                static_cast<unsigned long long>(stats.reported), static_cast<unsigned long long>(stats.dropped),
                core->Flags() >> 12, faults.invalidNonces, faults.onesNonces);

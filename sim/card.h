@@ -38,10 +38,10 @@ class Card {
   static constexpr uint64_t kRegisterSpan = uint64_t(kMaxFpgas) * Fpga::kWindowBytes;
   static constexpr uint64_t kMemoryLimit = 256ull << 20;
 
-  explicit Card(const CardSpec &spec, TimeSource time = nullptr);
+  explicit Card(const CardSpec &setup, TimeSource time = nullptr);
 
   const std::string &Name() const { return spec_.name; }
-  const CardSpec &Spec() const { return spec_; }
+  const CardSpec &Setup() const { return spec_; }
   bool HasNode(Node node, uint32_t channel) const;
 
   // Bytes transferred, or a negative errno value.

@@ -13,15 +13,15 @@ double SteadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-Fpga::Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time,
+Fpga::Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time,
            std::shared_ptr<FlashChip> flash)
-    : spec_(spec),
+    : spec_(setup),
       primary_(primary),
       subDevices_(subDevices),
       time_(time ? std::move(time) : TimeSource(SteadySeconds)),
       lastTick_(time_()),
-      thermal_(spec.thermal),
-      flash_(flash ? std::move(flash) : std::make_shared<FlashChip>(spec.flash)) {
+      thermal_(setup.thermal),
+      flash_(flash ? std::move(flash) : std::make_shared<FlashChip>(setup.flash)) {
   // Power-on: the FPGA loads what its flash holds.
   BootFromFlash(spec_, *flash_);
   MapStandardBlocks(*this);

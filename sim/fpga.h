@@ -40,8 +40,8 @@ class Fpga {
   static constexpr uint32_t kWindowBytes = 0x20000;
 
   // `flash` carries the flash chip over a power cycle; null makes a new one
-  // from `spec.flash`.
-  Fpga(const FpgaSpec &spec, bool primary, uint32_t subDevices, TimeSource time,
+  // from `setup.flash`.
+  Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time,
        std::shared_ptr<FlashChip> flash = nullptr);
   ~Fpga();
 
@@ -52,8 +52,8 @@ class Fpga {
   // Adds a block over [base, base + size); it must not overlap another.
   void Map(uint32_t base, uint32_t size, std::unique_ptr<RegisterBlock> block);
 
-  FpgaSpec &Spec() { return spec_; }
-  const FpgaSpec &Spec() const { return spec_; }
+  FpgaSpec &Setup() { return spec_; }
+  const FpgaSpec &Setup() const { return spec_; }
   bool Primary() const { return primary_; }
   uint32_t SubDevices() const { return subDevices_; }
   bool Layout1() const { return spec_.layout == 1; }

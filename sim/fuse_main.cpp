@@ -91,7 +91,7 @@ int ReadDir(const char *path, void *buffer, fuse_fill_dir_t fill, off_t, fuse_fi
   fill(buffer, ".", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
   fill(buffer, "..", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
   for (const auto &card : TheServer().cards) {
-    for (const std::string &name : sim::NodeNames(card->Spec())) {
+    for (const std::string &name : sim::NodeNames(card->Setup())) {
       fill(buffer, name.c_str(), nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
     }
   }
@@ -220,7 +220,7 @@ int main(int argc, char **argv) {
   mkdir(mountPoint.c_str(), 0755);
 
   Server server;
-  for (const sim::CardSpec &spec : *specs) server.cards.push_back(std::make_unique<sim::Card>(spec));
+  for (const sim::CardSpec &setup : *specs) server.cards.push_back(std::make_unique<sim::Card>(setup));
 
   fuse_operations ops{};
   ops.init = Init;

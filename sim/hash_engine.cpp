@@ -58,9 +58,9 @@ struct Job {
 bool TakeJob(Fpga *fpga, Job *job) {
   HashCoreBlock *core = fpga ? fpga->HashCore() : nullptr;
   if (!core || core->Held()) return false;
-  const FpgaSpec &spec = fpga->Spec();
+  const FpgaSpec &setup = fpga->Setup();
   double hz = fpga->HashClockHz();
-  if (!(hz > 0.0) || spec.cores == 0 || spec.search.engine == SearchEngine::Off) return false;
+  if (!(hz > 0.0) || setup.cores == 0 || setup.search.engine == SearchEngine::Off) return false;
   job->epoch = core->Epoch();
   job->position = core->Position();
   for (uint32_t i = 0; i < 16; i++) job->midstate[i] = core->Latched(HashCoreBlock::kMidstate + 4 * i);
@@ -70,14 +70,14 @@ bool TakeJob(Fpga *fpga, Job *job) {
   std::fill(job->bound, job->bound + 6, 0xFFFFFFFFu);
   job->bound[6] = core->Latched(HashCoreBlock::kTargetLow);
   job->bound[7] = core->Latched(HashCoreBlock::kTargetHigh);
-  job->cores = std::min(spec.cores, kMaxCores);
-  job->skew = spec.search.skew >= 0 ? spec.search.skew : DefaultSkew(job->cores);
-  job->invalidShare = spec.faults.invalidNonces;
-  job->ones = spec.faults.onesNonces;
+  job->cores = std::min(setup.cores, kMaxCores);
+  job->skew = setup.search.skew >= 0 ? setup.search.skew : DefaultSkew(job->cores);
+  job->invalidShare = setup.faults.invalidNonces;
+  job->ones = setup.faults.onesNonces;
   // One position per clock cycle at most, and the cap shared by the cores.
   job->positionsPerSecond = hz;
-  if (spec.search.rateCapMHs > 0.0) {
-    job->positionsPerSecond = std::min(hz, spec.search.rateCapMHs * 1e6 / job->cores);
+  if (setup.search.rateCapMHs > 0.0) {
+    job->positionsPerSecond = std::min(hz, setup.search.rateCapMHs * 1e6 / job->cores);
   }
   return true;
 }
@@ -159,7 +159,7 @@ void HashEngine::Add(Card &card) {
   if (started_) return;
   for (uint32_t index = 0; index < kMaxFpgas; index++) {
     SearchEngine mode = card.WithFpga(index, [](Fpga *fpga) {
-      return fpga && fpga->HashCore() ? fpga->Spec().search.engine : SearchEngine::Off;
+      return fpga && fpga->HashCore() ? fpga->Setup().search.engine : SearchEngine::Off;
     });
     if (mode == SearchEngine::Off) continue;
     uint64_t salt = Mix(reinterpret_cast<uintptr_t>(&card) ^ index);

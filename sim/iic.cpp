@@ -96,9 +96,9 @@ I2cDevice *IicBlock::DeviceAt(uint8_t address) const {
   return it == devices_.end() ? nullptr : it->second.get();
 }
 
-uint32_t IicBlock::ByteTicks() const { return std::max<uint32_t>(1, fpga_.Spec().i2cByteTicks); }
+uint32_t IicBlock::ByteTicks() const { return std::max<uint32_t>(1, fpga_.Setup().i2cByteTicks); }
 
-bool IicBlock::BusBusy() const { return busy_ || fpga_.Spec().faults.i2c.busStuck; }
+bool IicBlock::BusBusy() const { return busy_ || fpga_.Setup().faults.i2c.busStuck; }
 
 uint32_t IicBlock::Status() const {
   uint32_t status = 0;
@@ -229,7 +229,7 @@ void IicBlock::LoseArbitration() {
   master_ = false;
   addressNext_ = reading_ = held_ = deviceDriving_ = forceNak_ = false;
   if (phase_ == Phase::Foreign) return;
-  if (fpga_.Spec().faults.i2c.busStuck) {
+  if (fpga_.Setup().faults.i2c.busStuck) {
     busy_ = false;
     phase_ = Phase::Idle;
   } else {
@@ -247,7 +247,7 @@ void IicBlock::EndTarget() {
 void IicBlock::Step() {
   // With no time per byte the bus runs until it waits for the host; the
   // bound only guards against a loop in the model itself.
-  if (fpga_.Spec().i2cByteTicks == 0) {
+  if (fpga_.Setup().i2cByteTicks == 0) {
     for (int i = 0; i < 1000 && Advance(); i++) {
     }
   } else {
@@ -369,7 +369,7 @@ void IicBlock::FinishByte() {
   switch (shift_) {
     case Shift::Address: {
       addressNext_ = false;
-      I2cFaults &faults = fpga_.Spec().faults.i2c;
+      I2cFaults &faults = fpga_.Setup().faults.i2c;
       if (faults.loseArbitration > 0) {
         faults.loseArbitration--;
         LoseArbitration();
@@ -450,7 +450,7 @@ void AttachRegulatorDevices(IicBlock &iic, Fpga &fpga) {
   };
   for (Sensor sensor : {Sensor{0x18, 3.0}, Sensor{0x19, 1.5}, Sensor{0x1F, 0.0}}) {
     iic.Attach(sensor.address, std::make_unique<TemperatureSensor>([&fpga, sensor] {
-                 const auto &forced = fpga.Spec().faults.i2c.temperature;
+                 const auto &forced = fpga.Setup().faults.i2c.temperature;
                  auto it = forced.find(sensor.address);
                  return it != forced.end() ? it->second : fpga.VrmTemperature() - sensor.offset;
                }));
@@ -521,7 +521,7 @@ bool ApplyI2cSetting(FpgaSpec &fpga, const std::string &key, const std::string &
 }
 
 std::string DescribeIic(Fpga &fpga) {
-  const I2cFaults &faults = fpga.Spec().faults.i2c;
+  const I2cFaults &faults = fpga.Setup().faults.i2c;
   std::string text;
   if (faults.busStuck) text += " busy";
   if (!faults.noAcknowledge.empty()) {

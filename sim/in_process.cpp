@@ -65,11 +65,11 @@ InProcessBoards::~InProcessBoards() {
   Uninstall();
 }
 
-Card &InProcessBoards::Add(const CardSpec &spec) {
+Card &InProcessBoards::Add(const CardSpec &setup) {
   Card *card;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    card = cards_.emplace_back(std::make_unique<Card>(spec, time_)).get();
+    card = cards_.emplace_back(std::make_unique<Card>(setup, time_)).get();
   }
   // An engine takes its cores at its start, so a running one is started anew.
   bool searching;
@@ -103,7 +103,7 @@ void InProcessBoards::StopSearch() {
 bool InProcessBoards::AddList(const std::string &text, std::string *error) {
   auto cards = ParseBoardList(text, error);
   if (!cards) return false;
-  for (const CardSpec &spec : *cards) Add(spec);
+  for (const CardSpec &setup : *cards) Add(setup);
   return true;
 }
 
@@ -143,7 +143,7 @@ bool InProcessBoards::ListDirectory(const std::string &directory, std::vector<st
   if (WithoutTrailingSlash(directory) != directory_) return true;
   std::lock_guard<std::mutex> guard(lock_);
   for (const auto &card : cards_) {
-    for (std::string &name : NodeNames(card->Spec())) names->push_back(std::move(name));
+    for (std::string &name : NodeNames(card->Setup())) names->push_back(std::move(name));
   }
   return true;
 }

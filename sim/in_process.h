@@ -25,7 +25,7 @@ class InProcessBoards final : public BRYLDMAFileBackend {
   InProcessBoards(const InProcessBoards &) = delete;
   InProcessBoards &operator=(const InProcessBoards &) = delete;
 
-  Card &Add(const CardSpec &spec);
+  Card &Add(const CardSpec &setup);
   // Adds the boards of a board list; false with a message when it doesn't parse.
   bool AddList(const std::string &text, std::string *error);
   Card *Find(const std::string &name);

@@ -70,7 +70,7 @@ constexpr uint32_t kCkbBitstream = 0x000C0004;
 
 }  // namespace
 
-FlashChip::FlashChip(const FlashSpec &spec) : file_(spec.file), size_(spec.size) {
+FlashChip::FlashChip(const FlashSpec &setup) : file_(setup.file), size_(setup.size) {
   if (file_.empty()) return;
   std::ifstream in(file_, std::ios::binary);
   if (!in) return;
@@ -111,7 +111,7 @@ void FlashChip::Persist(uint64_t address, uint64_t count) {
   }
 }
 
-void FlashChip::Select(bool selected, const FpgaSpec &spec) {
+void FlashChip::Select(bool selected, const FpgaSpec &setup) {
   if (selected == selected_) return;
   selected_ = selected;
   if (selected) {
@@ -122,10 +122,10 @@ void FlashChip::Select(bool selected, const FpgaSpec &spec) {
     return;
   }
   // The command takes effect as the select line rises.
-  if (index_ > 0) Execute(spec);
+  if (index_ > 0) Execute(setup);
 }
 
-uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &spec) {
+uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
   if (!selected_) return kIdleLine;
   uint32_t position = index_++;
   if (position == 0) {
@@ -135,7 +135,7 @@ uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &spec) {
   uint32_t after = position - 1;  // bytes after the command byte
   switch (command_) {
     case kReadStatus: {
-      bool stuck = spec.faults.flashStuck;
+      bool stuck = setup.faults.flashStuck;
       uint8_t value = status_ | (stuck ? kStatusBusy : 0);
       // Erase and program times are counted in status reads.
       if ((status_ & kStatusBusy) && busyPolls_ > 0 && --busyPolls_ == 0) {
@@ -171,8 +171,8 @@ uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &spec) {
   }
 }
 
-void FlashChip::Execute(const FpgaSpec &spec) {
-  bool busy = (status_ & kStatusBusy) || spec.faults.flashStuck;
+void FlashChip::Execute(const FpgaSpec &setup) {
+  bool busy = (status_ & kStatusBusy) || setup.faults.flashStuck;
   if (command_ == kReadStatus) return;
   if (busy) {
     ignored_++;
@@ -207,8 +207,8 @@ void FlashChip::Execute(const FpgaSpec &spec) {
       uint8_t *contents = Contents();
       for (uint32_t i = 0; i < kPageBytes; i++) contents[base + i] &= page_[i];
       Persist(base, kPageBytes);
-      startBusy(spec.flash.programBusyPolls);
-      if (spec.faults.programError) status_ |= kStatusProgramError;
+      startBusy(setup.flash.programBusyPolls);
+      if (setup.faults.programError) status_ |= kStatusProgramError;
       return;
     }
     case kSectorErase4: {
@@ -216,8 +216,8 @@ void FlashChip::Execute(const FpgaSpec &spec) {
       uint64_t base = (address_ & ~uint64_t(kSectorBytes - 1)) % size_;
       std::fill_n(Contents() + base, kSectorBytes, 0xFF);
       Persist(base, kSectorBytes);
-      startBusy(spec.flash.eraseBusyPolls);
-      if (spec.faults.eraseError) status_ |= kStatusEraseError;
+      startBusy(setup.flash.eraseBusyPolls);
+      if (setup.faults.eraseError) status_ |= kStatusEraseError;
       return;
     }
     default: break;
@@ -261,9 +261,9 @@ void SpiBlock::UpdateSelect(bool shifting) {
   FlashChip *flash = fpga_.Flash();
   if (selected) {
     if (recording_) frame_ = std::make_unique<SpiFrame>();
-    flash->Select(true, fpga_.Spec());
+    flash->Select(true, fpga_.Setup());
   } else {
-    flash->Select(false, fpga_.Spec());
+    flash->Select(false, fpga_.Setup());
     if (frame_) frames_.push_back(std::move(*frame_));
     frame_.reset();
   }
@@ -278,7 +278,7 @@ void SpiBlock::Shift() {
   while (!transmit_.empty()) {
     uint8_t out = transmit_.front();
     transmit_.pop_front();
-    uint8_t in = selected_ ? flash->Exchange(out, fpga_.Spec()) : kIdleLine;
+    uint8_t in = selected_ ? flash->Exchange(out, fpga_.Setup()) : kIdleLine;
     if (control_ & kLoopback) in = out;
     if (frame_) {
       frame_->out.push_back(out);
@@ -349,16 +349,16 @@ void SpiBlock::Write(uint32_t offset, uint32_t value) {
 
 void MapSpiBlock(Fpga &fpga) { fpga.Map(SpiBlock::kBase, SpiBlock::kSize, std::make_unique<SpiBlock>(fpga)); }
 
-uint64_t BootAddress(const FpgaSpec &spec) { return spec.wide ? kUpdateRegionAddress : 0; }
+uint64_t BootAddress(const FpgaSpec &setup) { return setup.wide ? kUpdateRegionAddress : 0; }
 
-void BootFromFlash(FpgaSpec &spec, FlashChip &flash) {
-  if (spec.flash.ckbImage.empty()) return;
-  std::ifstream in(spec.flash.ckbImage, std::ios::binary);
+void BootFromFlash(FpgaSpec &setup, FlashChip &flash) {
+  if (setup.flash.ckbImage.empty()) return;
+  std::ifstream in(setup.flash.ckbImage, std::ios::binary);
   if (!in) return;
   std::vector<uint8_t> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  uint64_t address = BootAddress(spec);
+  uint64_t address = BootAddress(setup);
   if (image.empty() || address + image.size() > flash.Size()) return;
-  if (flash.Read(address, image.size()) == image) spec.bitstream = kCkbBitstream;
+  if (flash.Read(address, image.size()) == image) setup.bitstream = kCkbBitstream;
 }
 
 }  // namespace sim

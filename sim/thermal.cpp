@@ -5,18 +5,18 @@
 
 namespace sim {
 
-Thermal::Thermal(const ThermalSpec &spec) : core_(spec.ambient), vrm_(spec.ambient) {}
+Thermal::Thermal(const ThermalSpec &setup) : core_(setup.ambient), vrm_(setup.ambient) {}
 
-void Thermal::Advance(double seconds, double loadGHz, const ThermalSpec &spec) {
-  double coreTarget = spec.ambient + spec.coreHeat * loadGHz;
-  double vrmTarget = spec.ambient + spec.vrmHeat * loadGHz;
-  double follow = spec.lagSeconds <= 0.0 ? 1.0 : 1.0 - std::exp(-std::max(seconds, 0.0) / spec.lagSeconds);
+void Thermal::Advance(double seconds, double loadGHz, const ThermalSpec &setup) {
+  double coreTarget = setup.ambient + setup.coreHeat * loadGHz;
+  double vrmTarget = setup.ambient + setup.vrmHeat * loadGHz;
+  double follow = setup.lagSeconds <= 0.0 ? 1.0 : 1.0 - std::exp(-std::max(seconds, 0.0) / setup.lagSeconds);
   core_ += (coreTarget - core_) * follow;
   vrm_ += (vrmTarget - vrm_) * follow;
 }
 
-double Thermal::VccInt(const ThermalSpec &spec, double loadGHz, double extraSag) {
-  return std::max(0.0, spec.vccintNominal - spec.vccintSagRate * loadGHz - extraSag);
+double Thermal::VccInt(const ThermalSpec &setup, double loadGHz, double extraSag) {
+  return std::max(0.0, setup.vccintNominal - setup.vccintSagRate * loadGHz - extraSag);
 }
 
 }  // namespace sim

@@ -34,10 +34,10 @@ class RawIic {
 
  private:
   static sim::FpgaSpec Model6() {
-    sim::FpgaSpec spec;
+    sim::FpgaSpec setup;
     std::string error;
-    EXPECT_TRUE(sim::ApplyFpgaSetting(spec, "model", "6", &error)) << error;
-    return spec;
+    EXPECT_TRUE(sim::ApplyFpgaSetting(setup, "model", "6", &error)) << error;
+    return setup;
   }
   sim::Fpga fpga_;
 };
