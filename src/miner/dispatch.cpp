@@ -109,7 +109,8 @@ void RateDerivedBoardTarget(uint64_t currentClockHz, uint64_t cores, bool tuning
 void BuildNonceBlock(const std::vector<uint8_t> &extranonce, uint32_t jobNonceWord, uint8_t block_out[16]) {
   memset(block_out, 0, 16);
   if (extranonce.size() < 12) {
-    memcpy(block_out, extranonce.data(), extranonce.size());
+    // An empty extranonce may have no storage at all.
+    if (!extranonce.empty()) memcpy(block_out, extranonce.data(), extranonce.size());
     for (int i = 0; i < 4; i++) block_out[extranonce.size() + i] = static_cast<uint8_t>(jobNonceWord >> (8 * i));
     for (int group = 0; group < 4; group++) {
       uint8_t *g = block_out + 4 * group;
