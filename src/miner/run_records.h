@@ -103,6 +103,10 @@ struct MiningContext : StratumContext {
   std::map<BoardModel, std::vector<FlashImage>> flashImages;
   std::map<BoardModel, FlashImage> staticImages;
   std::mutex lock;  // constructed with the record; no path takes it
+  // Worker threads started and not yet ended. A thread counts itself out as
+  // the last thing it does (release), so whoever sees 0 (acquire) may let the
+  // records go.
+  std::atomic<uint64_t> workerThreads{0};
 
   StratumShareCounters *ShareCounters(uint64_t worker) override {
     return worker < workers.size() ? workers[worker].get() : nullptr;

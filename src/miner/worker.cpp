@@ -161,9 +161,13 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
 
 void StartWorkerThread(MiningContext &context, uint64_t workerIndex) {
   auto *args = new WorkerThreadArgs{workerIndex, &context};
-  std::thread thread(WorkerMain, args);
+  context.workerThreads.fetch_add(1);
+  std::thread thread([args, &context] {
+    WorkerMain(args);
+    context.workerThreads.fetch_sub(1, std::memory_order_release);
+  });
   context.workers[workerIndex]->threadHandle = thread.get_id();
   // Never joined: main watches the active flag, and abandons a worker that
-  // doesn't stop in time.
+  // doesn't stop in time (its records then stay until the process ends).
   thread.detach();
 }

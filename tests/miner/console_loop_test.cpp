@@ -16,6 +16,7 @@
 #include "miner/run_config.h"
 #include "miner/status_console.h"
 #include "miner/watchdog.h"
+#include "stratum/session.h"
 #include "support/process.h"
 
 using miner_testing::AddWorkers;
@@ -69,6 +70,7 @@ int RunConsole(bool withWatchdog, VLLogCallback hook) {
   printf("ready\n");
   fflush(stdout);
   MainLoop(context, counter);
+  StratumShutdown(context);
   g_runState = RunStateFinished;
   if (watchdog.joinable()) watchdog.join();
   return 0;

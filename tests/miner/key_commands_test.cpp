@@ -182,7 +182,8 @@ TEST_F(KeyCommandsTest, EnableStartsAWorkerThreadOnEachTargetedRecord) {
   HandleKey(session_, 'e');
   Worker &worker = *context_.workers[1];
   EXPECT_NE(worker.threadHandle, std::thread::id());
-  EXPECT_TRUE(WaitUntil([&] { return !worker.enabled.load(); }));
+  EXPECT_TRUE(WaitUntil([&] { return context_.workerThreads.load(std::memory_order_acquire) == 0; }));
+  EXPECT_FALSE(worker.enabled);
   capture.Stop();
   std::string out = capture.Out() + capture.Err();
   EXPECT_NE(out.find("I/Miner        : Enabling targeted device(s)\n"), std::string::npos) << out;

@@ -37,9 +37,7 @@ class SetupRunTest : public ::testing::Test {
 
   bool WorkerThreadsEnded() {
     for (int i = 0; i < 1000; i++) {  // a bound against a hang, not a timing
-      bool running = false;
-      for (auto &worker : context_.workers) running = running || worker->enabled;
-      if (!running) return true;
+      if (context_.workerThreads.load(std::memory_order_acquire) == 0) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
