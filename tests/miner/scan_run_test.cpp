@@ -188,10 +188,14 @@ TEST(ScanRunTest, ARunFromScanToQuitOnATerminal) {
             "}\n");
 
   // '+' on worker 3 alone, and a table soon after it.
+  // The table is looked for after the key's own line: one already being
+  // printed when the key was typed would be cut in two.
   size_t mark = child->Output().size();
   child->Type("+");
-  ASSERT_TRUE(child->WaitFor("Total Hashrate", std::chrono::milliseconds(20000), mark));
-  std::string table = child->Output().substr(mark);
+  ASSERT_TRUE(child->WaitFor("Increasing clocks", std::chrono::milliseconds(20000), mark));
+  size_t keyLine = child->Output().find("Increasing clocks", mark);
+  ASSERT_TRUE(child->WaitFor("Total Hashrate", std::chrono::milliseconds(20000), keyLine));
+  std::string table = child->Output().substr(keyLine);
   EXPECT_NE(table.find("Worker 3: Offline (Disabled)"), std::string::npos) << table;
 
   child->Type("q");
