@@ -4,6 +4,8 @@
 // directory of OMBRY_DEVICE_DIR (by default the simulator's own). With
 // OMBRY_SIM_CONTROL set, a named pipe at that path takes commands such as
 // "xdma0 hot=95" while the miner runs.
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,6 +81,12 @@ int main(int argc, char **argv) {
   }
   boards->Install();
 
+  // The simulator's threads leave the stop signals to the miner's own
+  // handling: a signal that landed on one of them would end the process.
+  sigset_t stopSignals, previous;
+  sigemptyset(&stopSignals);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stopSignals, signal);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
   if (const char *control = getenv("OMBRY_SIM_CONTROL"); control && *control) {
     if (mkfifo(control, 0600) != 0 && errno != EEXIST) {
       fprintf(stderr, "ombry-sim-miner: cannot create %s: %s\n", control, strerror(errno));
@@ -89,6 +97,7 @@ int main(int argc, char **argv) {
   // Below normal priority, so that the miner's own threads aren't starved by
   // the boards they drive.
   boards->StartSearch(kSearchNiceness);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   int code = MinerMain(argc, argv);
   boards->StopSearch();
   return code;

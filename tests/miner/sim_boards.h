@@ -63,9 +63,11 @@ class SimBoardList {
 
 // Starts the simulated miner on a terminal, in the board list's directory.
 inline std::unique_ptr<testing_support::PtyProcess> StartOnTerminal(const SimBoardList &boards,
-                                                                    std::vector<std::string> args) {
+                                                                    std::vector<std::string> args,
+                                                                    const std::vector<std::string> &extraEnv = {}) {
   args.insert(args.begin(), SimMiner());
   auto env = boards.Env();
+  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
   std::string workDir = boards.WorkDir().string();
   return std::make_unique<testing_support::PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{},
                                                        [args, env, workDir] {

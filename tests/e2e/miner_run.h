@@ -1,0 +1,141 @@
+// One run of the unmodified miner on a terminal, with in-process simulated
+// boards and the test pool over TCP: keys in, faults into the boards through
+// the simulator's command pipe, and what both sides recorded out.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "miner/sim_boards.h"
+#include "support/test_pool.h"
+
+namespace e2e {
+
+using namespace std::chrono_literals;
+
+// Runs longer than any row should take end in a failure, not a hung suite.
+constexpr std::chrono::seconds kHangGuard{90};
+
+class MinerRun {
+ public:
+  MinerRun(const std::string &boardList, std::vector<std::string> poolOptions)
+      : pool_(std::move(poolOptions)), boards_(boardList) {}
+
+  // Starts the miner against the pool; true once it has said whom it mines for.
+  bool Start() {
+    if (pool_.Port() == 0) return false;
+    control_ = (boards_.WorkDir() / "control").string();
+    child_ = miner_testing::StartOnTerminal(
+        boards_, {"ckb", "127.0.0.1", std::to_string(pool_.Port()), "wallet.rig", "x"},
+        {"OMBRY_SIM_CONTROL=" + control_});
+    return child_->WaitFor("Using Account: wallet.rig");
+  }
+
+  // A board command such as "xdma0 hot=95", as an operator's test rig would
+  // send it while the miner runs.
+  bool Command(const std::string &line) {
+    struct stat info;
+    for (int i = 0; i < 1000 && stat(control_.c_str(), &info) != 0; i++) std::this_thread::sleep_for(10ms);
+    int fd = open(control_.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    std::string text = line + "\n";
+    bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return written;
+  }
+
+  // Waits, reading the miner's output all the while so that it never blocks
+  // on a full terminal, until `done` holds or the hang guard runs out.
+  template <typename Predicate>
+  bool Until(Predicate done, std::chrono::seconds limit = kHangGuard) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      Pump(100ms);
+    }
+    return true;
+  }
+
+  void Pump(std::chrono::milliseconds time) { child_->WaitFor("\x01 never printed", time, Output().size()); }
+
+  // A count from the pool's statistics file.
+  uint64_t Pool(const std::string &name) const {
+    std::smatch match;
+    std::string stats = pool_.Stats();
+    if (!std::regex_search(stats, match, std::regex("\"" + name + "\":([0-9]+)"))) return 0;
+    return std::stoull(match[1]);
+  }
+
+  // The job ids of every share the pool was sent.
+  std::set<std::string> SubmittedJobs() const {
+    static const std::regex kSubmit("\"mining.submit\",\"params\":\\[\"[^\"]*\",\"([^\"]*)\"");
+    std::set<std::string> jobs;
+    std::smatch match;
+    for (const std::string &line : pool_.ClientLines()) {
+      if (std::regex_search(line, match, kSubmit)) jobs.insert(match[1]);
+    }
+    return jobs;
+  }
+
+  size_t Count(const std::string &text, size_t from = 0) const {
+    size_t count = 0;
+    for (size_t at = Output().find(text, from); at != std::string::npos; at = Output().find(text, at + 1)) count++;
+    return count;
+  }
+
+  // The columns of worker `number`'s row in the last table printed after
+  // `from`; empty when there is none.
+  std::vector<std::string> LastRow(unsigned number, size_t from = 0) const {
+    char prefix[32];
+    snprintf(prefix, sizeof prefix, "I/Miner        : %2u |  ", number);
+    size_t at = Output().rfind(prefix);
+    if (at == std::string::npos || at < from) return {};
+    std::string line = Output().substr(at + 17, Output().find('\n', at) - at - 17);
+    std::vector<std::string> columns;
+    for (size_t start = 0, bar;; start = bar + 1) {
+      bar = line.find('|', start);
+      columns.push_back(line.substr(start, bar == std::string::npos ? std::string::npos : bar - start));
+      if (bar == std::string::npos) break;
+    }
+    return columns;
+  }
+
+  // Current and target clock in MHz of a worker's last row; {-1, -1} without one.
+  std::pair<int, int> LastClock(unsigned number, size_t from = 0) const {
+    auto columns = LastRow(number, from);
+    int current = -1, target = -1;
+    if (columns.size() > 5) sscanf(columns[5].c_str(), "%d / %d", &current, &target);
+    return {current, target};
+  }
+
+  // The sum of the Accepted column over the last table's rows.
+  uint64_t TableAccepted(unsigned workers) const {
+    uint64_t sum = 0;
+    for (unsigned number = 1; number <= workers; number++) {
+      auto columns = LastRow(number);
+      if (columns.size() > 8) sum += std::stoull(columns[8]);
+    }
+    return sum;
+  }
+
+  testing_support::PtyProcess &Child() { return *child_; }
+  testing_support::TestPool &PoolProcess() { return pool_; }
+  const std::string &Output() const { return child_->Output(); }
+  const std::filesystem::path &WorkDir() const { return boards_.WorkDir(); }
+
+ private:
+  testing_support::TestPool pool_;
+  miner_testing::SimBoardList boards_;
+  std::string control_;
+  std::unique_ptr<testing_support::PtyProcess> child_;
+};
+
+}  // namespace e2e

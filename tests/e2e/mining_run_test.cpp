@@ -1,0 +1,221 @@
+// Whole runs of the miner: shares the pool accepts, boards that run hot, sag,
+// fall off the bus or hang, the operator's keys, and signals. Every wait is a
+// hang guard; what is asserted is what the operator saw and the pool got.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "e2e/miner_run.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
+// Low enough for a share every second or so per board at the simulator's speed.
+const std::vector<std::string> kEasyPool = {"--difficulty", "0.002", "--notify-interval", "2"};
+
+std::string ReadFile(const std::filesystem::path &path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
+  MinerRun run(kTwoBoards, kEasyPool);
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 8 && run.SubmittedJobs().size() >= 2; }))
+      << run.Output();
+
+  // Searches all but stop; once the answers in flight are in, the table and
+  // the pool agree.
+  ASSERT_TRUE(run.Command("xdma0 ratecap=0.000001"));
+  ASSERT_TRUE(run.Command("xdma1 ratecap=0.000001"));
+  EXPECT_TRUE(run.Until([&] {
+    uint64_t accepted = run.Pool("accepted");
+    return run.Count("Share Accepted!") == accepted && run.TableAccepted(2) == accepted;
+  })) << "pool " << run.Pool("accepted") << ", table " << run.TableAccepted(2);
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Pool("rejected"), 0u) << run.PoolProcess().Stats();
+  EXPECT_EQ(run.Count("share was invalid"), 0u);
+  EXPECT_EQ(run.Count("Share was rejected"), 0u);
+  EXPECT_GE(run.Count("Worker 1 - YAY"), 1u);
+  EXPECT_GE(run.Count("Worker 2 - YAY"), 1u);
+  EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
+  EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
+}
+
+TEST(MiningRun, HotOrSaggingBoardsThrottleAndTheHotOneRecovers) {
+  MinerRun run("xdma0 model=7\nxdma1 model=7\nxdma2 model=7\n", {"--difficulty", "1"});
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.LastClock(1).first == 100 && run.LastClock(3).first == 100; }));
+
+  ASSERT_TRUE(run.Command("xdma0 hot=95"));
+  ASSERT_TRUE(run.Command("xdma1 sag=0.4"));  // 0.45 V, under the narrow limit
+  ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Warning: Cooking condition detected!") > 0; }));
+  ASSERT_TRUE(run.Until([&] {
+    auto hot = run.LastClock(1), sagging = run.LastClock(2);
+    return hot.first >= 0 && hot.first < 100 && sagging.first >= 0 && sagging.first < 100;
+  })) << run.Output();
+  EXPECT_EQ(run.LastClock(1).second, 100) << "throttling leaves the target alone";
+  EXPECT_EQ(run.LastClock(3).first, 100) << "a healthy board keeps its clock";
+
+  ASSERT_TRUE(run.Command("xdma0 hot=off"));
+  size_t cooled = run.Output().size();
+  EXPECT_TRUE(run.Until([&] { return run.LastClock(1, cooled).first == 100; })) << run.Output().substr(cooled);
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+}
+
+TEST(MiningRun, BoardOffTheBusIsDisabledWhileTheOthersMineOn) {
+  MinerRun run(kTwoBoards, kEasyPool);
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 2; }));
+
+  ASSERT_TRUE(run.Command("xdma1 all_ones=1"));
+  ASSERT_TRUE(run.Until([&] { return run.Count("Worker 2 has crashed, disabling...") == 1; })) << run.Output();
+  size_t crashed = run.Output().find("Worker 2 has crashed");
+  EXPECT_GE(run.Count("Worker 2 - share was invalid with nonce ffffffff"), 4u);
+  uint64_t before = run.Pool("accepted");
+  EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= before + 2; }));
+  EXPECT_TRUE(run.Until([&] { return run.Count("Worker 2: Offline (Disabled)", crashed) > 0; }));
+  EXPECT_EQ(run.Count("Worker 2 - YAY", crashed), 0u);
+  EXPECT_GE(run.Count("Worker 1 - YAY", crashed), 1u);
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Pool("rejected"), 0u);
+}
+
+TEST(MiningRun, KeysStopAndRestartABoardAndTuneIt) {
+  MinerRun run(kTwoBoards, kEasyPool);
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Count("Worker 1 - YAY") >= 1; }));
+
+  run.Child().Type("1d");
+  ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Stopped") == 1; })) << run.Output();
+  EXPECT_TRUE(run.Until([&] { return run.Count("Worker 1: Offline (Disabled)") > 0; }));
+
+  size_t enabled = run.Output().size();
+  run.Child().Type("e");
+  ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Starting...", enabled) == 1; }));
+  EXPECT_TRUE(run.Until([&] { return run.Count("Worker 1 - YAY", enabled) >= 1; })) << run.Output().substr(enabled);
+
+  // Tuning raises the target in small steps: the saved configuration shows it.
+  run.Child().Type("t");
+  EXPECT_TRUE(run.Until([&] {
+    run.Child().Type("s");
+    run.Pump(std::chrono::milliseconds(1000));
+    std::string saved = ReadFile(run.WorkDir() / "config.json");
+    size_t clock = saved.find("\"clock\":");
+    return clock != std::string::npos && std::stod(saved.substr(clock + 8)) > 100.0;
+  })) << ReadFile(run.WorkDir() / "config.json");
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 2u);
+}
+
+TEST(MiningRun, HungClockLoadShowsAStoppedWorkerAndQuitGivesUpOnIt) {
+  MinerRun run("xdma0 model=7 mmcm_stuck=1\nxdma1 model=7\n", kEasyPool);
+  ASSERT_TRUE(run.Start());
+  // Worker 1 waits for its clock for ever; worker 2 mines.
+  ASSERT_TRUE(run.Until([&] { return run.Count("Worker 1: Started initializing") > 0; })) << run.Output();
+  EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(std::chrono::milliseconds(60000)), 0);
+  EXPECT_EQ(run.Count("Waiting for workers to stop timed out"), 1u);
+  EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
+  EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 0u);
+}
+
+TEST(PoolFaults, RefusedAndRestartedPoolIsReconnectedAndMiningResumes) {
+  MinerRun run(kTwoBoards, kEasyPool);
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+  const uint16_t port = run.PoolProcess().Port();
+
+  // The pool goes away: the connection is lost, and new ones are refused.
+  run.PoolProcess().Stop();
+  ASSERT_TRUE(run.Until([&] { return run.Count("Stratum disconnected") >= 2; })) << run.Output();
+
+  std::vector<std::string> options = kEasyPool;
+  options.insert(options.end(), {"--port", std::to_string(port)});
+  testing_support::TestPool restarted(options);
+  ASSERT_EQ(restarted.Port(), port);
+  EXPECT_TRUE(run.Until([&] {
+    std::string stats = restarted.Stats();
+    return stats.find("\"accepted\":0,") == std::string::npos && stats.find("\"accepted\":") != std::string::npos;
+  })) << run.Output();
+  EXPECT_NE(restarted.Stats().find("\"rejected\":0,"), std::string::npos) << restarted.Stats();
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+}
+
+TEST(PoolFaults, GarbageHugeAndMalformedLinesDoNotStopMining) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--garbage-every", "3",
+                            "--huge-line", "300000", "--bad-job", "invalid-hex", "--bad-job-every", "3"});
+  ASSERT_TRUE(run.Start());
+  EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= 4 && run.Pool("jobs") >= 6; })) << run.Output();
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_GE(run.Count("Share Accepted!"), 4u);
+}
+
+// While mining, a message with a numeric id is a share answer or nothing: a
+// pool that numbers its notifications is not heard, and the boards get no job.
+TEST(PoolFaults, NotificationsWithANumericIdAreDropped) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--notify-id", "7"});
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("jobs") >= 3 && run.Count("Worker 2: Started waiting for work") > 0; }));
+  EXPECT_EQ(run.Count("Stratum state Authorized -> Mining"), 1u);
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Pool("submits"), 0u);
+  EXPECT_EQ(run.Count("YAY"), 0u);
+}
+
+// Each read is framed on its own, so a line split across reads never parses:
+// the subscribe answer is lost and the session stays where it was, while the
+// miner itself keeps answering its keys.
+TEST(PoolFaults, LinesSplitAcrossReadsLeaveTheSessionSubscribing) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--split-lines", "3", "--split-delay", "0.05"});
+  ASSERT_TRUE(run.Start());
+  EXPECT_TRUE(run.Until([&] { return run.Count("Failed to subscribe - invalid or failed response") >= 1; }));
+  EXPECT_TRUE(run.Until([&] { return run.Count("Worker 1: Started waiting for work") >= 1; }));
+  EXPECT_EQ(run.Count("Stratum state Subscribing -> Authorizing"), 0u);
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Pool("submits"), 0u);
+}
+
+TEST(Signals, TerminationWhileMiningOrStartingStopsCleanly) {
+  {
+    MinerRun run(kTwoBoards, kEasyPool);
+    ASSERT_TRUE(run.Start());
+    ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+    run.Child().Signal(SIGTERM);
+    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
+    EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
+    EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
+  }
+  {
+    // Straight after start-up, while the boards are still coming up.
+    MinerRun run(kTwoBoards, kEasyPool);
+    ASSERT_TRUE(run.Start());
+    run.Child().Signal(SIGINT);
+    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
+  }
+}
+
+}  // namespace
+}  // namespace e2e
