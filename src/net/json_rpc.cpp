@@ -63,26 +63,9 @@ void OnSetDisconnected(TRPSocketSet *, uint32_t, void *user) {
   if (client->destroyPending) FreeClient(client);
 }
 
-// Each read is framed on its own: it is split at line feeds and every piece is
-// parsed; nothing is carried over to the next read. Pool lines are short and
-// written whole, and a piece that isn't a whole message parses to nothing.
 void OnSetRawData(TRPSocketSet *, uint32_t, const uint8_t *bytes, uint32_t length, void *user) {
   auto *client = static_cast<VLJsonRpcClient *>(user);
-  VLObject *text = VLStringCreate(reinterpret_cast<const char *>(bytes), length);
-  VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLStringChars(text));
-  VLObject *pieces = VLStringSplit(text, "\n");
-  VLObjectRelease(text);
-  uint32_t count = VLArrayCount(pieces);
-  for (uint32_t i = 0; i < count && !client->destroyPending; i++) {
-    VLObject *piece = VLArrayGet(pieces, i);
-    VLObject *data = VLDataCreate(VLStringChars(piece), VLStringLength(piece));
-    VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
-    VLObjectRelease(data);
-    if (!message) continue;
-    if (client->message) client->message(client, message, client->userData);
-    VLJsonRpcMessageRelease(message);
-  }
-  VLObjectRelease(pieces);
+  VLJsonRpcClientReceive(client, bytes, length);
   if (client->destroyPending) FreeClient(client);
 }
 
@@ -140,6 +123,27 @@ void VLJsonRpcClientDestroy(VLJsonRpcClient *client) {
     }
   }
   FreeClient(client);
+}
+
+// Each read is framed on its own: it is split at line feeds and every piece is
+// parsed; nothing is carried over to the next read. Pool lines are short and
+// written whole, and a piece that isn't a whole message parses to nothing.
+void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length) {
+  VLObject *text = VLStringCreate(reinterpret_cast<const char *>(bytes), length);
+  VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLStringChars(text));
+  VLObject *pieces = VLStringSplit(text, "\n");
+  VLObjectRelease(text);
+  uint32_t count = VLArrayCount(pieces);
+  for (uint32_t i = 0; i < count && !client->destroyPending; i++) {
+    VLObject *piece = VLArrayGet(pieces, i);
+    VLObject *data = VLDataCreate(VLStringChars(piece), VLStringLength(piece));
+    VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
+    VLObjectRelease(data);
+    if (!message) continue;
+    if (client->message) client->message(client, message, client->userData);
+    VLJsonRpcMessageRelease(message);
+  }
+  VLObjectRelease(pieces);
 }
 
 // ---- Messages -----------------------------------------------------------------

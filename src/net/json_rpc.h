@@ -85,6 +85,9 @@ void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
 // Ends the connection, without callbacks, and frees the client. Safe after the
 // connection failed, and from inside the client's own callbacks.
 void VLJsonRpcClientDestroy(VLJsonRpcClient *client);
+// One read of the connection, framed and delivered to the message callback on
+// the calling thread: the receive path of the line transport.
+void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length);
 
 // ---- Messages -----------------------------------------------------------------
 
