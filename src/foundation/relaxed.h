@@ -19,6 +19,10 @@ class Relaxed {
   T load() const { return value_.load(std::memory_order_relaxed); }
   void store(T value) { value_.store(value, std::memory_order_relaxed); }
   operator T() const { return load(); }  // NOLINT: implicit by design
+  // For the one hand-over that must carry what the writer did before it: the
+  // writer's last store releases, the reader that sees it acquires.
+  void StoreRelease(T value) { value_.store(value, std::memory_order_release); }
+  T LoadAcquire() const { return value_.load(std::memory_order_acquire); }
   Relaxed &operator=(T value) {
     store(value);
     return *this;

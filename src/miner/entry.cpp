@@ -47,7 +47,7 @@ RunMode DecideMode(int argc, char **argv) {
 
 bool AnyWorkerActive(const MiningContext &context) {
   for (const auto &worker : context.workers) {
-    if (worker->active) return true;
+    if (worker->active.LoadAcquire()) return true;
   }
   return false;
 }

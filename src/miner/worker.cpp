@@ -61,7 +61,8 @@ void StopBoard(WorkerLoop &loop, Worker &worker) {
   SleepMs(1);
   SetMmcmClockEnable(device, false, worker.layoutVersion);
   SetMmcmReset(device, true, worker.layoutVersion);
-  worker.active = false;
+  // Released: whoever sees the board stopped may let go of what it used.
+  worker.active.StoreRelease(false);
   VL_LOG(VLLogLevelInfo, loop.logTag, "Stopped");
 }
 

@@ -99,11 +99,12 @@ bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t
 }
 
 void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
-  if (!client || client->transport != VLJsonRpcTransportLine || !client->socketSet) return;
+  TRPSocketSet *set = client ? client->socketSet.load() : nullptr;
+  if (!set || client->transport != VLJsonRpcTransportLine) return;
   VLObject *text = VLJsonRpcMessageSerialize(message);
   if (!text) return;
   VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
-  TRPSocketSetSend(client->socketSet, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+  TRPSocketSetSend(set, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
   VLObjectRelease(text);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "foundation/object.h"
+#include "foundation/relaxed.h"
 #include "net/socket_set.h"
 
 enum : uint32_t {
@@ -54,7 +55,7 @@ using VLJsonRpcMessageCallback = void (*)(VLJsonRpcClient *client, VLJsonRpcMess
 
 struct VLJsonRpcClient {
   uint32_t transport = VLJsonRpcTransportNone;
-  TRPSocketSet *socketSet = nullptr;  // owned
+  Relaxed<TRPSocketSet *> socketSet{nullptr};  // owned; senders on any thread read it
   VLObject *path = nullptr;           // request path of the HTTP transports
   void *userData = nullptr;
   VLJsonRpcConnectedCallback connected = nullptr;
