@@ -201,8 +201,15 @@ TEST(Signals, TerminationWhileMiningOrStartingStopsCleanly) {
     MinerRun run(kTwoBoards, kEasyPool);
     ASSERT_TRUE(run.Start());
     ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+    // Keys come singly while it runs; the terminal is given back as it was.
+    termios modes{};
+    ASSERT_TRUE(run.Child().TerminalModes(&modes));
+    EXPECT_EQ(modes.c_lflag & ICANON, 0u);
     run.Child().Signal(SIGTERM);
     EXPECT_EQ(run.Child().Wait(), 0);
+    ASSERT_TRUE(run.Child().TerminalModes(&modes));
+    EXPECT_NE(modes.c_lflag & ICANON, 0u);
+    EXPECT_NE(modes.c_lflag & ECHO, 0u);
     EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
     EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
     EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);

@@ -160,4 +160,6 @@ int PtyProcess::Wait(std::chrono::milliseconds limit) {
 
 void PtyProcess::Signal(int signal) { kill(pid_, signal); }
 
+bool PtyProcess::TerminalModes(struct termios *modes) const { return tcgetattr(master_, modes) == 0; }
+
 }  // namespace testing_support

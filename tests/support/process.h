@@ -2,6 +2,8 @@
 // captured, or drive one through a pseudo-terminal as an operator would.
 #pragma once
 
+#include <termios.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -43,6 +45,8 @@ class PtyProcess {
   void Signal(int signal);
   const std::string &Output() const { return output_; }
   int Pid() const { return pid_; }
+  // The terminal's line discipline as it stands (the child may have changed it).
+  bool TerminalModes(struct termios *modes) const;
 
  private:
   bool ReadSome(std::chrono::milliseconds timeout);
