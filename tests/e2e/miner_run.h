@@ -5,12 +5,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
@@ -26,35 +24,20 @@ using namespace std::chrono_literals;
 // Runs longer than any row should take end in a failure, not a hung suite.
 constexpr std::chrono::seconds kHangGuard{180};
 
-// The job id of a client's share line: the second parameter of its
-// mining.submit; empty for any other line.
-inline std::string JobOfSubmit(const std::string &line) {
-  static const std::string kSubmit = "\"mining.submit\",\"params\":[\"";
-  size_t at = line.find(kSubmit);
-  if (at == std::string::npos) return "";
-  size_t account = line.find('"', at + kSubmit.size());  // end of the account
-  size_t job = account == std::string::npos ? account : line.find('"', account + 1);  // start of the job id
-  size_t end = job == std::string::npos ? job : line.find('"', job + 1);
-  return end == std::string::npos ? "" : line.substr(job + 1, end - job - 1);
-}
-
 class MinerRun {
  public:
   MinerRun(const std::string &boardList, std::vector<std::string> poolOptions)
       : pool_(std::move(poolOptions)), boards_(boardList) {}
 
-  // Starts the miner against the pool without waiting for anything.
-  bool Launch() {
+  // Starts the miner against the pool; true once it has said whom it mines for.
+  bool Start() {
     if (pool_.Port() == 0) return false;
     control_ = (boards_.WorkDir() / "control").string();
     child_ = miner_testing::StartOnTerminal(
         boards_, {"ckb", "127.0.0.1", std::to_string(pool_.Port()), "wallet.rig", "x"},
         {"OMBRY_SIM_CONTROL=" + control_});
-    return true;
+    return child_->WaitFor("Using Account: wallet.rig");
   }
-
-  // Starts the miner against the pool; true once it has said whom it mines for.
-  bool Start() { return Launch() && child_->WaitFor("Using Account: wallet.rig"); }
 
   // A board command such as "xdma0 hot=95", as an operator's test rig would
   // send it while the miner runs.
@@ -90,17 +73,17 @@ class MinerRun {
     return at == std::string::npos ? 0 : std::strtoull(stats.c_str() + at + name.size() + 3, nullptr, 10);
   }
 
-  // Shares the pool turned down for anything but a job it had replaced just
-  // before the share came: that race between a new job and a share on its
-  // way is part of mining, every other reason is a fault.
-  uint64_t PoolRejectedNotStale() const { return Pool("rejected") - Pool("stale"); }
-
-  // The job ids of every share the pool was sent.
+  // The job ids of every share the pool was sent: the second parameter.
   std::set<std::string> SubmittedJobs() const {
+    static const std::string kSubmit = "\"mining.submit\",\"params\":[\"";
     std::set<std::string> jobs;
     for (const std::string &line : pool_.ClientLines()) {
-      std::string job = JobOfSubmit(line);
-      if (!job.empty()) jobs.insert(job);
+      size_t at = line.find(kSubmit);
+      if (at == std::string::npos) continue;
+      size_t account = line.find('"', at + kSubmit.size());  // end of the account
+      size_t job = line.find('"', account + 1);             // start of the job id
+      size_t end = job == std::string::npos ? job : line.find('"', job + 1);
+      if (end != std::string::npos) jobs.insert(line.substr(job + 1, end - job - 1));
     }
     return jobs;
   }
@@ -144,21 +127,6 @@ class MinerRun {
       if (columns.size() > 8) sum += std::stoull(columns[8]);
     }
     return sum;
-  }
-
-  // Every line of the pool's transcript, both directions ("<" from the
-  // client, ">" to it).
-  std::vector<std::string> Transcript() const {
-    std::ifstream file(pool_.Directory() + "/transcript");
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
-    return lines;
-  }
-
-  // The terminal as the miner left it: line mode and echo, as it was given.
-  bool TerminalIsCooked() const {
-    termios modes{};
-    return child_->TerminalModes(&modes) && (modes.c_lflag & ICANON) != 0 && (modes.c_lflag & ECHO) != 0;
   }
 
   testing_support::PtyProcess &Child() { return *child_; }
