@@ -9,10 +9,12 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "foundation/compat.h"
 #include "foundation/console.h"
 #include "foundation/logger.h"
+#include "miner/command_line.h"
 #include "miner/console_io.h"
 #include "miner/flash_catalogue.h"
 #include "miner/run_config.h"
@@ -97,7 +99,29 @@ bool ConsoleCtrlHandler(uint32_t event) {
 }
 
 int MinerMain(int argc, char **argv) {
+  CommandLine commandLine;
+  std::string commandLineError;
+  bool commandLineRead = ParseCommandLine(argc, argv, commandLine, commandLineError);
+  if (commandLineRead && commandLine.showHelp) {
+    PrintUsage(stdout);
+    return 0;
+  }
+  if (commandLineRead && commandLine.showVersion) {
+    PrintVersion(stdout);
+    return 0;
+  }
+
   SystemInit();
+  if (!commandLineRead) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "%s", commandLineError.c_str());
+    return 1;
+  }
+  // From here on the run sees the positional words alone, as it always has.
+  std::vector<char *> positional;
+  for (std::string &word : commandLine.positional) positional.push_back(word.data());
+  positional.push_back(nullptr);
+  argc = static_cast<int>(commandLine.positional.size());
+  argv = positional.data();
 
   // Kept for the whole run; left inactive, so the system may sleep as usual.
   std::unique_ptr<VLSystemSleepManager, void (*)(VLSystemSleepManager *)> sleepManager(VLSleepManagerCreate(),
@@ -121,6 +145,7 @@ int MinerMain(int argc, char **argv) {
   // On the heap so that it can outlive this function: see the end of the run.
   auto ownedContext = std::make_unique<MiningContext>();
   MiningContext &context = *ownedContext;
+  context.options = commandLine.options;
   std::string whitelist;
   if (argc > 7) whitelist = argv[7];
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "foundation/relaxed.h"
+#include "miner/command_line.h"
 #include "miner/flash_image.h"
 #include "stratum/stratum_context.h"
 
@@ -97,6 +98,7 @@ struct Worker : StratumShareCounters {
 // StratumContext.
 struct MiningContext : StratumContext {
   uint32_t algorithm = 0;
+  RunOptions options;
   std::vector<std::unique_ptr<Worker>> workers;
   // The flash catalogue: the loose images by model, kept but not read again,
   // and each model's "static.bin", mapped for the whole run.

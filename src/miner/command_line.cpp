@@ -1,0 +1,137 @@
+#include "miner/command_line.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "foundation/build_info.h"
+#include "hash/eaglesong_lanes.h"
+
+namespace {
+
+bool SetSeconds(double &field, const std::string &value, std::string &error) {
+  double seconds = 0;
+  if (!ParseSeconds(value, seconds) || seconds <= 0) {
+    error = "needs a number of seconds above 0";
+    return false;
+  }
+  field = seconds;
+  return true;
+}
+
+const std::vector<OptionSpec> kOptions = {
+    {"help", nullptr, "print this help and exit",
+     [](CommandLine &line, const std::string &, std::string &) { return line.showHelp = true; }},
+    {"version", nullptr, "print the version and the build and exit",
+     [](CommandLine &line, const std::string &, std::string &) { return line.showVersion = true; }},
+    {"pool-silence", "SECONDS", "reconnect when the pool sends nothing for this long while mining (90)",
+     [](CommandLine &line, const std::string &value, std::string &error) {
+       return SetSeconds(line.options.poolSilenceSeconds, value, error);
+     }},
+    {"share-timeout", "SECONDS", "reconnect when the pool leaves a share unanswered for this long (30)",
+     [](CommandLine &line, const std::string &value, std::string &error) {
+       return SetSeconds(line.options.shareTimeoutSeconds, value, error);
+     }},
+};
+
+const OptionSpec *FindOption(const std::string &name) {
+  for (const OptionSpec &option : kOptions) {
+    if (name == option.name) return &option;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+const std::vector<OptionSpec> &CommandLineOptions() { return kOptions; }
+
+bool ParseSeconds(const std::string &text, double &seconds) {
+  if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos) return false;
+  errno = 0;
+  char *end = nullptr;
+  double value = strtod(text.c_str(), &end);
+  if (errno != 0 || end != text.c_str() + text.size() || !std::isfinite(value)) return false;
+  seconds = value;
+  return true;
+}
+
+bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &error) {
+  line.positional.assign(argv, argv + (argc > 0 ? 1 : 0));
+  for (int i = 1; i < argc; i++) {
+    std::string word = argv[i];
+    if (word.rfind("--", 0) != 0) {
+      line.positional.push_back(word);
+      continue;
+    }
+    std::string name = word.substr(2);
+    std::string value;
+    bool inlineValue = false;
+    if (size_t equals = name.find('='); equals != std::string::npos) {
+      value = name.substr(equals + 1);
+      name.resize(equals);
+      inlineValue = true;
+    }
+    const OptionSpec *option = FindOption(name);
+    if (option == nullptr) {
+      error = "unknown option --" + name + " (--help lists them)";
+      return false;
+    }
+    if (option->valueName == nullptr && inlineValue) {
+      error = "option --" + name + " takes no value";
+      return false;
+    }
+    if (option->valueName != nullptr && !inlineValue) {
+      if (i + 1 >= argc) {
+        error = "option --" + name + " needs a value (" + option->valueName + ")";
+        return false;
+      }
+      value = argv[++i];
+    }
+    std::string why;
+    if (!option->apply(line, value, why)) {
+      error = "option --" + name + " '" + value + "': " + why;
+      return false;
+    }
+  }
+  return true;
+}
+
+void PrintUsage(FILE *out) {
+  fprintf(out,
+          "Usage: ombry-miner <algorithm> <pool host> <pool port> <wallet> <password> [clock MHz] [device] "
+          "[options]\n"
+          "       ombry-miner recovery | dump [options]\n"
+          "\n"
+          "Positional arguments:\n"
+          "  algorithm   ckb; or recovery (flash boards, mine nothing) or dump (do nothing)\n"
+          "  pool host   the Stratum pool's name or address\n"
+          "  pool port   the pool's TCP port\n"
+          "  wallet      the account to mine for (wallet.rig)\n"
+          "  password    the pool password, often x\n"
+          "  clock MHz   optional: a fixed clock for every board\n"
+          "  device      optional: one device path; only that board is used\n"
+          "\n"
+          "Options (--name value or --name=value, anywhere on the line):\n");
+  for (const OptionSpec &option : kOptions) {
+    std::string left = std::string("--") + option.name;
+    if (option.valueName != nullptr) left += std::string(" ") + option.valueName;
+    fprintf(out, "  %-26s %s\n", left.c_str(), option.help);
+  }
+  fprintf(out,
+          "\n"
+          "Environment:\n"
+          "  OMBRY_DEVICE_DIR   where to look for the boards' device nodes (default /dev)\n"
+          "  VL_LOG_TRACE       any value: log everything\n"
+          "\n"
+          "Exit codes:\n"
+          "  0  a normal end, a dump run, a recovery run, --help, --version\n"
+          "  1  bad or too few arguments, no board ready, an unknown algorithm, a watchdog termination\n");
+}
+
+void PrintVersion(FILE *out) {
+  fprintf(out, "ombry-miner %s\n", OmbryVersion());
+  fprintf(out, "commit %s, %s, %s build\n", OmbryBuildCommit(), OmbryBuildCompiler(), OmbryBuildType());
+  fprintf(out, "Eaglesong search: %s\n",
+          EaglesongLanePathName(EaglesongLanePathResolve(EaglesongLanePath::Auto)));
+}

@@ -1,0 +1,49 @@
+// The command line: seven positional arguments as ever, and options beside
+// them. A word that starts with "--" is an option, anywhere on the line, and
+// takes the next word as its value unless it is a flag; every other word is
+// positional. A line of positional words alone runs exactly as before.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+// What the options set. Defaults are the values a run without options has.
+struct RunOptions {
+  // Pool link: no line from the pool for this long while mining, or no answer
+  // to a share for this long, closes the connection and reconnects.
+  double poolSilenceSeconds = 90;
+  double shareTimeoutSeconds = 30;
+};
+
+struct CommandLine {
+  // The program name followed by the positional words, in order.
+  std::vector<std::string> positional;
+  RunOptions options;
+  bool showHelp = false;
+  bool showVersion = false;
+};
+
+// One option: its name without the dashes, the name of its value (null for
+// a flag), the line of help, and how its value is taken. `apply` returns
+// false with `error` set for a value it refuses.
+struct OptionSpec {
+  const char *name;
+  const char *valueName;
+  const char *help;
+  bool (*apply)(CommandLine &line, const std::string &value, std::string &error);
+};
+
+// Every option, in the order --help lists them.
+const std::vector<OptionSpec> &CommandLineOptions();
+
+// Splits argv into positional words and options. Returns false with `error`
+// naming the word for an unknown option, a missing value or a bad one.
+bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &error);
+
+// The text of --help and --version.
+void PrintUsage(FILE *out);
+void PrintVersion(FILE *out);
+
+// Strict number forms for option values: the whole word must be the number.
+bool ParseSeconds(const std::string &text, double &seconds);
