@@ -47,6 +47,12 @@ struct StratumContext {
   double difficulty = 1.0;
   Relaxed<uint64_t> lastSubmitWorker;
   uint32_t fixedTargetWord = 0;
+  // Link health, for the operator and for monitoring: connections made after
+  // the first, shares found while no connection could take them, and when
+  // the last job arrived (Unix seconds, 0 before the first).
+  Relaxed<uint64_t> reconnects;
+  Relaxed<uint64_t> sharesDroppedWhileDisconnected;
+  Relaxed<int64_t> lastJobTime;
 
   // The newest job, replaced by the receive thread and copied by workers.
   std::shared_ptr<StratumJob> CurrentJob() const {
