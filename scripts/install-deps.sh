@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ pkg-config python3
   libfmt-dev libgtest-dev libbenchmark-dev
   libfuse3-dev fuse3
-  libssl-dev openssl ca-certificates
+  libssl-dev openssl ca-certificates nlohmann-json3-dev
   clang libclang-rt-14-dev
 )
 

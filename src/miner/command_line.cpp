@@ -4,8 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include "foundation/build_info.h"
+#include "miner/config_file.h"
 #include "hash/eaglesong_lanes.h"
 
 namespace {
@@ -21,6 +23,11 @@ bool SetSeconds(double &field, const std::string &value, std::string &error) {
 }
 
 const std::vector<OptionSpec> kOptions = {
+    {"config", "FILE", "read settings from a JSON file; the command line overrides it",
+     [](CommandLine &line, const std::string &value, std::string &) {
+       line.configFile = value;
+       return true;
+     }},
     {"help", nullptr, "print this help and exit",
      [](CommandLine &line, const std::string &, std::string &) { return line.showHelp = true; }},
     {"version", nullptr, "print the version and the build and exit",
@@ -44,6 +51,8 @@ const OptionSpec *FindOption(const std::string &name) {
 
 }  // namespace
 
+const char *const kPositionalNames[7] = {"algorithm", "host", "port", "wallet", "password", "clock", "device"};
+
 const std::vector<OptionSpec> &CommandLineOptions() { return kOptions; }
 
 bool ParseSeconds(const std::string &text, double &seconds) {
@@ -58,6 +67,7 @@ bool ParseSeconds(const std::string &text, double &seconds) {
 
 bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &error) {
   line.positional.assign(argv, argv + (argc > 0 ? 1 : 0));
+  std::set<std::string> given;
   for (int i = 1; i < argc; i++) {
     std::string word = argv[i];
     if (word.rfind("--", 0) != 0) {
@@ -92,6 +102,31 @@ bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &err
     if (!option->apply(line, value, why)) {
       error = "option --" + name + " '" + value + "': " + why;
       return false;
+    }
+    given.insert(name);
+  }
+  if (line.configFile.empty()) return true;
+
+  // The settings file fills in what the command line leaves out.
+  ConfigFileSettings settings;
+  if (!ReadConfigFile(line.configFile, settings, error)) return false;
+  for (const auto &[name, values] : settings.options) {
+    if (given.count(name) != 0) continue;
+    const OptionSpec *option = FindOption(name);
+    for (const std::string &value : values) {
+      std::string why;
+      if (!option->apply(line, value, why)) {
+        error = "settings file " + line.configFile + ", key '" + name + "' '" + value + "': " + why;
+        return false;
+      }
+    }
+  }
+  if (!settings.positional.empty()) {
+    size_t last = static_cast<size_t>(settings.positional.rbegin()->first);
+    for (size_t position = line.positional.size(); position <= last; position++) {
+      auto entry = settings.positional.find(static_cast<int>(position));
+      // A gap before a later word: no forced clock is written as 0.
+      line.positional.push_back(entry != settings.positional.end() ? entry->second : "0");
     }
   }
   return true;

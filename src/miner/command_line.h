@@ -19,6 +19,8 @@ struct RunOptions {
 struct CommandLine {
   // The program name followed by the positional words, in order.
   std::vector<std::string> positional;
+  // The settings file named by --config, if any.
+  std::string configFile;
   RunOptions options;
   bool showHelp = false;
   bool showVersion = false;
@@ -26,19 +28,26 @@ struct CommandLine {
 
 // One option: its name without the dashes, the name of its value (null for
 // a flag), the line of help, and how its value is taken. `apply` returns
-// false with `error` set for a value it refuses.
+// false with `error` set for a value it refuses. A repeatable option adds a
+// value each time it is given; the others take the last.
 struct OptionSpec {
   const char *name;
   const char *valueName;
   const char *help;
   bool (*apply)(CommandLine &line, const std::string &value, std::string &error);
+  bool repeatable = false;
 };
+
+// The positional words by the names a settings file gives them, in order.
+extern const char *const kPositionalNames[7];
 
 // Every option, in the order --help lists them.
 const std::vector<OptionSpec> &CommandLineOptions();
 
-// Splits argv into positional words and options. Returns false with `error`
-// naming the word for an unknown option, a missing value or a bad one.
+// Splits argv into positional words and options, and fills in from the
+// settings file of --config what the command line leaves out. Returns false
+// with `error` naming the word or key for an unknown option, a missing value
+// or a bad one.
 bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &error);
 
 // The text of --help and --version.

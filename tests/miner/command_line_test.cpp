@@ -2,6 +2,9 @@
 // values are taken, and what is refused.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -73,6 +76,64 @@ TEST(CommandLineTest, HelpNamesEveryOption) {
   }
   EXPECT_TRUE(Parse({"ckb", "--help"}).line.showHelp);
   EXPECT_TRUE(Parse({"--version"}).line.showVersion);
+}
+
+}  // namespace
+
+namespace {
+
+std::string WriteSettings(const std::string &text) {
+  static int count = 0;
+  std::string path = testing::TempDir() + "ombry-settings-" + std::to_string(getpid()) + "-" +
+                     std::to_string(count++) + ".json";
+  FILE *file = fopen(path.c_str(), "w");
+  fputs(text.c_str(), file);
+  fclose(file);
+  return path;
+}
+
+TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
+  std::string path = WriteSettings(
+      R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
+      R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20"})");
+  Parsed fromFile = Parse({"--config", path});
+  ASSERT_TRUE(fromFile.ok) << fromFile.error;
+  // A device without a clock: the clock's place holds "no forced clock".
+  EXPECT_EQ(fromFile.line.positional, (std::vector<std::string>{"ombry-miner", "ckb", "pool.example", "3333",
+                                                                 "w.rig", "x", "0", "/dev/xdma0"}));
+  EXPECT_EQ(fromFile.line.options.poolSilenceSeconds, 120);
+  EXPECT_EQ(fromFile.line.options.shareTimeoutSeconds, 20);
+
+  Parsed overridden = Parse({"ckb", "other.pool", "--pool-silence", "60", "--config=" + path});
+  ASSERT_TRUE(overridden.ok) << overridden.error;
+  EXPECT_EQ(overridden.line.positional[2], "other.pool");
+  EXPECT_EQ(overridden.line.positional[3], "3333");
+  EXPECT_EQ(overridden.line.options.poolSilenceSeconds, 60);
+  EXPECT_EQ(overridden.line.options.shareTimeoutSeconds, 20);
+}
+
+TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
+  struct Case {
+    const char *text;
+    const char *errorPart;
+  };
+  const Case cases[] = {
+      {R"({"pool-silence":90,})", "is not valid JSON"},
+      {R"(["ckb"])", "one JSON object"},
+      {R"({"pool-silnce":90})", "key 'pool-silnce': not a setting"},
+      {R"({"help":"1"})", "key 'help': not a setting"},
+      {R"({"pool-silence":-3})", "key 'pool-silence' '-3'"},
+      {R"({"share-timeout":[1,2]})", "key 'share-timeout': takes one value"},
+      {R"({"port":{"n":1}})", "key 'port': needs a string or a number"},
+  };
+  for (const Case &c : cases) {
+    Parsed parsed = Parse({"--config", WriteSettings(c.text)});
+    EXPECT_FALSE(parsed.ok) << c.text;
+    EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
+  }
+  Parsed missing = Parse({"--config", "/nonexistent/ombry.json"});
+  EXPECT_FALSE(missing.ok);
+  EXPECT_NE(missing.error.find("cannot read the settings file /nonexistent/ombry.json"), std::string::npos);
 }
 
 }  // namespace

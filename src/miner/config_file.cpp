@@ -1,0 +1,100 @@
+#include "miner/config_file.h"
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "miner/command_line.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+const OptionSpec *OptionNamed(const std::string &name) {
+  for (const OptionSpec &option : CommandLineOptions()) {
+    if (name == option.name) return &option;
+  }
+  return nullptr;
+}
+
+// A scalar as the word a command line would carry.
+bool WordOf(const Json &value, std::string &word) {
+  if (value.is_string()) {
+    word = value.get<std::string>();
+    return true;
+  }
+  if (value.is_number_integer() || value.is_number_unsigned()) {
+    word = value.dump();
+    return true;
+  }
+  if (value.is_number_float()) {
+    double number = value.get<double>();
+    char text[64];
+    snprintf(text, sizeof text, "%.17g", number);
+    word = text;
+    return std::isfinite(number);
+  }
+  return false;
+}
+
+}  // namespace
+
+bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::string &error) {
+  std::ifstream file(path);
+  if (!file) {
+    error = "cannot read the settings file " + path;
+    return false;
+  }
+  std::stringstream text;
+  text << file.rdbuf();
+  Json document = Json::parse(text.str(), nullptr, false);
+  if (document.is_discarded()) {
+    error = "settings file " + path + " is not valid JSON";
+    return false;
+  }
+  if (!document.is_object()) {
+    error = "settings file " + path + " must hold one JSON object";
+    return false;
+  }
+  for (const auto &[key, value] : document.items()) {
+    std::string where = "settings file " + path + ", key '" + key + "'";
+    int position = 0;
+    for (int i = 0; i < 7; i++) {
+      if (key == kPositionalNames[i]) position = i + 1;
+    }
+    if (position != 0) {
+      std::string word;
+      if (!WordOf(value, word)) {
+        error = where + ": needs a string or a number";
+        return false;
+      }
+      settings.positional[position] = word;
+      continue;
+    }
+    const OptionSpec *option = OptionNamed(key);
+    if (option == nullptr || option->valueName == nullptr || key == "config") {
+      error = where + ": not a setting (--help lists the options)";
+      return false;
+    }
+    std::vector<std::string> words;
+    const Json *items = &value;
+    Json single = Json::array({value});
+    if (!value.is_array()) items = &single;
+    if (value.is_array() && !option->repeatable) {
+      error = where + ": takes one value, not a list";
+      return false;
+    }
+    for (const Json &item : *items) {
+      std::string word;
+      if (!WordOf(item, word)) {
+        error = where + ": needs a string or a number";
+        return false;
+      }
+      words.push_back(word);
+    }
+    settings.options.emplace_back(key, words);
+  }
+  return true;
+}
