@@ -151,9 +151,9 @@ class MiningRig {
     context_.account = "bench.rig";
     context_.password = "x";
     std::thread serve([&] { pool_.Serve(difficulty); });
-    client_ = VLJsonRpcClientCreate();
-    context_.rpcClient = client_;
-    StratumConnect(client_, context_);
+    auto client = std::shared_ptr<VLJsonRpcClient>(VLJsonRpcClientCreate(), VLJsonRpcClientDestroy);
+    context_.ExchangeClient(client);
+    StratumConnect(client.get(), context_);
     serve.join();
     WaitFor([&] { return context_.stratumState == Mining; });
     pool_.Notify(0);
@@ -184,8 +184,7 @@ class MiningRig {
     for (auto &worker : context_.workers) worker->enabled = false;
     for (auto &thread : threads_) thread.join();
     context_.workers.clear();  // their devices close before the boards go
-    context_.rpcClient = nullptr;
-    VLJsonRpcClientDestroy(client_);
+    StratumShutdown(context_);
     simulated_.Uninstall();
   }
 
@@ -229,7 +228,6 @@ class MiningRig {
   MiningContext context_;
   sim::InProcessBoards simulated_;
   LoopbackPool pool_;
-  VLJsonRpcClient *client_ = nullptr;
   std::vector<sim::Card *> cards_;
   std::vector<std::thread> threads_;
 };

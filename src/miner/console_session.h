@@ -15,6 +15,5 @@ struct ConsoleSession {
   int64_t targetDevice = -1;
   bool quickRefresh = false;  // the next table is due at a multiple of 20 passes, not 50
   uint64_t passCount = 0;
-  uint64_t retryCount = 0;  // pool reconnection delay, in passes
   bool vrmWarning = false;  // the banner is due in this pass
 };

@@ -2,4 +2,4 @@
 
 #include "stratum/session.h"
 
-void KeepPoolConnection(MiningContext &context, uint64_t &retryCount) { StratumPoll(context, retryCount); }
+void KeepPoolConnection(MiningContext &context) { StratumPoll(context); }

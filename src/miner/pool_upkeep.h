@@ -5,7 +5,5 @@
 
 #include "miner/run_records.h"
 
-// One look at the Stratum state, once per console pass: connects from Idle,
-// and after a loss rebuilds the client on the eleventh pass, counting the
-// passes in `retryCount`.
-void KeepPoolConnection(MiningContext &context, uint64_t &retryCount);
+// One look at the pool link, once per console pass (see StratumPoll).
+void KeepPoolConnection(MiningContext &context);

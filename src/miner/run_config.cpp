@@ -120,6 +120,8 @@ void MergeStoredStratumSettings(MiningContext &context, const VLObject *stratum)
 
 void SetupRun(MiningContext &context, int argc, char **argv) {
   uint64_t forcedClockHz = ForcedClockHz(argc, argv);
+  context.link.silenceLimit = context.options.poolSilenceSeconds;
+  context.link.shareLimit = context.options.shareTimeoutSeconds;
   StoredRunSettings stored;  // config.json is never read back
 
   for (size_t i = 0; i < context.workers.size(); i++) {

@@ -32,7 +32,7 @@ void FinishConsolePass(ConsoleSession &session, std::atomic<uint64_t> &watchdogC
 void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter) {
   ConsoleSession session(context);
   while (g_runState == RunStateRunning) {
-    KeepPoolConnection(context, session.retryCount);
+    KeepPoolConnection(context);
     ConsumeKeys([&](char key) { HandleKey(session, key); });
     std::this_thread::sleep_for(kPassSleep);
     FinishConsolePass(session, watchdogCounter);

@@ -1,11 +1,15 @@
 #include "net/json_rpc.h"
 
+#include <cstring>
+#include <string>
+
 #include "foundation/json.h"
 #include "foundation/logger.h"
 
 namespace {
 
 constexpr const char *kTag = "VLJSONRPC";
+constexpr uint32_t kUnacknowledgedLimitMillis = 60000;
 
 VLJsonRpcMessage *NewMessage(uint32_t kind, uint32_t version, VLObject *id) {
   auto *message = new VLJsonRpcMessage;
@@ -53,6 +57,8 @@ void OnSetConnected(TRPSocketSet *set, uint32_t, void *user) {
   // A silent pool is then declared dead by the stack within seconds, and the
   // loss surfaces as a read error.
   TRPSocketSetSetKeepAlive(set, true, 5, 10, 1);
+  // Data the peer never acknowledges ends the connection within a minute.
+  TRPSocketSetSetUserTimeout(set, kUnacknowledgedLimitMillis);
   if (client->connected) client->connected(client, client->userData);
   if (client->destroyPending) FreeClient(client);
 }
@@ -108,43 +114,79 @@ void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
   VLObjectRelease(text);
 }
 
+// Ends the connection without callbacks. False when called from inside one of
+// the client's own callbacks: the set then closes after that callback.
+bool CloseConnection(VLJsonRpcClient *client) {
+  TRPSocketSet *set = client->socketSet;
+  if (!set) return true;
+  // No callback may start during the close. One already running finishes
+  // before the close returns, with the client still alive.
+  TRPSocketSetSetCallbacks(set, nullptr, nullptr, nullptr, nullptr, client);
+  client->socketSet = nullptr;
+  return TRPSocketSetClose(set);
+}
+
+void VLJsonRpcClientClose(VLJsonRpcClient *client) {
+  if (client) CloseConnection(client);
+}
+
 void VLJsonRpcClientDestroy(VLJsonRpcClient *client) {
   if (!client) return;
-  TRPSocketSet *set = client->socketSet;
-  if (set) {
-    // No callback may start during the close. One already running finishes
-    // before the close returns, with the client still alive.
-    TRPSocketSetSetCallbacks(set, nullptr, nullptr, nullptr, nullptr, client);
-    client->socketSet = nullptr;
-    if (!TRPSocketSetClose(set)) {
-      // Called from inside one of this client's callbacks: the set closes
-      // after it, and the callback's caller frees the client.
-      client->destroyPending = true;
-      return;
-    }
+  if (!CloseConnection(client)) {
+    // Called from inside one of this client's callbacks: the callback's
+    // caller frees the client.
+    client->destroyPending = true;
+    return;
   }
   FreeClient(client);
 }
 
-// Each read is framed on its own: it is split at line feeds and every piece is
-// parsed; nothing is carried over to the next read. Pool lines are short and
-// written whole, and a piece that isn't a whole message parses to nothing.
+namespace {
+
+void DeliverLine(VLJsonRpcClient *client, const char *line, size_t length) {
+  if (length == 0) return;
+  VLObject *data = VLDataCreate(line, static_cast<uint32_t>(length));
+  VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
+  VLObjectRelease(data);
+  if (!message) return;
+  if (client->message) client->message(client, message, client->userData);
+  VLJsonRpcMessageRelease(message);
+}
+
+}  // namespace
+
+// A line is handed on when its line feed arrives, whatever reads it was cut
+// into; a line that arrives whole in one read goes on from that read, as it
+// always has. A line that grows past the limit is dropped, and reading takes
+// up again after its line feed.
 void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length) {
   VLObject *text = VLStringCreate(reinterpret_cast<const char *>(bytes), length);
   VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLStringChars(text));
-  VLObject *pieces = VLStringSplit(text, "\n");
   VLObjectRelease(text);
-  uint32_t count = VLArrayCount(pieces);
-  for (uint32_t i = 0; i < count && !client->destroyPending; i++) {
-    VLObject *piece = VLArrayGet(pieces, i);
-    VLObject *data = VLDataCreate(VLStringChars(piece), VLStringLength(piece));
-    VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
-    VLObjectRelease(data);
-    if (!message) continue;
-    if (client->message) client->message(client, message, client->userData);
-    VLJsonRpcMessageRelease(message);
+  const char *next = reinterpret_cast<const char *>(bytes);
+  const char *end = next + length;
+  while (next < end && !client->destroyPending) {
+    const char *feed = static_cast<const char *>(memchr(next, '\n', static_cast<size_t>(end - next)));
+    const char *stop = feed ? feed : end;
+    size_t piece = static_cast<size_t>(stop - next);
+    if (client->skippingLongLine) {
+      if (feed) client->skippingLongLine = false;
+    } else if (client->partialLine.size() + piece > kVLJsonRpcMaxLineBytes) {
+      VL_LOG(VLLogLevelWarning, kTag, "Dropped a line of over %zu bytes from the peer", kVLJsonRpcMaxLineBytes);
+      client->partialLine.clear();
+      client->skippingLongLine = feed == nullptr;
+    } else if (feed && client->partialLine.empty()) {
+      DeliverLine(client, next, piece);
+    } else {
+      client->partialLine.append(next, piece);
+      if (feed) {
+        std::string line;
+        line.swap(client->partialLine);
+        DeliverLine(client, line.data(), line.size());
+      }
+    }
+    next = feed ? feed + 1 : end;
   }
-  VLObjectRelease(pieces);
 }
 
 // ---- Messages -----------------------------------------------------------------

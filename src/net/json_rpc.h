@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "foundation/object.h"
 #include "foundation/relaxed.h"
@@ -64,7 +65,14 @@ struct VLJsonRpcClient {
   // Set when the client was destroyed from inside one of its own callbacks;
   // the callback's caller frees it once the callback returns.
   bool destroyPending = false;
+  // The receive thread's framing: the start of a line not yet ended, carried
+  // from one read to the next, and whether an overlong line is being skipped.
+  std::string partialLine;
+  bool skippingLongLine = false;
 };
+
+// The longest line taken from a peer; a longer one is dropped with a warning.
+constexpr size_t kVLJsonRpcMaxLineBytes = 1 << 20;
 
 // ---- Client -------------------------------------------------------------------
 // A client is good for one connection. `connected` runs on the connect thread,
@@ -86,8 +94,14 @@ void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
 // Ends the connection, without callbacks, and frees the client. Safe after the
 // connection failed, and from inside the client's own callbacks.
 void VLJsonRpcClientDestroy(VLJsonRpcClient *client);
+// Ends the connection without callbacks and keeps the client: once it
+// returns no callback of the client runs (from inside one, none after it),
+// and sends are dropped. Whoever still holds the client may then free it.
+void VLJsonRpcClientClose(VLJsonRpcClient *client);
 // One read of the connection, framed and delivered to the message callback on
-// the calling thread: the receive path of the line transport.
+// the calling thread: the receive path of the line transport. Whole lines are
+// handed on however the bytes are cut into reads; a line may be up to
+// kVLJsonRpcMaxLineBytes long.
 void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length);
 
 // ---- Messages -----------------------------------------------------------------

@@ -10,7 +10,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
 
 #include "foundation/logger.h"
 #include "net/socket_set_record.h"
@@ -79,6 +81,32 @@ std::string ResolveHost(const char *host) {
     }
   }
   return text;
+}
+
+// Name resolution on a thread of its own: a slow resolver holds up neither the
+// connect thread's owner nor a close of the set. The connect thread waits in
+// short polls and gives up when the set closes; the lookup then ends alone.
+std::string ResolveWhileRunning(TRPSocketSet *set, const std::string &host) {
+  struct Lookup {
+    std::mutex lock;
+    std::condition_variable done;
+    bool finished = false;
+    std::string address;
+  };
+  auto lookup = std::make_shared<Lookup>();
+  std::thread([lookup, host] {
+    std::string address = ResolveHost(host.c_str());
+    std::lock_guard<std::mutex> guard(lookup->lock);
+    lookup->address = address;
+    lookup->finished = true;
+    lookup->done.notify_all();
+  }).detach();
+  std::unique_lock<std::mutex> guard(lookup->lock);
+  while (!lookup->finished) {
+    if (!set->running) return "";
+    lookup->done.wait_for(guard, std::chrono::milliseconds(kConnectPollMillis));
+  }
+  return IsDottedAddress(lookup->address.c_str()) ? lookup->address : "";
 }
 
 const char *NameOf(TRPSocketSet *set) { return set->hasName ? set->name.c_str() : ""; }
@@ -377,7 +405,19 @@ bool ConnectOne(TRPSocketSet *set, TRPSocket *slot) {
   int fd = slot->fd;
   uint32_t tag = slot->tag;
   if (fd < 0) return true;
-  int error = ConnectWhileRunning(set, fd, slot->remoteAddress);
+  sockaddr_in remote = slot->remoteAddress;
+  int error = 0;
+  if (!slot->remoteHost.empty()) {
+    std::string address = ResolveWhileRunning(set, slot->remoteHost);
+    if (!set->running) return false;
+    if (address.empty()) {
+      VL_LOG(VLLogLevelError, kTag, "Cannot resolve %s", VLLogFilterHost(slot->remoteHost.c_str()));
+      error = EHOSTUNREACH;
+    } else {
+      remote.sin_addr.s_addr = inet_addr(address.c_str());
+    }
+  }
+  if (error == 0) error = ConnectWhileRunning(set, fd, remote);
   if (!set->running) return false;
 
   if (error == 0) {
@@ -639,6 +679,17 @@ void TRPSocketSetSetCallbacks(TRPSocketSet *set, TRPSocketSetDisconnectedCallbac
 void TRPSocketSetSetTimeout(TRPSocketSet *set, uint32_t timeout) { set->timeout = timeout; }
 uint32_t TRPSocketSetGetTimeout(TRPSocketSet *set) { return set->timeout; }
 
+void TRPSocketSetSetUserTimeout(TRPSocketSet *set, uint32_t millis) {
+  std::lock_guard<std::mutex> guard(set->setLock);
+  set->userTimeoutMillis = millis;
+  int32_t highest = set->highestSlot;
+  for (int32_t i = 0; i <= highest; i++) {
+    TRPSocket *slot = &set->slots[i];
+    if (!slot->inUse.load(std::memory_order_acquire) || slot->fd < 0) continue;
+    SetOption(slot->fd, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(millis), "Failed to set TCP_USER_TIMEOUT");
+  }
+}
+
 void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uint32_t count, uint32_t interval) {
   std::lock_guard<std::mutex> guard(set->setLock);
   set->keepAliveEnabled = enable;
@@ -668,11 +719,12 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
     return false;
   }
 
-  std::string address = host ? ResolveHost(host) : std::string();
+  // A name is resolved later, on the connect thread, never on the caller's.
+  bool named = host != nullptr && !IsDottedAddress(host);
   sockaddr_in remote{};
   remote.sin_family = AF_INET;
   remote.sin_port = htons(remotePort);
-  remote.sin_addr.s_addr = host ? inet_addr(address.c_str()) : htonl(INADDR_ANY);
+  remote.sin_addr.s_addr = host && !named ? inet_addr(host) : htonl(INADDR_ANY);
 
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
@@ -701,6 +753,7 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
     slot->tag = tag;
     slot->type = type;
     slot->remoteAddress = remote;
+    slot->remoteHost = named ? host : "";
     slot->localPort = localPort;
     slot->remotePort = remotePort;
     slot->connected = 0;

@@ -2,8 +2,7 @@
 // started on first need (connect, receive, send). Callers add sockets by type
 // and a numeric tag, get callbacks on the service threads, and hand in bytes
 // that the send thread writes out later, so that no caller waits on the
-// network, apart from name resolution, which runs on the thread that adds a
-// socket.
+// network; names are resolved on a thread of their own.
 //
 // Lifetime: a set whose non-optional socket fails tears itself down on the
 // thread that met the failure and reports one disconnected callback. The record
@@ -67,7 +66,10 @@ uint32_t TRPSocketSetGetTimeout(TRPSocketSet *set);
 // Applies TCP keep-alive to every stream socket in use: probes after `idle`
 // seconds of silence, every `interval` seconds, `count` of them.
 void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uint32_t count, uint32_t interval);
-// `host` may be null (any address). Only kSocketTypeConnect is built, and
+// Unacknowledged data older than `millis` ends the connection (TCP_USER_TIMEOUT),
+// so a peer that vanished is found even while data waits to go out.
+void TRPSocketSetSetUserTimeout(TRPSocketSet *set, uint32_t millis);
+// `host` may be null (any address); a name is resolved on the connect thread. Only kSocketTypeConnect is built, and
 // message parsing isn't: asking for other types or for parsing fails the call.
 bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
                            uint32_t type, uint32_t tag, bool parseMessages, uint32_t options);

@@ -21,7 +21,9 @@ struct TRPSocket {
   Relaxed<uint32_t> tag;
   Relaxed<uint32_t> type;
   // Written before `inUse` is published, read-only while the slot is in use.
+  // A name in `remoteHost` is resolved on the connect thread into the address.
   sockaddr_in remoteAddress{};
+  std::string remoteHost;
   Relaxed<uint16_t> localPort;
   Relaxed<uint16_t> remotePort;
   Relaxed<uint8_t> connected;
@@ -70,6 +72,7 @@ struct TRPSocketSet {
   uint32_t keepAliveIdle = 0;
   uint32_t keepAliveCount = 0;
   uint32_t keepAliveInterval = 0;
+  uint32_t userTimeoutMillis = 0;
   uint32_t disconnectReason = 0;
   bool hasName = false;
   std::string name;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char *kTag = "Miner";
 constexpr const char *kClientName = "testminer";
-constexpr uint64_t kRetryPolls = 9;
+constexpr uint64_t kNonceCounterStep = 32;
 
 enum RequestId : uint32_t {
   kSubscribeId = 1,
@@ -66,6 +66,11 @@ const char *ErrorText(VLJsonRpcMessage *message) {
 // with difficulty pairs searched in the subscriptions.
 void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, const VLObject *result) {
   auto emptyJob = std::make_shared<StratumJob>();
+  // Nonce words go on from the last job's, so that a job the pool sends again
+  // after a reconnect is not searched over the same nonces twice.
+  if (std::shared_ptr<StratumJob> previous = context.CurrentJob()) {
+    emptyJob->nonceCounter = previous->nonceCounter.load() + kNonceCounterStep;
+  }
   const VLObject *subscriptions = VLArrayGet(result, 0);
   if (VLObjectType(subscriptions) == VLTypeArray) {
     for (uint32_t i = 0; i < VLArrayCount(subscriptions); i++) {
@@ -96,6 +101,10 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
 }
 
 void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
+  {
+    std::lock_guard<std::mutex> guard(context.link.pendingLock);
+    if (!context.link.pendingShares.empty()) context.link.pendingShares.pop_front();
+  }
   StratumShareCounters *counters = context.ShareCounters(context.lastSubmitWorker);
   if (VLJsonRpcMessageIsError(message)) {
     VLObject *error = VLJsonRpcMessageError(message);
@@ -116,14 +125,68 @@ void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
   if (counters) ++counters->sharesAccepted;
 }
 
+// The pool's words for an error response: a 2.0 error object, or the common
+// [code, "text", data] array, or an object of a 1.0 peer. `code` stays 0 when
+// the pool gave none.
+std::string PoolErrorText(VLJsonRpcMessage *message, long long &code) {
+  code = 0;
+  if (!VLJsonRpcMessageIsError(message)) return "no reason given";
+  if (VLJsonRpcMessageVersion(message) == VLJsonRpcVersion2) {
+    code = VLJsonRpcMessageErrorCode(message);
+    const char *text = VLStringChars(VLJsonRpcMessageErrorMessage(message));
+    return text ? text : "no reason given";
+  }
+  const VLObject *error = VLJsonRpcMessageErrorObject(message);
+  const VLObject *codeValue = nullptr;
+  const VLObject *textValue = error;
+  if (VLObjectType(error) == VLTypeArray) {
+    codeValue = VLArrayGet(error, 0);
+    textValue = VLArrayGet(error, 1);
+  } else if (VLObjectType(error) == VLTypeDictionary) {
+    codeValue = VLDictionaryGetByName(error, "code");
+    textValue = VLDictionaryGetByName(error, "message");
+  }
+  if (VLObjectType(codeValue) == VLTypeNumber) code = VLNumberGetInt64(codeValue);
+  const char *text = VLObjectType(textValue) == VLTypeString ? VLStringChars(textValue) : nullptr;
+  return text ? text : "no reason given";
+}
+
+void ReportRefusedLogin(VLJsonRpcMessage *message, StratumContext &context) {
+  long long code = 0;
+  std::string text = PoolErrorText(message, code);
+  Colour(kRed);
+  if (code != 0) {
+    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s (%lld)", context.account, text.c_str(), code);
+  } else {
+    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s", context.account, text.c_str());
+  }
+  Colour(kNormal);
+  // The console loop closes the connection and tries again later.
+  context.link.loginRefused = true;
+}
+
+void StartMining(StratumContext &context) {
+  StratumSetState(context, Authorized);
+  context.jobGeneration.fetch_add(1);
+  context.link.lastLineAt = context.link.clock();
+  StratumSetState(context, Mining);
+  uint64_t dropped = context.link.droppedSinceLoss.exchange(0);
+  if (dropped == 1) {
+    VL_LOG(VLLogLevelWarning, kTag, "1 share found while disconnected was dropped");
+  } else if (dropped > 1) {
+    VL_LOG(VLLogLevelWarning, kTag, "%llu shares found while disconnected were dropped",
+           static_cast<unsigned long long>(dropped));
+  }
+}
+
 void WhileAuthorizing(VLJsonRpcClient *, VLJsonRpcMessage *message, StratumContext &context, const VLObject *id,
                       const VLObject *result) {
   const VLObject *method = VLJsonRpcMessageMethod(message);
   uint64_t idValue = id ? VLNumberGetUInt64(id) : 0;
   if (id && idValue == kAuthorizeId && result && VLNumberGetBool(result)) {
-    StratumSetState(context, Authorized);
-    context.jobGeneration.fetch_add(1);
-    StratumSetState(context, Mining);
+    StartMining(context);
+  } else if (id && idValue == kAuthorizeId && !method) {
+    ReportRefusedLogin(message, context);
   } else if (id && idValue == kExtranonceSubscribeId) {
     // The answer to mining.extranonce.subscribe, whatever it says.
   } else if (MethodIs(method, "mining.notify")) {
@@ -174,7 +237,12 @@ const char *StratumStateName(uint32_t state) {
 void StratumSetState(StratumContext &context, uint32_t state) {
   VL_LOG(VLLogLevelInfo, kTag, "Stratum state %s -> %s", StratumStateName(context.stratumState),
          StratumStateName(state));
+  context.link.stateSince = context.link.clock();
   context.stratumState = state;
+}
+
+double StratumMonotonicSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
@@ -184,12 +252,22 @@ void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
   VLJsonRpcClientSetMessageCallback(client, OnStratumMessage);
   VLObject *host = VLStringCreate(context.poolHost ? context.poolHost : "", 0);
   StratumSetState(context, Connecting);
-  VLJsonRpcClientConnectTcp(client, host, context.poolPort);
+  bool started = VLJsonRpcClientConnectTcp(client, host, context.poolPort);
   VLObjectRelease(host);
+  if (!started) {
+    VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", context.poolHost ? context.poolHost : "",
+           static_cast<unsigned>(context.poolPort));
+    StratumSetState(context, Disconnected);
+  }
 }
 
 void OnStratumConnected(VLJsonRpcClient *client, void *userData) {
   StratumContext &context = ContextOf(userData);
+  if (context.link.connectedBefore) {
+    context.reconnects += 1;
+  } else {
+    context.link.connectedBefore = true;
+  }
   Colour(kGreen);
   VL_LOG(VLLogLevelInfo, kTag, "Stratum connected");
   Colour(kNormal);
@@ -214,6 +292,7 @@ void OnStratumDisconnected(VLJsonRpcClient *, void *userData) {
 
 void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *userData) {
   StratumContext &context = ContextOf(userData);
+  context.link.lastLineAt = context.link.clock();
   const VLObject *id = VLJsonRpcMessageId(message);
   const VLObject *fullResult = VLJsonRpcMessageResult(message);
   if (VLObjectType(id) != VLTypeNumber) id = nullptr;
@@ -243,27 +322,120 @@ void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *
   Colour(kNormal);
 }
 
-void StratumPoll(StratumContext &context, uint64_t &retryCount) {
-  uint32_t state = context.stratumState;
-  if (state == Idle) {
-    context.rpcClient = VLJsonRpcClientCreate();
-    StratumConnect(context.rpcClient, context);
-  } else if (state == Disconnected) {
-    if (retryCount <= kRetryPolls) {
-      retryCount++;
-      return;
-    }
-    // A fresh client and a fresh subscribe, about 1.1 s after the loss.
-    retryCount = 0;
-    VLJsonRpcClientDestroy(context.rpcClient);
-    context.rpcClient = VLJsonRpcClientCreate();
-    StratumSetState(context, Idle);
-    StratumConnect(context.rpcClient, context);
+namespace {
+
+std::shared_ptr<VLJsonRpcClient> NewClient() {
+  return std::shared_ptr<VLJsonRpcClient>(VLJsonRpcClientCreate(), VLJsonRpcClientDestroy);
+}
+
+// Closes the connection from the console loop. Once the close returns no
+// callback of the old client runs, so the state set here stays.
+void CloseLink(StratumContext &context) {
+  std::shared_ptr<VLJsonRpcClient> old = context.ExchangeClient(nullptr);
+  if (old) VLJsonRpcClientClose(old.get());
+  {
+    std::lock_guard<std::mutex> guard(context.link.pendingLock);
+    context.link.pendingShares.clear();
+  }
+  context.link.loginRefused = false;
+}
+
+void DropLink(StratumContext &context, const std::string &why) {
+  VL_LOG(VLLogLevelWarning, kTag, "%s; reconnecting", why.c_str());
+  CloseLink(context);
+  StratumSetState(context, Disconnected);
+}
+
+std::string Seconds(double limit) {
+  char text[32];
+  snprintf(text, sizeof text, "%.0f s", limit);
+  return text;
+}
+
+// The next retry: the delay doubles from the first to the longest, and each
+// wait is drawn between half the delay and the whole, so that rigs that lost
+// the same pool don't come back in step.
+void ScheduleRetry(StratumLink &link, double now) {
+  double delay = link.retryDelay <= 0 ? link.firstRetryDelay : link.retryDelay * 2;
+  if (delay > link.longestRetryDelay) delay = link.longestRetryDelay;
+  link.retryDelay = delay;
+  std::uniform_real_distribution<double> share(0.5, 1.0);
+  link.retryAt = now + delay * share(link.jitter);
+}
+
+double OldestPendingShare(StratumLink &link) {
+  std::lock_guard<std::mutex> guard(link.pendingLock);
+  return link.pendingShares.empty() ? -1 : link.pendingShares.front();
+}
+
+void KeepMining(StratumContext &context, double now) {
+  StratumLink &link = context.link;
+  double oldestShare = OldestPendingShare(link);
+  if (now - link.lastLineAt > link.silenceLimit) {
+    DropLink(context, "No line from the pool for " + Seconds(link.silenceLimit));
+  } else if (oldestShare >= 0 && now - oldestShare > link.shareLimit) {
+    DropLink(context, "The pool left a share unanswered for " + Seconds(link.shareLimit));
+  } else if (now - link.stateSince >= link.settledAfter) {
+    // A settled session: the next loss is retried after the first delay.
+    link.retryDelay = 0;
   }
 }
 
-void StratumShutdown(StratumContext &context) {
-  if (!context.rpcClient) return;
-  VLJsonRpcClientDestroy(context.rpcClient);
-  context.rpcClient = nullptr;
+}  // namespace
+
+void StratumPoll(StratumContext &context) {
+  StratumLink &link = context.link;
+  double now = link.clock();
+  double inState = now - link.stateSince;
+  if (link.loginRefused) {
+    CloseLink(context);
+    StratumSetState(context, Disconnected);
+    return;
+  }
+  switch (context.stratumState.load()) {
+    case Idle: {
+      std::shared_ptr<VLJsonRpcClient> client = NewClient();
+      context.ExchangeClient(client);
+      StratumConnect(client.get(), context);
+      break;
+    }
+    case Connecting:
+      if (inState > link.connectLimit) {
+        DropLink(context, std::string("Connecting to ") + (context.poolHost ? context.poolHost : "") + ":" +
+                              std::to_string(context.poolPort) + " took over " + Seconds(link.connectLimit));
+      }
+      break;
+    case Subscribing:
+      if (inState > link.answerLimit) {
+        DropLink(context, "The pool did not answer mining.subscribe within " + Seconds(link.answerLimit));
+      }
+      break;
+    case Subscribed:
+    case Authorizing:
+    case Authorized:
+      if (inState > link.answerLimit) {
+        DropLink(context, "The pool did not answer mining.authorize within " + Seconds(link.answerLimit));
+      }
+      break;
+    case Mining:
+      KeepMining(context, now);
+      break;
+    case Disconnected:
+      if (link.retryAt < 0) {
+        ScheduleRetry(link, now);
+      } else if (now >= link.retryAt) {
+        // A fresh client and a fresh subscribe.
+        link.retryAt = -1;
+        CloseLink(context);
+        std::shared_ptr<VLJsonRpcClient> client = NewClient();
+        context.ExchangeClient(client);
+        StratumSetState(context, Idle);
+        StratumConnect(client.get(), context);
+      }
+      break;
+    default:
+      break;
+  }
 }
+
+void StratumShutdown(StratumContext &context) { CloseLink(context); }

@@ -21,9 +21,11 @@ void OnStratumConnected(VLJsonRpcClient *client, void *userData);
 void OnStratumDisconnected(VLJsonRpcClient *client, void *userData);
 void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *userData);
 
-// One look at the state from the console loop: connects from Idle, and after
-// a loss builds a fresh client on the eleventh poll, counting in `retryCount`.
-void StratumPoll(StratumContext &context, uint64_t &retryCount);
+// One look at the link from the console loop: connects from Idle; closes and
+// reconnects when a connect, a handshake answer, the pool's lines or a share's
+// answer take longer than the link's limits, or the pool refused the login;
+// and after a loss retries with a growing, jittered delay (StratumLink).
+void StratumPoll(StratumContext &context);
 
 // Ends the connection at the end of the run; the pool is told nothing.
 void StratumShutdown(StratumContext &context);

@@ -79,8 +79,13 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
 
   result = JudgeHash(hash, job->target, boardTarget);
   if (result.code != CandidateShare) return;
-  // A share found while the session is down is counted by the worker but lost.
-  if (context.stratumState != Mining) return;
+  // A share found while the session is down is lost; the loss is counted and
+  // told once the session mines again.
+  if (context.stratumState != Mining) {
+    context.sharesDroppedWhileDisconnected.fetch_add(1);
+    context.link.droppedSinceLoss.fetch_add(1);
+    return;
+  }
 
   char nonceText[33];
   NonceSubmitText(words, job->extranonce.size(), nonceText);

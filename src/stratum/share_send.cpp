@@ -12,6 +12,13 @@ void SendShare(StratumContext &context, const StratumJob &job, const char *nonce
     VLJsonRpcMessageAddParam(submit, value);
     VLObjectRelease(value);
   }
-  if (context.rpcClient) VLJsonRpcClientSend(context.rpcClient, submit);
+  if (std::shared_ptr<VLJsonRpcClient> client = context.Client()) {
+    {
+      // Booked before the line leaves, so that a fast answer finds it.
+      std::lock_guard<std::mutex> guard(context.link.pendingLock);
+      context.link.pendingShares.push_back(context.link.clock());
+    }
+    VLJsonRpcClientSend(client.get(), submit);
+  }
   VLJsonRpcMessageRelease(submit);
 }

@@ -5,8 +5,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "foundation/relaxed.h"
@@ -27,6 +31,41 @@ enum StratumState : uint32_t {
   Mining = 7,
 };
 
+// Seconds on the monotonic clock.
+double StratumMonotonicSeconds();
+
+// How the link keeps itself alive: its time limits and the state its upkeep
+// carries between polls. The limits are seconds.
+struct StratumLink {
+  double connectLimit = 10;
+  double answerLimit = 10;   // each handshake answer
+  double silenceLimit = 90;  // no line from the pool while mining
+  double shareLimit = 30;    // a share left unanswered
+  double firstRetryDelay = 1;
+  double longestRetryDelay = 60;
+  double settledAfter = 60;  // mining this long resets the retry delay
+  // The clock every limit is measured on; tests replace it.
+  std::function<double()> clock = StratumMonotonicSeconds;
+
+  // When the state last changed and when the pool last sent a line.
+  Relaxed<double> stateSince;
+  Relaxed<double> lastLineAt;
+  // Shares sent and not yet answered, oldest first (send times).
+  std::mutex pendingLock;
+  std::deque<double> pendingShares;
+  // Shares found since the connection was lost, told once at reconnect.
+  std::atomic<uint64_t> droppedSinceLoss{0};
+  Relaxed<bool> connectedBefore;
+  // Set by the receive thread when the pool refused the login; the console
+  // loop then closes the connection.
+  Relaxed<bool> loginRefused;
+
+  // The console loop's own: the retry schedule.
+  double retryDelay = 0;  // the next delay; 0 before the first loss
+  double retryAt = -1;    // -1: no retry scheduled
+  std::minstd_rand jitter{std::random_device{}()};
+};
+
 // The pool's verdicts on one worker's shares.
 struct StratumShareCounters {
   Relaxed<uint64_t> sharesAccepted;
@@ -34,8 +73,6 @@ struct StratumShareCounters {
 };
 
 struct StratumContext {
-  // Replaced by the console loop after a loss; read by workers to send.
-  Relaxed<VLJsonRpcClient *> rpcClient{nullptr};
   Relaxed<uint32_t> stratumState;
   const char *poolHost = nullptr;
   uint16_t poolPort = 0;
@@ -51,7 +88,7 @@ struct StratumContext {
   // the first, shares found while no connection could take them, and when
   // the last job arrived (Unix seconds, 0 before the first).
   Relaxed<uint64_t> reconnects;
-  Relaxed<uint64_t> sharesDroppedWhileDisconnected;
+  std::atomic<uint64_t> sharesDroppedWhileDisconnected{0};
   Relaxed<int64_t> lastJobTime;
 
   // The newest job, replaced by the receive thread and copied by workers.
@@ -64,6 +101,22 @@ struct StratumContext {
     currentJob_ = std::move(job);
   }
 
+  // The connection's client: replaced by the console loop after a loss, and
+  // taken by workers to send. Whoever holds a copy keeps the client alive; a
+  // replaced client is closed first, so that no callback of it runs any more
+  // and its sends go nowhere.
+  std::shared_ptr<VLJsonRpcClient> Client() const {
+    std::lock_guard<std::mutex> guard(clientLock_);
+    return client_;
+  }
+  std::shared_ptr<VLJsonRpcClient> ExchangeClient(std::shared_ptr<VLJsonRpcClient> client) {
+    std::lock_guard<std::mutex> guard(clientLock_);
+    client_.swap(client);
+    return client;
+  }
+
+  StratumLink link;
+
   // The counters of the worker with index `worker`, or null when there is none.
   virtual StratumShareCounters *ShareCounters(uint64_t worker) = 0;
 
@@ -74,4 +127,6 @@ struct StratumContext {
  private:
   mutable std::mutex currentJobLock_;
   std::shared_ptr<StratumJob> currentJob_;
+  mutable std::mutex clientLock_;
+  std::shared_ptr<VLJsonRpcClient> client_;
 };

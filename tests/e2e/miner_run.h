@@ -29,13 +29,14 @@ class MinerRun {
   MinerRun(const std::string &boardList, std::vector<std::string> poolOptions)
       : pool_(std::move(poolOptions)), boards_(boardList) {}
 
-  // Starts the miner against the pool; true once it has said whom it mines for.
-  bool Start() {
+  // Starts the miner against the pool, with `options` after the positional
+  // words; true once it has said whom it mines for.
+  bool Start(const std::vector<std::string> &options = {}) {
     if (pool_.Port() == 0) return false;
     control_ = (boards_.WorkDir() / "control").string();
-    child_ = miner_testing::StartOnTerminal(
-        boards_, {"ckb", "127.0.0.1", std::to_string(pool_.Port()), "wallet.rig", "x"},
-        {"OMBRY_SIM_CONTROL=" + control_});
+    std::vector<std::string> args = {"ckb", "127.0.0.1", std::to_string(pool_.Port()), "wallet.rig", "x"};
+    args.insert(args.end(), options.begin(), options.end());
+    child_ = miner_testing::StartOnTerminal(boards_, args, {"OMBRY_SIM_CONTROL=" + control_});
     return child_->WaitFor("Using Account: wallet.rig");
   }
 

@@ -182,20 +182,6 @@ TEST(PoolFaults, NotificationsWithANumericIdAreDropped) {
   EXPECT_EQ(run.Count("YAY"), 0u);
 }
 
-// Each read is framed on its own, so a line split across reads never parses:
-// the subscribe answer is lost and the session stays where it was, while the
-// miner itself keeps answering its keys.
-TEST(PoolFaults, LinesSplitAcrossReadsLeaveTheSessionSubscribing) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--split-lines", "3", "--split-delay", "0.05"});
-  ASSERT_TRUE(run.Start());
-  EXPECT_TRUE(run.Until([&] { return run.Count("Failed to subscribe - invalid or failed response") >= 1; }));
-  EXPECT_TRUE(run.Until([&] { return run.Count("Worker 1: Started waiting for work") >= 1; }));
-  EXPECT_EQ(run.Count("Stratum state Subscribing -> Authorizing"), 0u);
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
-  EXPECT_EQ(run.Pool("submits"), 0u);
-}
-
 TEST(Signals, TerminationWhileMiningOrStartingStopsCleanly) {
   {
     MinerRun run(kTwoBoards, kEasyPool);

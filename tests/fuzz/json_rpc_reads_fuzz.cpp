@@ -1,9 +1,12 @@
 // A pool's byte stream through the client's receive path, cut into reads at
-// points the input chooses: every read is framed and parsed on its own, and
-// each message that comes out is written back as text and read again.
+// points the input chooses: the messages that come out are the same as from
+// the whole stream in one read, and each one written back as text reads
+// again as a message of its kind.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "foundation/object.h"
 #include "net/json_rpc.h"
@@ -15,9 +18,9 @@ void Check(bool condition) {
 }
 
 void OnMessage(VLJsonRpcClient *, VLJsonRpcMessage *message, void *userData) {
-  ++*static_cast<uint64_t *>(userData);
   Check(VLJsonRpcMessageKind(message) <= 3);
   VLObject *text = VLJsonRpcMessageSerialize(message);
+  static_cast<std::vector<std::string> *>(userData)->push_back(text ? VLStringChars(text) : "(none)");
   if (!text) return;
   // What the client writes, it reads back as a message of the same kind.
   VLObject *data = VLDataCreate(VLStringChars(text), VLStringLength(text));
@@ -32,24 +35,30 @@ void OnMessage(VLJsonRpcClient *, VLJsonRpcMessage *message, void *userData) {
 
 }  // namespace
 
-// The first byte seeds the read lengths; the rest is the stream.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
-  if (size < 1) return 0;
-  uint32_t seed = bytes[0];
-  bytes++;
-  size--;
-  uint64_t messages = 0;
+std::vector<std::string> Messages(const uint8_t *bytes, size_t size, uint32_t seed) {
+  std::vector<std::string> messages;
   VLJsonRpcClient *client = VLJsonRpcClientCreate();
   VLJsonRpcClientSetUserData(client, &messages);
   VLJsonRpcClientSetMessageCallback(client, OnMessage);
   while (size > 0) {
-    seed = seed * 1103515245u + 12345u;
-    size_t read = 1 + (seed >> 8) % 512;
-    if (read > size) read = size;
+    size_t read = size;
+    if (seed != 0) {
+      seed = seed * 1103515245u + 12345u;
+      read = 1 + (seed >> 8) % 512;
+      if (read > size) read = size;
+    }
     VLJsonRpcClientReceive(client, bytes, static_cast<uint32_t>(read));
     bytes += read;
     size -= read;
   }
   VLJsonRpcClientDestroy(client);
+  return messages;
+}
+
+// The first byte seeds the read lengths; the rest is the stream.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+  if (size < 1) return 0;
+  uint32_t seed = bytes[0] | 0x100;
+  Check(Messages(bytes + 1, size - 1, seed) == Messages(bytes + 1, size - 1, 0));
   return 0;
 }

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "foundation/object.h"
 #include "net/json_rpc.h"
@@ -12,38 +14,84 @@
 
 namespace {
 
+void Check(bool condition) {
+  if (!condition) abort();
+}
+
 struct FuzzContext final : StratumContext {
   StratumShareCounters counters[4];
   StratumShareCounters *ShareCounters(uint64_t worker) override { return worker < 4 ? &counters[worker] : nullptr; }
 };
 
-}  // namespace
+// What the session made of the lines.
+struct Verdict {
+  uint32_t state;
+  double difficulty;
+  std::vector<uint8_t> extranonce1;
+  uint64_t extranonce2Size;
+  std::string jobId;
+  uint64_t generation;
+  uint64_t accepted[4], rejected[4];
+  bool loginRefused;
+  bool operator==(const Verdict &other) const {
+    bool sameDifficulty = difficulty == other.difficulty || (difficulty != difficulty && other.difficulty != other.difficulty);
+    return state == other.state && sameDifficulty && extranonce1 == other.extranonce1 &&
+           extranonce2Size == other.extranonce2Size && jobId == other.jobId && generation == other.generation &&
+           memcmp(accepted, other.accepted, sizeof accepted) == 0 &&
+           memcmp(rejected, other.rejected, sizeof rejected) == 0 && loginRefused == other.loginRefused;
+  }
+};
 
-// Byte 0: the session state; byte 1: extranonce1 length and extranonce2 size;
-// byte 2: the worker of the last share. Then lines, split at line feeds.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
-  if (size < 3) return 0;
+// `seed` 0: one line per read, as a pool that writes whole lines is read;
+// otherwise reads cut where the seed says.
+Verdict Run(const uint8_t *settings, const uint8_t *bytes, size_t size, uint32_t seed) {
   FuzzContext context;
   context.account = "wallet.rig";
   context.password = "x";
-  context.stratumState = bytes[0] % 8;
-  context.extranonce1.assign(bytes[1] % 17, 0xa5);
-  context.extranonce2Size = bytes[1] >> 4;
-  context.lastSubmitWorker = bytes[2] % 6;
-  bytes += 3;
-  size -= 3;
+  context.stratumState = settings[0] % 8;
+  context.extranonce1.assign(settings[1] % 17, 0xa5);
+  context.extranonce2Size = settings[1] >> 4;
+  context.lastSubmitWorker = settings[2] % 6;
 
   VLJsonRpcClient *client = VLJsonRpcClientCreate();
   VLJsonRpcClientSetUserData(client, &context);
   VLJsonRpcClientSetMessageCallback(client, OnStratumMessage);
-  // One line per read, as a pool that writes whole lines would be read.
   while (size > 0) {
-    const void *end = memchr(bytes, '\n', size);
-    size_t length = end ? static_cast<const uint8_t *>(end) - bytes + 1 : size;
+    size_t length;
+    if (seed == 0) {
+      const void *end = memchr(bytes, '\n', size);
+      length = end ? static_cast<const uint8_t *>(end) - bytes + 1 : size;
+    } else {
+      seed = seed * 1103515245u + 12345u;
+      length = 1 + (seed >> 8) % 256;
+      if (length > size) length = size;
+    }
     VLJsonRpcClientReceive(client, bytes, static_cast<uint32_t>(length));
     bytes += length;
     size -= length;
   }
   VLJsonRpcClientDestroy(client);
+
+  Verdict verdict{context.stratumState, context.difficulty, context.extranonce1, context.extranonce2Size, "",
+                  context.jobGeneration.load(), {}, {}, context.link.loginRefused};
+  if (auto job = context.CurrentJob()) verdict.jobId = job->jobId;
+  for (int i = 0; i < 4; i++) {
+    verdict.accepted[i] = context.counters[i].sharesAccepted;
+    verdict.rejected[i] = context.counters[i].sharesRejected;
+  }
+  return verdict;
+}
+
+}  // namespace
+
+// Byte 0: the session state; byte 1: extranonce1 length and extranonce2 size;
+// byte 2: the worker of the last share; byte 3: where reads are cut. Then
+// lines, split at line feeds: the session comes to the same verdicts however
+// the bytes are cut into reads.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+  if (size < 4) return 0;
+  Verdict whole = Run(bytes, bytes + 4, size - 4, 0);
+  Verdict cut = Run(bytes, bytes + 4, size - 4, bytes[3] | 0x100u);
+  Check(whole == cut);
   return 0;
 }

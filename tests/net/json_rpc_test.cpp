@@ -211,18 +211,62 @@ TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
   EXPECT_TRUE(log.Contains("VLJSONRPC: Sending " + expected));
 }
 
-TEST_F(JsonRpcClientTest, EachReadIsSplitIntoLinesAndNothingCarriesOver) {
+TEST_F(JsonRpcClientTest, ReadsAreJoinedIntoWholeLines) {
   Peer peer = Connect();
-  // Two whole lines and a cut one; the cut one still gives what was complete.
+  // A line cut between two reads is delivered once its rest arrives; CRLF ends
+  // and long lines are taken.
   peer.Write(Result(1) + Result(2) + "{\"id\":3,\"result\":tr");
-  ASSERT_EQ(WaitLines(3).size(), 3u);
-  // The rest of the cut line starts inside it and gives nothing; CRLF ends
-  // and a line past 4096 bytes in the same read are handled without harm.
-  peer.Write("ue,\"error\":null}\n{\"id\":4,\"result\":\"" + std::string(5000, 'a') + "\"}\n" +
-             "{\"id\":5,\"result\":true,\"error\":null}\r\n");
-  std::vector<std::string> lines = WaitLines(4);
-  EXPECT_EQ(lines, (std::vector<std::string>{Result(1), Result(2), Result(3), Result(5)}));
+  ASSERT_EQ(WaitLines(2).size(), 2u);
+  std::string longLine = "{\"id\":4,\"result\":\"" + std::string(5000, 'a') + "\"}\n";
+  peer.Write("ue,\"error\":null}\n" + longLine + "{\"id\":5,\"result\":true,\"error\":null}\r\n");
+  std::vector<std::string> lines = WaitLines(5);
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[2], Result(3));
+  EXPECT_EQ(lines[3].size(), longLine.size() + std::string(",\"error\":null").size());
+  EXPECT_EQ(lines[4], Result(5));
   EXPECT_TRUE(log.Contains("VLJSONRPC: Received Message: {\"id\":1"));
+}
+
+// The receive path on its own: the same bytes give the same messages however
+// they are cut into reads, and a line over the limit is dropped once.
+TEST(JsonRpcFraming, TheSameMessagesWhereverTheReadsAreCut) {
+  const std::string overlong = "{\"id\":9,\"result\":\"" + std::string(kVLJsonRpcMaxLineBytes, 'b') + "\"}\n";
+  const std::string stream = Result(1) + "not json\n" + "{\"id\":2,\"result\":[1,2],\"error\":null}\r\n" +
+                             overlong + "\n" + Result(3);
+  struct Delivered {
+    std::vector<std::string> lines;
+  };
+  auto feed = [&](const std::vector<size_t> &cuts) {
+    Delivered delivered;
+    VLJsonRpcClient *client = VLJsonRpcClientCreate();
+    VLJsonRpcClientSetUserData(client, &delivered);
+    VLJsonRpcClientSetMessageCallback(client, [](VLJsonRpcClient *, VLJsonRpcMessage *message, void *user) {
+      VLRef line(VLJsonRpcMessageSerialize(message));
+      static_cast<Delivered *>(user)->lines.push_back(VLStringChars(line.get()));
+    });
+    size_t from = 0;
+    for (size_t cut : cuts) {
+      VLJsonRpcClientReceive(client, reinterpret_cast<const uint8_t *>(stream.data()) + from,
+                             static_cast<uint32_t>(cut - from));
+      from = cut;
+    }
+    VLJsonRpcClientDestroy(client);
+    return delivered.lines;
+  };
+  const std::vector<std::string> expected = {Result(1), "{\"id\":2,\"result\":[1,2],\"error\":null}\n", Result(3)};
+  net_test::LogLines log;
+  EXPECT_EQ(feed({stream.size()}), expected);
+  size_t overlongAt = stream.find(overlong);
+  for (size_t step : {size_t{1}, size_t{7}, size_t{4096}, size_t{65536}}) {
+    std::vector<size_t> cuts;
+    for (size_t at = 0; at < overlongAt; at += step) cuts.push_back(at);
+    // The overlong line in large pieces, then byte by byte again.
+    for (size_t at = overlongAt; at < overlongAt + overlong.size(); at += 65536) cuts.push_back(at);
+    for (size_t at = overlongAt + overlong.size(); at < stream.size(); at += step) cuts.push_back(at);
+    cuts.push_back(stream.size());
+    EXPECT_EQ(feed(cuts), expected) << "reads of " << step;
+  }
+  EXPECT_TRUE(log.Contains("Dropped a line of over 1048576 bytes"));
 }
 
 TEST_F(JsonRpcClientTest, LossIsReportedOnceAndDestroyAfterItIsHarmless) {

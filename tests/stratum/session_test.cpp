@@ -22,6 +22,7 @@
 #include "stratum/job_intake.h"
 #include "stratum/share.h"
 #include "stratum/targets.h"
+#include "net/loopback_peer.h"
 #include "support/test_pool.h"
 
 namespace {
@@ -69,6 +70,12 @@ class LogLines {
 
 class SessionTest : public ::testing::Test {
  protected:
+  // The link's clock runs with real time, and a test can jump it forward.
+  void SetUp() override {
+    context.link.clock = [this] { return StratumMonotonicSeconds() + skipped.load(); };
+  }
+  void Skip(double seconds) { skipped.store(skipped.load() + seconds); }
+
   void Start(std::vector<std::string> options) {
     pool = std::make_unique<TestPool>(std::move(options));
     ASSERT_NE(pool->Port(), 0);
@@ -85,7 +92,7 @@ class SessionTest : public ::testing::Test {
   template <typename Done>
   bool PollUntil(Done done, int maxPolls = 300) {
     for (int i = 0; i < maxPolls; i++) {
-      StratumPoll(context, retryCount);
+      StratumPoll(context);
       if (done()) return true;
       std::this_thread::sleep_for(100ms);
     }
@@ -95,7 +102,7 @@ class SessionTest : public ::testing::Test {
   LogLines log;
   std::unique_ptr<TestPool> pool;
   PoolContext context;
-  uint64_t retryCount = 0;
+  std::atomic<double> skipped{0};
 };
 
 TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
@@ -116,10 +123,91 @@ TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
   EXPECT_FALSE(context.extranonce1.empty());
 }
 
-TEST_F(SessionTest, RefusedAuthorizationStaysAuthorizing) {
-  Start({"--authorize", "false"});
-  ASSERT_TRUE(PollUntil([&] { return log.Has("Not authorization related message, ignoring: (null)"); }));
-  EXPECT_EQ(context.stratumState, Authorizing);
+int Count(const std::vector<std::string> &lines, const std::string &part) {
+  int count = 0;
+  for (const std::string &line : lines) count += line.find(part) != std::string::npos;
+  return count;
+}
+
+TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
+  struct Case {
+    std::vector<std::string> pool;
+    uint32_t stalledIn;
+    double skip;
+    std::string line;
+  };
+  const Case cases[] = {
+      {{"--subscribe", "silent"}, Subscribing, 10.5, "The pool did not answer mining.subscribe within 10 s; reconnecting"},
+      {{"--subscribe", "short"}, Subscribing, 10.5, "The pool did not answer mining.subscribe within 10 s; reconnecting"},
+      {{"--authorize", "silent"}, Authorizing, 10.5, "The pool did not answer mining.authorize within 10 s; reconnecting"},
+      {{"--notify-interval", "600"}, Mining, 90.5, "No line from the pool for 90 s; reconnecting"},
+      {{"--authorize", "error"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
+      {{"--authorize", "error", "--jsonrpc2"}, Authorizing, 0,
+       "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
+      {{"--authorize", "false"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: no reason given"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.line);
+    context.link.retryDelay = 0;
+    Start(c.pool);
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == c.stalledIn || log.Has(c.line); }));
+    Skip(c.skip);
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+    EXPECT_TRUE(log.Has(c.line));
+    // Tried again with a fresh client and a fresh subscribe.
+    ASSERT_TRUE(PollUntil([&] { return Count(pool->ClientLines(), "mining.subscribe") == 2; }));
+    StratumShutdown(context);
+    StratumSetState(context, Idle);
+  }
+}
+
+TEST_F(SessionTest, ASharesUnansweredAnswerAndTheOptionsLimitsEndTheConnection) {
+  Start({"--notify-interval", "600", "--silent-after", "0.2"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  std::this_thread::sleep_for(300ms);
+  SendShare(context, *context.CurrentJob(), "00");
+  Skip(15);
+  for (int i = 0; i < 3; i++) StratumPoll(context);
+  EXPECT_EQ(context.stratumState, Mining);  // within both limits
+  Skip(16);
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+  EXPECT_TRUE(log.Has("The pool left a share unanswered for 30 s; reconnecting"));
+
+  context.link.silenceLimit = 20;
+  Skip(2);
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  Skip(21);
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+  EXPECT_TRUE(log.Has("No line from the pool for 20 s; reconnecting"));
+}
+
+TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {
+  Start({"--notify-interval", "600"});
+  uint16_t port = context.poolPort;
+  context.poolPort = net_test::ClosedPort();
+  std::vector<double> delays;
+  for (int attempt = 0; attempt < 8; attempt++) {
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
+    double now = context.link.clock();
+    delays.push_back(context.link.retryAt - now);
+    Skip(context.link.retryAt - now);
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState != Disconnected; }));
+  }
+  const double longest[] = {1, 2, 4, 8, 16, 32, 60, 60};
+  for (size_t i = 0; i < delays.size(); i++) {
+    EXPECT_GE(delays[i], longest[i] / 2) << i;
+    EXPECT_LE(delays[i], longest[i]) << i;
+  }
+
+  context.poolPort = port;
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
+  Skip(context.link.retryAt - context.link.clock());
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  Skip(61);
+  StratumPoll(context);
+  pool.reset();  // the pool goes away
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
+  EXPECT_LE(context.link.retryAt - context.link.clock(), 1.0);
 }
 
 TEST_F(SessionTest, PreAuthorizationJobIsKeptForMining) {
@@ -143,6 +231,7 @@ TEST_F(SessionTest, LostConnectionReconnectsWithAFreshSubscribe) {
   int subscribes = 0;
   for (auto &line : pool->ClientLines()) subscribes += line.find("mining.subscribe") != std::string::npos;
   EXPECT_EQ(subscribes, 2);
+  EXPECT_EQ(context.reconnects, 1u);
 }
 
 // Finds a nonce whose hash the job's target takes.
@@ -183,6 +272,29 @@ TEST_F(SessionTest, ClientAndPoolAgreeOnShares) {
   SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 7, boardTarget, 0);
   ASSERT_TRUE(PollUntil([&] { return context.counters.sharesRejected == 1u; }));
   EXPECT_EQ(context.counters.sharesAccepted, 1u);
+
+  // Found while the link is down: dropped, counted, and told once mining resumes.
+  StratumShutdown(context);
+  StratumSetState(context, Disconnected);
+  for (int i = 0; i < 2; i++) {
+    SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 7, boardTarget, 0);
+  }
+  EXPECT_EQ(context.sharesDroppedWhileDisconnected.load(), 2u);
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
+  EXPECT_TRUE(log.Has("2 shares found while disconnected were dropped"));
+  EXPECT_EQ(pool->Stats().find("\"submits\":3"), std::string::npos);
+}
+
+TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
+  Start({"--close-after", "4", "--notify-interval", "600"});
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
+                                     !context.CurrentJob()->jobId.empty(); }));
+  uint64_t before = context.CurrentJob()->nonceCounter.fetch_add(5) + 5;
+  SendShare(context, *context.CurrentJob(), "00");
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
+                                     !context.CurrentJob()->jobId.empty(); }));
+  EXPECT_GT(context.CurrentJob()->nonceCounter.load(), before);
 }
 
 }  // namespace

@@ -94,6 +94,9 @@ class SessionOptions:
     notify_before_authorize: bool = False
     split_lines: int = 1               # write every line in this many pieces
     split_delay: float = 0.05
+    split_random: bool = False         # cut each line at random bytes instead of evenly
+    silent_after: float = 0.0          # this many seconds after authorizing, read and write nothing more
+    resend_job: bool = False           # a new connection first gets the pool's newest job again
     garbage_every: int = 0             # a garbage line before every n-th line
     set_extranonce: str = ""           # hex; sent after set_extranonce_after jobs
     set_extranonce_size: int = -1
@@ -238,19 +241,21 @@ class Stats:
 
 class Pool:
     def __init__(self, options=None, connection_settings=(), stats_path="", transcript_path="",
-                 seed=None, port=0, quiet=False):
+                 seed=None, port=0, quiet=False, refuse_for=0.0):
         self.options = options or SessionOptions()
         self.options.validate()
         self.connection_options = [apply_settings(self.options, s, f"connection {i + 1}")
                                    for i, s in enumerate(connection_settings)]
         self.stats = Stats(stats_path)
         self.requested_port = port
+        self.refuse_for = refuse_for
         self.quiet = quiet
         self.random = random.Random(seed)
         self.lock = threading.Lock()
         self.transcript = open(transcript_path, "w", encoding="utf-8") if transcript_path else None
         self.accepted_shares = set()
         self.job_counter = 0
+        self.newest_job = None  # (Job, notify params), for resend_job
         self.connection_counter = 0
         self.stopping = threading.Event()
         self.listener = None
@@ -275,6 +280,10 @@ class Pool:
             self.job_counter += 1
             return f"{self.job_counter:x}"
 
+    def random_sample(self, population, count):
+        with self.lock:
+            return self.random.sample(population, count)
+
     def random_bytes(self, count):
         with self.lock:
             return self.random.randbytes(count)
@@ -293,7 +302,9 @@ class Pool:
         self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.listener.bind(("127.0.0.1", self.requested_port))
-        self.listener.listen(16)
+        # A bound socket that doesn't listen yet refuses connections (reset).
+        if self.refuse_for <= 0:
+            self.listener.listen(16)
         port = self.listener.getsockname()[1]
         self.stats.update(lambda d: d.__setitem__("port", port))
         self.stats.flush(force=True)
@@ -314,6 +325,10 @@ class Pool:
             self.transcript = None
 
     def _accept_loop(self):
+        if self.refuse_for > 0:
+            self.stopping.wait(self.refuse_for)
+            self.listener.listen(16)
+            self.log(f"accepting connections after {self.refuse_for:g} s")
         while not self.stopping.is_set():
             # The short wait doubles as the ticker that writes held-back counts.
             ready, _, _ = select.select([self.listener], [], [], Stats.WRITE_SPACING)
@@ -363,6 +378,7 @@ class Session:
         self.messages_received = 0
         self.next_notify = None
         self.pending_authorize = None  # (deadline, id)
+        self.authorized_at = None
         self.extranonce_switched = False
         self.close_reason = None
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -388,11 +404,15 @@ class Session:
         if pieces <= 1:
             self._write(line)
             return
-        step = -(-len(line) // pieces)
-        for offset in range(0, len(line), step):
-            if offset:
+        if self.o.split_random:
+            cuts = sorted(self.pool.random_sample(range(1, len(line)), pieces - 1))
+        else:
+            step = -(-len(line) // pieces)
+            cuts = list(range(step, len(line), step))
+        for start, end in zip([0] + cuts, cuts + [len(line)]):
+            if start:
                 time.sleep(self.o.split_delay)
-            self._write(line[offset:offset + step])
+            self._write(line[start:end])
 
     def send(self, message: dict):
         if self.o.jsonrpc2:
@@ -436,6 +456,18 @@ class Session:
             self.notify("mining.set_target", [targets.target_hex(target)])
             self.difficulty = targets.target_to_difficulty(target)
 
+    def resend_newest_job(self):
+        """Sends the pool's newest job as it was, if it was made for this extranonce."""
+        with self.pool.lock:
+            newest = self.pool.newest_job
+        if newest is None or newest[0].extranonce1 != self.extranonce1:
+            return False
+        job, params = newest
+        self.jobs[job.job_id] = dataclasses.replace(job, stale=False)
+        self.notify("mining.notify", params)
+        self.pool.stats.count("jobs")
+        return True
+
     def send_job(self):
         self.jobs_sent += 1
         kind = self.o.bad_job if self.o.bad_job and self.jobs_sent % self.o.bad_job_every == 0 else ""
@@ -462,6 +494,8 @@ class Session:
             target = targets.difficulty_to_target(self.difficulty)
             self.jobs[job_id] = Job(job_id, header, prev_hash, height, self.extranonce1,
                                     self.difficulty, target, eaglesong.midstate(header))
+            with self.pool.lock:
+                self.pool.newest_job = (self.jobs[job_id], params)
             while len(self.jobs) > JOB_HISTORY:
                 del self.jobs[next(iter(self.jobs))]
         self.notify("mining.notify", params)
@@ -524,13 +558,15 @@ class Session:
             self.respond_error(msg_id, 24, "Unauthorized worker")
             return
         self.authorized = True
+        self.authorized_at = time.monotonic()
         self.worker = params[0] if isinstance(params, list) and params and isinstance(params[0], str) else ""
         self.pool.stats.count("authorized")
         self.respond(msg_id, True)
         if self.o.huge_line > 0:
             self.send_huge_line()
         self.announce_difficulty()
-        self.send_job()
+        if not (self.o.resend_job and self.resend_newest_job()):
+            self.send_job()
         self.next_notify = time.monotonic() + self.o.notify_interval
 
     def send_huge_line(self):
@@ -629,6 +665,8 @@ class Session:
 
     def wait_time(self):
         deadlines = [time.monotonic() + 0.1]
+        if self.o.silent_after and self.authorized_at is not None:
+            deadlines.append(self.authorized_at + self.o.silent_after)
         if self.o.close_at:
             deadlines.append(self.started + self.o.close_at)
         if self.pending_authorize:
@@ -646,6 +684,11 @@ class Session:
         try:
             self.on_connect()
             while not self.pool.stopping.is_set():
+                if (self.o.silent_after and self.authorized_at is not None
+                        and time.monotonic() - self.authorized_at >= self.o.silent_after):
+                    # Gone quiet: the connection stays open, nothing is read or written.
+                    time.sleep(0.1)
+                    continue
                 ready, _, _ = select.select([self.sock], [], [], self.wait_time())
                 if ready:
                     data = self.sock.recv(65536)
@@ -707,6 +750,10 @@ def build_parser():
         help="send the difficulty and a job between the subscribe and authorize answers")
     add("--split-lines", type=int, help="write every line in this many pieces")
     add("--split-delay", type=float, help="seconds between the pieces of a line")
+    add("--split-random", action="store_true", help="cut lines at random bytes instead of evenly")
+    add("--silent-after", type=float, help="seconds after authorizing from which nothing is read or written")
+    add("--resend-job", action="store_true", help="a new connection first gets the pool's newest job again")
+    add("--refuse-for", type=float, default=0.0, help="refuse connections for this many seconds after start")
     add("--garbage-every", type=int, help="write a garbage line before every n-th line")
     add("--set-extranonce", help="hex extranonce1 sent by mining.set_extranonce")
     add("--set-extranonce-size", type=int, help="extranonce2 size sent with it")
@@ -725,7 +772,7 @@ def _notify_id(text):
     return int(text)
 
 
-GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet")
+GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet", "refuse_for")
 
 
 def options_from_arguments(argv):
@@ -751,7 +798,8 @@ def main(argv=None):
     try:
         options, connections, settings = options_from_arguments(argv)
         pool = Pool(options, connections, stats_path=settings["stats"], transcript_path=settings["transcript"],
-                    seed=settings["seed"], port=settings["port"], quiet=settings["quiet"])
+                    seed=settings["seed"], port=settings["port"], quiet=settings["quiet"],
+                    refuse_for=settings["refuse_for"])
     except (ValueError, OSError) as error:
         print(f"pool: {error}", file=sys.stderr)
         return 2

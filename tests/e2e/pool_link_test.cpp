@@ -1,0 +1,106 @@
+// The miner against pools that misbehave the way real pools and networks do:
+// what the pool received, and what the operator was told.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "e2e/miner_run.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
+
+// Settings for the pool's first connection alone; later ones behave.
+std::vector<std::string> FirstConnection(const std::string &settings, std::vector<std::string> options) {
+  static int count = 0;
+  std::string path = testing::TempDir() + "ombry-pool-script-" + std::to_string(getpid()) + "-" +
+                     std::to_string(count++) + ".json";
+  std::ofstream(path) << "{\"connections\":[" << settings << "]}";
+  options.insert(options.end(), {"--script", path});
+  return options;
+}
+
+uint64_t AcceptedWithin(MinerRun &run, std::chrono::seconds time) {
+  run.Pump(std::chrono::duration_cast<std::chrono::milliseconds>(time));
+  return run.Pool("accepted");
+}
+
+TEST(PoolLink, LinesCutAtRandomBytesMineLikeWholeOnes) {
+  const std::vector<std::string> pool = {"--difficulty", "0.002", "--notify-interval", "3", "--seed", "5"};
+  uint64_t clean = 0;
+  {
+    MinerRun run(kTwoBoards, pool);
+    ASSERT_TRUE(run.Start());
+    ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+    clean = AcceptedWithin(run, 15s);
+  }
+  std::vector<std::string> split = pool;
+  split.insert(split.end(), {"--split-lines", "2", "--split-random", "--split-delay", "0.03"});
+  MinerRun run(kTwoBoards, split);
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; })) << run.Output();
+  uint64_t cut = AcceptedWithin(run, 15s);
+  EXPECT_GE(cut * 10, clean * 6) << "clean " << clean << ", split " << cut;
+  EXPECT_EQ(run.Pool("rejected"), 0u);
+}
+
+TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
+  struct Case {
+    const char *firstConnection;
+    std::vector<std::string> minerOptions;
+    const char *line;
+  };
+  const Case cases[] = {
+      {R"({"silent_after":1})", {"--pool-silence", "4"}, "No line from the pool for 4 s; reconnecting"},
+      {R"({"subscribe":"silent"})", {}, "The pool did not answer mining.subscribe within 10 s; reconnecting"},
+      {R"({"authorize":"error"})", {}, "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.line);
+    MinerRun run(kTwoBoards, FirstConnection(c.firstConnection, {"--difficulty", "0.002", "--notify-interval", "2"}));
+    ASSERT_TRUE(run.Start(c.minerOptions));
+    ASSERT_TRUE(run.Until([&] { return run.Pool("connections") >= 2 && run.Pool("accepted") >= 2; })) << run.Output();
+    EXPECT_EQ(run.Count(c.line), 1u);
+    run.Child().Type("q");
+    EXPECT_EQ(run.Child().Wait(), 0);
+  }
+}
+
+TEST(PoolLink, AShareLeftUnansweredEndsTheConnection) {
+  MinerRun run(kTwoBoards, FirstConnection(R"({"silent_after":3})", {"--difficulty", "0.0005", "--notify-interval", "2"}));
+  ASSERT_TRUE(run.Start({"--share-timeout", "2", "--pool-silence", "60"}));
+  ASSERT_TRUE(run.Until([&] { return run.Pool("connections") >= 2 && run.Pool("accepted") >= 2; })) << run.Output();
+  EXPECT_EQ(run.Count("The pool left a share unanswered for 2 s; reconnecting"), 1u);
+}
+
+// A pool that drops the connection every few lines sends the same job again
+// each time: the search goes on in fresh nonces, so shares are not repeated.
+TEST(PoolLink, DropsEveryFewLinesCostNoDuplicates) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.0005", "--notify-interval", "600", "--close-after", "12",
+                            "--extranonce1", "a1a2a3a4", "--resend-job", "--seed", "3"});
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("submits") >= 60 && run.Pool("connections") >= 5; })) << run.Output();
+  std::string stats = run.PoolProcess().Stats();
+  size_t at = stats.find("\"duplicate\":");
+  ASSERT_NE(at, std::string::npos);
+  uint64_t duplicates = std::strtoull(stats.c_str() + at + 12, nullptr, 10);
+  EXPECT_LE(duplicates * 50, run.Pool("submits")) << stats;
+}
+
+TEST(PoolLink, RefusedConnectionsAreRetriedWithGrowingPauses) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "2", "--refuse-for", "6"});
+  ASSERT_TRUE(run.Start());
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; })) << run.Output();
+  // Pauses of at most 1, 2 and 4 s fill the first 6 s with few attempts, not
+  // one a second.
+  size_t attempts = run.Count("Stratum state Idle -> Connecting");
+  EXPECT_GE(attempts, 3u);
+  EXPECT_LE(attempts, 6u);
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+}
+
+}  // namespace
+}  // namespace e2e
