@@ -8,9 +8,44 @@
 
 #include "foundation/build_info.h"
 #include "miner/config_file.h"
+#include "net/tls_link.h"
+#include "stratum/pool_endpoint.h"
 #include "hash/eaglesong_lanes.h"
 
 namespace {
+
+bool SetSecondsOrZero(double &field, const std::string &value, std::string &error) {
+  double seconds = 0;
+  if (!ParseSeconds(value, seconds)) {
+    error = "needs a number of seconds, 0 or more";
+    return false;
+  }
+  field = seconds;
+  return true;
+}
+
+bool AddPool(CommandLine &line, const std::string &value, std::string &error) {
+  PoolEndpoint scratch;
+  if (!LooksLikePoolUrl(value)) {
+    error = "needs a URL such as stratum+tcp://host:port";
+    return false;
+  }
+  if (!ParsePoolUrl(value, scratch, error)) return false;
+  line.options.backupPools.push_back(value);
+  return true;
+}
+
+bool AddFingerprint(CommandLine &line, const std::string &value, std::string &error) {
+  size_t equals = value.find('=');
+  std::string pin;
+  if (!TlsLink::NormalisePin(equals == std::string::npos ? value : value.substr(equals + 1), pin) ||
+      equals == 0) {
+    error = "needs [HOST=] and 64 hex digits (a SHA-256 fingerprint)";
+    return false;
+  }
+  line.options.tlsFingerprints.push_back(value);
+  return true;
+}
 
 bool SetSeconds(double &field, const std::string &value, std::string &error) {
   double seconds = 0;
@@ -40,6 +75,23 @@ const std::vector<OptionSpec> kOptions = {
      [](CommandLine &line, const std::string &value, std::string &error) {
        return SetSeconds(line.options.shareTimeoutSeconds, value, error);
      }},
+    {"pool", "URL", "a backup pool, stratum+tcp:// or stratum+ssl://[user[:password]@]host:port (repeatable)",
+     AddPool, true},
+    {"failback-delay", "SECONDS", "return to the primary pool once it has been up this long (120; 0: never)",
+     [](CommandLine &line, const std::string &value, std::string &error) {
+       return SetSecondsOrZero(line.options.failbackDelaySeconds, value, error);
+     }},
+    {"primary-retry", "SECONDS", "while a backup mines, try the primary pool this often (60)",
+     [](CommandLine &line, const std::string &value, std::string &error) {
+       return SetSeconds(line.options.primaryRetrySeconds, value, error);
+     }},
+    {"tls-fingerprint", "[HOST=]SHA256", "accept exactly this certificate from TLS pools (of HOST) (repeatable)",
+     AddFingerprint, true},
+    {"tls-ca", "FILE", "trust the roots in this PEM file for TLS pools instead of the system's",
+     [](CommandLine &line, const std::string &value, std::string &) {
+       line.options.tlsCaFile = value;
+       return true;
+     }},
 };
 
 const OptionSpec *FindOption(const std::string &name) {
@@ -64,6 +116,21 @@ bool ParseSeconds(const std::string &text, double &seconds) {
   seconds = value;
   return true;
 }
+
+namespace {
+
+// The pool host of a mining run may be a URL; a bad one ends the run before
+// anything starts.
+bool CheckPoolWord(const CommandLine &line, std::string &error) {
+  if (line.positional.size() < 6 || !LooksLikePoolUrl(line.positional[2])) return true;
+  PoolEndpoint scratch;
+  scratch.port = 1;
+  if (ParsePoolUrl(line.positional[2], scratch, error)) return true;
+  error = "pool host: " + error;
+  return false;
+}
+
+}  // namespace
 
 bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &error) {
   line.positional.assign(argv, argv + (argc > 0 ? 1 : 0));
@@ -105,7 +172,7 @@ bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &err
     }
     given.insert(name);
   }
-  if (line.configFile.empty()) return true;
+  if (line.configFile.empty()) return CheckPoolWord(line, error);
 
   // The settings file fills in what the command line leaves out.
   ConfigFileSettings settings;
@@ -129,7 +196,7 @@ bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &err
       line.positional.push_back(entry != settings.positional.end() ? entry->second : "0");
     }
   }
-  return true;
+  return CheckPoolWord(line, error);
 }
 
 void PrintUsage(FILE *out) {

@@ -14,6 +14,16 @@ struct RunOptions {
   // to a share for this long, closes the connection and reconnects.
   double poolSilenceSeconds = 90;
   double shareTimeoutSeconds = 30;
+  // Backup pools (URLs), in order after the primary of the positional words.
+  std::vector<std::string> backupPools;
+  // Failback: how long the primary must stay up before the miner returns to
+  // it (0: never), and how often it is tried while a backup mines.
+  double failbackDelaySeconds = 120;
+  double primaryRetrySeconds = 60;
+  // TLS: pinned certificate fingerprints ("HEX" for every TLS pool, or
+  // "HOST=HEX" for one host) and a file of trusted roots.
+  std::vector<std::string> tlsFingerprints;
+  std::string tlsCaFile;
 };
 
 struct CommandLine {

@@ -11,6 +11,8 @@
 #include "board/registers.h"
 #include "miner/console_io.h"
 #include "miner/worker.h"
+#include "stratum/failover.h"
+#include "stratum/pool_endpoint.h"
 
 namespace {
 
@@ -79,6 +81,57 @@ VLRef BuildConfigurationDocument(const MiningContext &context) {
   VLRef document(VLDictionaryCreate(1));
   SetEntry(document.get(), "devices", devices.Take());
   return document;
+}
+
+// The pin for `pool` among "HEX" and "HOST=HEX" entries: its host's own, else
+// one for every host.
+std::string PinFor(const PoolEndpoint &pool, const std::vector<std::string> &fingerprints) {
+  std::string general;
+  for (const std::string &entry : fingerprints) {
+    size_t equals = entry.find('=');
+    if (equals == std::string::npos) {
+      general = entry;
+    } else if (entry.compare(0, equals, pool.host) == 0 && equals == pool.host.size()) {
+      return entry.substr(equals + 1);
+    }
+  }
+  return general;
+}
+
+// The run's pools: the primary of the positional words, then the backups of
+// --pool, whose login defaults to the primary's. The command line was checked
+// before the run started, so the URLs read.
+void SetupPools(MiningContext &context) {
+  const RunOptions &options = context.options;
+  std::string error;
+  PoolEndpoint primary;
+  primary.port = context.poolPort;
+  primary.user = context.account;
+  primary.password = context.password;
+  if (LooksLikePoolUrl(context.poolHost)) {
+    ParsePoolUrl(context.poolHost, primary, error);
+  } else {
+    primary.host = context.poolHost;
+  }
+  context.pools.push_back(primary);
+  for (const std::string &url : options.backupPools) {
+    PoolEndpoint backup;
+    backup.user = primary.user;
+    backup.password = primary.password;
+    if (ParsePoolUrl(url, backup, error)) context.pools.push_back(backup);
+  }
+  for (PoolEndpoint &pool : context.pools) {
+    if (!pool.tls) continue;
+    pool.caFile = options.tlsCaFile;
+    pool.pinnedSha256 = PinFor(pool, options.tlsFingerprints);
+  }
+  for (size_t i = 1; i < context.pools.size(); i++) {
+    VL_LOG(VLLogLevelInfo, kTag, "Backup pool %zu: %s %s", i, context.pools[i].Name().c_str(),
+           context.pools[i].user.c_str());
+  }
+  context.failbackDelay = options.failbackDelaySeconds;
+  context.primaryRetryInterval = options.primaryRetrySeconds;
+  StratumUsePool(context, 0);
 }
 
 bool WriteWholeFile(const char *path, const char *text, size_t length) {
@@ -150,8 +203,9 @@ void SetupRun(MiningContext &context, int argc, char **argv) {
     context.poolPort = static_cast<uint16_t>(atoi(argv[3]));
     context.account = argv[4];
     context.password = argv[5];
-    VL_LOG(VLLogLevelInfo, kTag, "Stratum Config: stratum-tcp://%s:%i %s", context.poolHost,
-           static_cast<int>(context.poolPort), context.account);
+    SetupPools(context);
+    VL_LOG(VLLogLevelInfo, kTag, "Stratum Config: %s://%s:%i %s", context.pools[0].tls ? "stratum-ssl" : "stratum-tcp",
+           context.poolHost, static_cast<int>(context.poolPort), context.account);
   }
 }
 

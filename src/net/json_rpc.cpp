@@ -5,6 +5,7 @@
 
 #include "foundation/json.h"
 #include "foundation/logger.h"
+#include "net/tls_link.h"
 
 namespace {
 
@@ -42,14 +43,26 @@ VLObject *VersionTwoError(const VLJsonRpcMessage *message) {
 
 void FreeClient(VLJsonRpcClient *client) {
   VLObjectRelease(client->path);
+  delete client->tls;
   delete client;
 }
+
+bool CloseConnection(VLJsonRpcClient *client);
 
 // Values from inside a peer's error member, used only when of the expected type.
 VLObject *MemberOfType(VLObject *dictionary, const char *name, uint32_t type) {
   if (!IsType(dictionary, VLTypeDictionary)) return nullptr;
   VLObject *value = VLDictionaryGetByName(dictionary, name);
   return IsType(value, type) ? value : nullptr;
+}
+
+// A TLS handshake or record that failed: said once, with the peer and the
+// reason, and reported as the connection's loss.
+void FailTls(VLJsonRpcClient *client) {
+  VL_LOG(VLLogLevelError, kTag, "TLS with %s failed: %s", client->peerName.c_str(), client->tls->Error().c_str());
+  VLJsonRpcDisconnectedCallback disconnected = client->disconnected;
+  CloseConnection(client);
+  if (disconnected) disconnected(client, client->userData);
 }
 
 void OnSetConnected(TRPSocketSet *set, uint32_t, void *user) {
@@ -59,7 +72,12 @@ void OnSetConnected(TRPSocketSet *set, uint32_t, void *user) {
   TRPSocketSetSetKeepAlive(set, true, 5, 10, 1);
   // Data the peer never acknowledges ends the connection within a minute.
   TRPSocketSetSetUserTimeout(set, kUnacknowledgedLimitMillis);
-  if (client->connected) client->connected(client, client->userData);
+  if (client->tls) {
+    // The connection counts once the handshake is through.
+    if (!client->tls->Start()) FailTls(client);
+  } else if (client->connected) {
+    client->connected(client, client->userData);
+  }
   if (client->destroyPending) FreeClient(client);
 }
 
@@ -69,9 +87,32 @@ void OnSetDisconnected(TRPSocketSet *, uint32_t, void *user) {
   if (client->destroyPending) FreeClient(client);
 }
 
+// Opens what arrived; true when the client may go on reading.
+bool ReceiveTls(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length) {
+  std::string plaintext;
+  if (!client->tls->Receive(bytes, length, plaintext)) {
+    FailTls(client);
+    return false;
+  }
+  if (!client->tlsReported && client->tls->Established()) {
+    client->tlsReported = true;
+    if (client->connected) client->connected(client, client->userData);
+    if (client->destroyPending) return false;
+  }
+  if (!plaintext.empty()) {
+    VLJsonRpcClientReceive(client, reinterpret_cast<const uint8_t *>(plaintext.data()),
+                           static_cast<uint32_t>(plaintext.size()));
+  }
+  return true;
+}
+
 void OnSetRawData(TRPSocketSet *, uint32_t, const uint8_t *bytes, uint32_t length, void *user) {
   auto *client = static_cast<VLJsonRpcClient *>(user);
-  VLJsonRpcClientReceive(client, bytes, length);
+  if (client->tls) {
+    ReceiveTls(client, bytes, length);
+  } else {
+    VLJsonRpcClientReceive(client, bytes, length);
+  }
   if (client->destroyPending) FreeClient(client);
 }
 
@@ -94,6 +135,7 @@ void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessage
 
 bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port) {
   if (!client || client->socketSet || !IsType(host, VLTypeString)) return false;
+  if (client->peerName.empty()) client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
   TRPSocketSet *set = nullptr;
   if (!TRPSocketSetCreate(&set)) return false;
   TRPSocketSetSetName(set, "JSON-RPC Client");
@@ -104,15 +146,40 @@ bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t
   return TRPSocketSetAddSocket(set, VLStringChars(host), 0, port, kSocketTypeConnect, kVLJsonRpcSocketTag, false, 0);
 }
 
+bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t port, const TlsSettings &settings) {
+  if (!client || client->socketSet || client->tls || !IsType(host, VLTypeString)) return false;
+  client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
+  std::string error;
+  std::unique_ptr<TlsLink> link = TlsLink::Create(
+      settings,
+      [client](const uint8_t *bytes, size_t length) {
+        TRPSocketSet *set = client->socketSet;
+        return set != nullptr && TRPSocketSetSend(set, bytes, length, kVLJsonRpcSocketTag);
+      },
+      error);
+  if (!link) {
+    VL_LOG(VLLogLevelError, kTag, "TLS with %s cannot start: %s", client->peerName.c_str(), error.c_str());
+    return false;
+  }
+  client->tls = link.release();
+  return VLJsonRpcClientConnectTcp(client, host, port);
+}
+
 void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
   TRPSocketSet *set = client ? client->socketSet.load() : nullptr;
   if (!set || client->transport != VLJsonRpcTransportLine) return;
   VLObject *text = VLJsonRpcMessageSerialize(message);
   if (!text) return;
   VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
-  TRPSocketSetSend(set, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+  if (client->tls) {
+    client->tls->Send(reinterpret_cast<const uint8_t *>(VLStringChars(text)), VLStringLength(text));
+  } else {
+    TRPSocketSetSend(set, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+  }
   VLObjectRelease(text);
 }
+
+namespace {
 
 // Ends the connection without callbacks. False when called from inside one of
 // the client's own callbacks: the set then closes after that callback.
@@ -125,6 +192,8 @@ bool CloseConnection(VLJsonRpcClient *client) {
   client->socketSet = nullptr;
   return TRPSocketSetClose(set);
 }
+
+}  // namespace
 
 void VLJsonRpcClientClose(VLJsonRpcClient *client) {
   if (client) CloseConnection(client);

@@ -49,6 +49,8 @@ struct VLJsonRpcMessage {
 };
 
 struct VLJsonRpcClient;
+class TlsLink;
+struct TlsSettings;
 using VLJsonRpcConnectedCallback = void (*)(VLJsonRpcClient *client, void *userData);
 using VLJsonRpcDisconnectedCallback = void (*)(VLJsonRpcClient *client, void *userData);
 // `message` is borrowed: retain it to keep it past the call.
@@ -69,6 +71,11 @@ struct VLJsonRpcClient {
   // from one read to the next, and whether an overlong line is being skipped.
   std::string partialLine;
   bool skippingLongLine = false;
+  // The TLS transport: the link, whether its handshake has been reported as
+  // the connection, and the peer's name for messages.
+  TlsLink *tls = nullptr;
+  bool tlsReported = false;
+  std::string peerName;
 };
 
 // The longest line taken from a peer; a longer one is dropped with a warning.
@@ -89,6 +96,10 @@ void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessage
 // set's connect thread. False when the socket can't be set up (or a connection
 // was made already).
 bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port);
+// The same over TLS: `connected` runs once the handshake is done and the
+// certificate checked, on the receive thread. A failed handshake or check is
+// logged with the peer and the reason and reported as a disconnect.
+bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t port, const TlsSettings &settings);
 // Serialises and queues the message; never waits on the network. From any thread.
 void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
 // Ends the connection, without callbacks, and frees the client. Safe after the

@@ -17,6 +17,9 @@ struct StratumJob {
   std::array<uint8_t, 32> prevHash{};
   std::array<uint8_t, 32> headerHash{};
   bool clean = false;
+  // The pool (its index in the run's list) that sent the job: its shares go
+  // to that pool or nowhere.
+  uint32_t pool = 0;
   // Source of every job load's nonce word, so that no two loads share a
   // nonce space.
   std::atomic<uint64_t> nonceCounter{0};

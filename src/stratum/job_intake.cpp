@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include "foundation/logger.h"
@@ -78,6 +79,7 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
   job->difficulty = context.difficulty;
   DifficultyToTarget(job->difficulty, job->target);
   job->extranonce = context.extranonce1;
+  job->pool = context.activePool;
   // A job id that isn't a string is taken as empty.
   const char *jobIdText = VLObjectType(jobId) == VLTypeString ? VLStringChars(jobId) : "";
   job->jobId = jobIdText ? jobIdText : "";
@@ -98,6 +100,7 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
   // generation finds the new job.
   context.SetCurrentJob(std::move(job));
   if (!preAuthorization) context.jobGeneration.fetch_add(1);
+  context.lastJobTime = static_cast<int64_t>(time(nullptr));
 }
 
 void StratumSetDifficulty(VLJsonRpcMessage *message, StratumContext &context) {

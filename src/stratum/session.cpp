@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "foundation/logger.h"
+#include "stratum/failover.h"
 #include "stratum/job_intake.h"
 
 namespace {
@@ -66,6 +67,7 @@ const char *ErrorText(VLJsonRpcMessage *message) {
 // with difficulty pairs searched in the subscriptions.
 void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, const VLObject *result) {
   auto emptyJob = std::make_shared<StratumJob>();
+  emptyJob->pool = context.activePool;
   // Nonce words go on from the last job's, so that a job the pool sends again
   // after a reconnect is not searched over the same nonces twice.
   if (std::shared_ptr<StratumJob> previous = context.CurrentJob()) {
@@ -169,6 +171,7 @@ void StartMining(StratumContext &context) {
   StratumSetState(context, Authorized);
   context.jobGeneration.fetch_add(1);
   context.link.lastLineAt = context.link.clock();
+  context.link.mined = true;
   StratumSetState(context, Mining);
   uint64_t dropped = context.link.droppedSinceLoss.exchange(0);
   if (dropped == 1) {
@@ -250,10 +253,15 @@ void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
   VLJsonRpcClientSetConnectedCallback(client, OnStratumConnected);
   VLJsonRpcClientSetDisconnectedCallback(client, OnStratumDisconnected);
   VLJsonRpcClientSetMessageCallback(client, OnStratumMessage);
-  VLObject *host = VLStringCreate(context.poolHost ? context.poolHost : "", 0);
   StratumSetState(context, Connecting);
-  bool started = VLJsonRpcClientConnectTcp(client, host, context.poolPort);
-  VLObjectRelease(host);
+  bool started;
+  if (context.activePool < context.pools.size()) {
+    started = StratumOpen(client, context.pools[context.activePool]);
+  } else {
+    VLObject *host = VLStringCreate(context.poolHost ? context.poolHost : "", 0);
+    started = VLJsonRpcClientConnectTcp(client, host, context.poolPort);
+    VLObjectRelease(host);
+  }
   if (!started) {
     VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", context.poolHost ? context.poolHost : "",
            static_cast<unsigned>(context.poolPort));
@@ -372,8 +380,10 @@ void KeepMining(StratumContext &context, double now) {
   StratumLink &link = context.link;
   double oldestShare = OldestPendingShare(link);
   if (now - link.lastLineAt > link.silenceLimit) {
+    link.giveUpReason = "it went silent";
     DropLink(context, "No line from the pool for " + Seconds(link.silenceLimit));
   } else if (oldestShare >= 0 && now - oldestShare > link.shareLimit) {
+    link.giveUpReason = "it went silent";
     DropLink(context, "The pool left a share unanswered for " + Seconds(link.shareLimit));
   } else if (now - link.stateSince >= link.settledAfter) {
     // A settled session: the next loss is retried after the first delay.
@@ -389,8 +399,19 @@ void StratumPoll(StratumContext &context) {
   double inState = now - link.stateSince;
   if (link.loginRefused) {
     CloseLink(context);
+    link.giveUpReason = "it refused the login";
     StratumSetState(context, Disconnected);
     return;
+  }
+  if (StratumWatchPrimary(context, now)) {
+    // Back to the primary: the backup's connection ends and the primary's
+    // starts at once.
+    CloseLink(context);
+    StratumSetState(context, Disconnected);
+    link.mined = false;
+    link.failuresInARow = 0;
+    link.retryDelay = 0;
+    link.retryAt = now;
   }
   switch (context.stratumState.load()) {
     case Idle: {
@@ -422,7 +443,12 @@ void StratumPoll(StratumContext &context) {
       break;
     case Disconnected:
       if (link.retryAt < 0) {
-        ScheduleRetry(link, now);
+        if (StratumFailOver(context)) {
+          link.retryDelay = 0;
+          link.retryAt = now;
+        } else {
+          ScheduleRetry(link, now);
+        }
       } else if (now >= link.retryAt) {
         // A fresh client and a fresh subscribe.
         link.retryAt = -1;
@@ -438,4 +464,7 @@ void StratumPoll(StratumContext &context) {
   }
 }
 
-void StratumShutdown(StratumContext &context) { CloseLink(context); }
+void StratumShutdown(StratumContext &context) {
+  StratumStopProbe(context);
+  CloseLink(context);
+}

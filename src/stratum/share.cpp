@@ -79,9 +79,10 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
 
   result = JudgeHash(hash, job->target, boardTarget);
   if (result.code != CandidateShare) return;
-  // A share found while the session is down is lost; the loss is counted and
-  // told once the session mines again.
-  if (context.stratumState != Mining) {
+  // A share found while the session is down, or for a job of a pool the
+  // miner has left, is lost; the loss is counted and told once the session
+  // mines again.
+  if (context.stratumState != Mining || job->pool != context.activePool) {
     context.sharesDroppedWhileDisconnected.fetch_add(1);
     context.link.droppedSinceLoss.fetch_add(1);
     return;

@@ -15,6 +15,7 @@
 
 #include "foundation/relaxed.h"
 #include "stratum/job.h"
+#include "stratum/pool_endpoint.h"
 
 struct VLJsonRpcClient;
 
@@ -59,6 +60,12 @@ struct StratumLink {
   // Set by the receive thread when the pool refused the login; the console
   // loop then closes the connection.
   Relaxed<bool> loginRefused;
+  // Set by the receive thread when this connection reached Mining.
+  Relaxed<bool> mined;
+  // Why the console loop dropped the connection, when that should make the
+  // miner move to the next pool at once (a silent pool, a refused login).
+  std::string giveUpReason;
+  uint32_t failuresInARow = 0;  // connections that never reached Mining
 
   // The console loop's own: the retry schedule.
   double retryDelay = 0;  // the next delay; 0 before the first loss
@@ -72,8 +79,24 @@ struct StratumShareCounters {
   Relaxed<uint64_t> sharesRejected;
 };
 
+// Trying the primary pool in the background while a backup mines.
+struct PrimaryProbe {
+  std::shared_ptr<VLJsonRpcClient> client;
+  double nextAttempt = -1;  // -1: due at once
+  double startedAt = 0;
+  Relaxed<double> upSince{-1};  // when the primary answered the whole handshake
+  Relaxed<bool> lost;
+};
+
 struct StratumContext {
   Relaxed<uint32_t> stratumState;
+  // The pools in order of preference: the primary first, then the backups.
+  // Fixed once the run has started; the fields below describe the active one.
+  std::vector<PoolEndpoint> pools;
+  Relaxed<uint32_t> activePool;
+  double failbackDelay = 120;       // seconds the primary must stay up; 0: no failback
+  double primaryRetryInterval = 60; // seconds between tries of the primary
+  PrimaryProbe probe;
   const char *poolHost = nullptr;
   uint16_t poolPort = 0;
   const char *account = nullptr;

@@ -30,11 +30,14 @@ class MinerRun {
       : pool_(std::move(poolOptions)), boards_(boardList) {}
 
   // Starts the miner against the pool, with `options` after the positional
-  // words; true once it has said whom it mines for.
-  bool Start(const std::vector<std::string> &options = {}) {
+  // words; true once it has said whom it mines for. `scheme` makes the pool
+  // word a URL, e.g. "stratum+ssl".
+  bool Start(const std::vector<std::string> &options = {}, const std::string &scheme = "") {
     if (pool_.Port() == 0) return false;
     control_ = (boards_.WorkDir() / "control").string();
-    std::vector<std::string> args = {"ckb", "127.0.0.1", std::to_string(pool_.Port()), "wallet.rig", "x"};
+    std::string port = std::to_string(pool_.Port());
+    std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://127.0.0.1:" + port;
+    std::vector<std::string> args = {"ckb", host, port, "wallet.rig", "x"};
     args.insert(args.end(), options.begin(), options.end());
     child_ = miner_testing::StartOnTerminal(boards_, args, {"OMBRY_SIM_CONTROL=" + control_});
     return child_->WaitFor("Using Account: wallet.rig");

@@ -30,6 +30,7 @@ import re
 import select
 import signal
 import socket
+import ssl
 import struct
 import sys
 import threading
@@ -241,7 +242,7 @@ class Stats:
 
 class Pool:
     def __init__(self, options=None, connection_settings=(), stats_path="", transcript_path="",
-                 seed=None, port=0, quiet=False, refuse_for=0.0):
+                 seed=None, port=0, quiet=False, refuse_for=0.0, tls_cert="", tls_key=""):
         self.options = options or SessionOptions()
         self.options.validate()
         self.connection_options = [apply_settings(self.options, s, f"connection {i + 1}")
@@ -249,6 +250,10 @@ class Pool:
         self.stats = Stats(stats_path)
         self.requested_port = port
         self.refuse_for = refuse_for
+        self.tls = None
+        if tls_cert:
+            self.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            self.tls.load_cert_chain(tls_cert, tls_key or None)
         self.quiet = quiet
         self.random = random.Random(seed)
         self.lock = threading.Lock()
@@ -682,6 +687,8 @@ class Session:
         reason = "by the client"
         buffer = b""
         try:
+            if self.pool.tls:
+                self.sock = self.pool.tls.wrap_socket(self.sock, server_side=True)
             self.on_connect()
             while not self.pool.stopping.is_set():
                 if (self.o.silent_after and self.authorized_at is not None
@@ -694,6 +701,9 @@ class Session:
                     data = self.sock.recv(65536)
                     if not data:
                         break
+                    # TLS may hold decrypted bytes that select() can't see.
+                    while isinstance(self.sock, ssl.SSLSocket) and self.sock.pending():
+                        data += self.sock.recv(65536)
                     buffer += data
                     while b"\n" in buffer:
                         line, buffer = buffer.split(b"\n", 1)
@@ -753,6 +763,8 @@ def build_parser():
     add("--split-random", action="store_true", help="cut lines at random bytes instead of evenly")
     add("--silent-after", type=float, help="seconds after authorizing from which nothing is read or written")
     add("--resend-job", action="store_true", help="a new connection first gets the pool's newest job again")
+    add("--tls-cert", default="", help="serve TLS with this PEM certificate (chain)")
+    add("--tls-key", default="", help="the certificate's PEM key")
     add("--refuse-for", type=float, default=0.0, help="refuse connections for this many seconds after start")
     add("--garbage-every", type=int, help="write a garbage line before every n-th line")
     add("--set-extranonce", help="hex extranonce1 sent by mining.set_extranonce")
@@ -772,7 +784,8 @@ def _notify_id(text):
     return int(text)
 
 
-GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet", "refuse_for")
+GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet", "refuse_for", "tls_cert",
+               "tls_key")
 
 
 def options_from_arguments(argv):
@@ -799,7 +812,8 @@ def main(argv=None):
         options, connections, settings = options_from_arguments(argv)
         pool = Pool(options, connections, stats_path=settings["stats"], transcript_path=settings["transcript"],
                     seed=settings["seed"], port=settings["port"], quiet=settings["quiet"],
-                    refuse_for=settings["refuse_for"])
+                    refuse_for=settings["refuse_for"], tls_cert=settings["tls_cert"],
+                    tls_key=settings["tls_key"])
     except (ValueError, OSError) as error:
         print(f"pool: {error}", file=sys.stderr)
         return 2

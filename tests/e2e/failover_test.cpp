@@ -1,0 +1,122 @@
+// Backup pools and TLS: the miner leaves a failing primary for the next pool,
+// comes back once the primary has been up a while, and never sends a share to
+// a pool other than the one whose job it solves (each pool would reject it).
+#include <gtest/gtest.h>
+
+#include "e2e/miner_run.h"
+#include "support/test_certificates.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
+
+std::vector<std::string> EasyPool(const char *seed, std::vector<std::string> more = {}) {
+  std::vector<std::string> options = {"--difficulty", "0.002", "--notify-interval", "2", "--seed", seed};
+  options.insert(options.end(), more.begin(), more.end());
+  return options;
+}
+
+std::string Url(const testing_support::TestPool &pool, const char *scheme = "stratum+tcp") {
+  return std::string(scheme) + "://127.0.0.1:" + std::to_string(pool.Port());
+}
+
+uint64_t Count(const testing_support::TestPool &pool, const std::string &name) {
+  std::string stats = pool.Stats();
+  size_t at = stats.find("\"" + name + "\":");
+  return at == std::string::npos ? 0 : std::strtoull(stats.c_str() + at + name.size() + 3, nullptr, 10);
+}
+
+double Since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
+  testing_support::TestPool backup(EasyPool("2"));
+  MinerRun run(kTwoBoards, EasyPool("1"));
+  ASSERT_TRUE(run.Start({"--pool", Url(backup), "--failback-delay", "4", "--primary-retry", "2"}));
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+  const uint16_t port = run.PoolProcess().Port();
+
+  run.PoolProcess().Stop();
+  auto down = std::chrono::steady_clock::now();
+  ASSERT_TRUE(run.Until([&] { return Count(backup, "accepted") >= 1; })) << run.Output();
+  double toBackup = Since(down);
+  EXPECT_EQ(run.Count("its connection failed 3 times in a row"), 1u);
+
+  testing_support::TestPool primary(EasyPool("3", {"--port", std::to_string(port)}));
+  ASSERT_EQ(primary.Port(), port);
+  auto back = std::chrono::steady_clock::now();
+  ASSERT_TRUE(run.Until([&] { return Count(primary, "accepted") >= 1; })) << run.Output();
+  double toPrimary = Since(back);
+  EXPECT_EQ(run.Count("the primary pool has been back for 4 s"), 1u);
+  std::cout << "first accepted share: on the backup " << toBackup << " s after the primary stopped, on the primary "
+            << toPrimary << " s after it returned\n";
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(Count(backup, "rejected"), 0u) << backup.Stats();
+  EXPECT_EQ(Count(primary, "rejected"), 0u) << primary.Stats();
+}
+
+TEST(Failover, ARefusedLoginOrASilentPoolIsLeftAtOnceForTheNextOfThree) {
+  struct Case {
+    std::vector<std::string> primary;
+    const char *reason;
+  };
+  const Case cases[] = {
+      {{"--authorize", "error"}, "it refused the login"},
+      {{"--silent-after", "1"}, "it went silent"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.reason);
+    testing_support::TestPool down(EasyPool("4"));
+    down.Stop();  // the second pool is gone too: the third takes over
+    testing_support::TestPool third(EasyPool("5"));
+    MinerRun run(kTwoBoards, EasyPool("6", c.primary));
+    ASSERT_TRUE(run.Start({"--pool", Url(down), "--pool", Url(third), "--pool-silence", "3", "--failback-delay", "0"}));
+    ASSERT_TRUE(run.Until([&] { return Count(third, "accepted") >= 2; })) << run.Output();
+    EXPECT_EQ(run.Count(std::string(c.reason)), 1u);
+    EXPECT_EQ(run.Count("Switching from pool"), 2u);
+    EXPECT_EQ(Count(third, "rejected"), 0u);
+    run.Child().Type("q");
+    EXPECT_EQ(run.Child().Wait(), 0);
+  }
+}
+
+TEST(Failover, TlsPoolsAreCheckedAgainstTheirCaOrAPinnedCertificate) {
+  const auto &certs = testing_support::MakeTestCertificates();
+  const std::vector<std::string> tls = {"--tls-cert", certs.certFile, "--tls-key", certs.keyFile};
+  struct Case {
+    std::vector<std::string> miner;
+    bool mines;
+  };
+  const Case cases[] = {
+      {{"--tls-ca", certs.caFile}, true},
+      {{"--tls-fingerprint", certs.fingerprint}, true},
+      {{"--tls-fingerprint", "127.0.0.1=" + std::string(64, '0')}, false},
+      {{}, false},  // the system's store doesn't know the test CA
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.miner.empty() ? "system store" : c.miner[1]);
+    testing_support::TestPool plain(EasyPool("7"));
+    MinerRun run(kTwoBoards, EasyPool("8", tls));
+    std::vector<std::string> options = c.miner;
+    options.insert(options.end(), {"--pool", Url(plain), "--failback-delay", "0"});
+    ASSERT_TRUE(run.Start(options, "stratum+ssl"));
+    if (c.mines) {
+      ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 2; })) << run.Output();
+      EXPECT_EQ(run.Count("TLS with"), 0u);
+    } else {
+      // Three refused handshakes, each said with the pool and the reason, then the plain backup.
+      ASSERT_TRUE(run.Until([&] { return Count(plain, "accepted") >= 1; })) << run.Output();
+      EXPECT_EQ(run.Count("TLS with 127.0.0.1:" + std::to_string(run.PoolProcess().Port()) + " failed: "), 3u);
+      EXPECT_EQ(run.Pool("accepted"), 0u);
+    }
+    run.Child().Type("q");
+    EXPECT_EQ(run.Child().Wait(), 0);
+  }
+}
+
+}  // namespace
+}  // namespace e2e
