@@ -1,6 +1,12 @@
 # Shared build settings and the helpers that every folder uses.
 
-add_compile_options(-Wall -Wextra -Werror -Wno-missing-field-initializers)
+# Warnings are errors in the project's own test builds (scripts/test.sh turns
+# this on), not for packagers, whose compilers may warn about other things.
+option(OMBRY_WERROR "Treat warnings as errors" OFF)
+add_compile_options(-Wall -Wextra -Wno-missing-field-initializers)
+if(OMBRY_WERROR)
+  add_compile_options(-Werror)
+endif()
 
 if(SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)

@@ -13,7 +13,7 @@ dir=build-fuzz
 
 echo "== $dir"
 cmake -S . -B "$dir" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DOMBRY_FUZZ=ON -DOMBRY_BUILD_BENCH=OFF >/dev/null
+  -DOMBRY_FUZZ=ON -DOMBRY_WERROR=ON -DOMBRY_BUILD_BENCH=OFF >/dev/null
 cmake --build "$dir" --target fuzz_all --parallel 2
 
 mkdir -p "$dir/fuzz-artifacts"

@@ -8,6 +8,7 @@ packages=(
   libfmt-dev libgtest-dev libbenchmark-dev
   libfuse3-dev fuse3
   libssl-dev openssl ca-certificates nlohmann-json3-dev
+  libsystemd-dev dpkg-dev
   clang libclang-rt-14-dev
 )
 

@@ -22,6 +22,15 @@ std::string Hex(uint32_t value) {
   return text;
 }
 
+// A transcript token such as "w05+": appended, not concatenated, as g++ 12 at
+// -O3 sees a false overlap in the latter.
+std::string Token(const char *kind, uint32_t value, bool ack) {
+  std::string token = kind;
+  token += Hex(value);
+  token += ack ? '+' : '-';
+  return token;
+}
+
 bool ParseNumber(const std::string &text, uint64_t *value, int base = 0) {
   if (text.empty() || text[0] == '-' || text[0] == '+') return false;
   char *end = nullptr;
@@ -381,7 +390,7 @@ void IicBlock::FinishByte() {
           std::find(faults.noAcknowledge.begin(), faults.noAcknowledge.end(), address) != faults.noAcknowledge.end();
       I2cDevice *device = deaf ? nullptr : DeviceAt(address);
       bool ack = device && device->Begin(read);
-      Note("@" + Hex(shiftByte_) + (ack ? "+" : "-"));
+      Note(Token("@", shiftByte_, ack));
       if (!ack) {
         unacknowledged();
         return;
@@ -393,7 +402,7 @@ void IicBlock::FinishByte() {
     }
     case Shift::Transmit: {
       bool ack = target_ && target_->WriteByte(shiftByte_);
-      Note("w" + Hex(shiftByte_) + (ack ? "+" : "-"));
+      Note(Token("w", shiftByte_, ack));
       if (!ack) unacknowledged();
       return;
     }
@@ -401,7 +410,7 @@ void IicBlock::FinishByte() {
       uint8_t byte = target_ ? target_->ReadByte() : 0xFF;
       bool ack = !(control_ & kNoAcknowledge) && !forceNak_;
       forceNak_ = false;
-      Note("r" + Hex(byte) + (ack ? "+" : "-"));
+      Note(Token("r", byte, ack));
       if (rx_.size() >= kFifoDepth)
         Error("receive FIFO overflow: a byte was lost");
       else

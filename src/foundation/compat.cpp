@@ -143,3 +143,14 @@ void VLThreadSetName(const char *name) {
   snprintf(shortName, sizeof shortName, "%s", name);
   pthread_setname_np(pthread_self(), shortName);
 }
+
+#if OMBRY_HAVE_SYSTEMD
+#include <systemd/sd-daemon.h>
+void VLServiceNotifyReady() { sd_notify(0, "READY=1"); }
+void VLServiceNotifyAlive() { sd_notify(0, "WATCHDOG=1"); }
+void VLServiceNotifyStopping() { sd_notify(0, "STOPPING=1"); }
+#else
+void VLServiceNotifyReady() {}
+void VLServiceNotifyAlive() {}
+void VLServiceNotifyStopping() {}
+#endif

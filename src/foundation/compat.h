@@ -55,3 +55,10 @@ void VLConditionTimedWait(VLCondition *condition, std::mutex *lock, const VLDead
 
 // Names the calling thread for debuggers; `name` is cut to what the system allows.
 void VLThreadSetName(const char *name);
+
+// The service manager, where the process runs under one (systemd's notify
+// protocol): ready once mining has started, alive on every watchdog check,
+// stopping when the stop begins. No-ops elsewhere, and in builds without it.
+void VLServiceNotifyReady();
+void VLServiceNotifyAlive();
+void VLServiceNotifyStopping();

@@ -92,6 +92,8 @@ void VLConsoleBeginKeys() {
   InstallFatalSignalRestore();
 }
 
+bool VLConsoleHasKeys() { return g_terminalSaved.load(); }
+
 size_t VLConsoleReadKeys(char *keys, size_t capacity) {
   if (!g_terminalSaved.load(std::memory_order_relaxed) || g_keysEnded.load(std::memory_order_relaxed)) {
     return 0;

@@ -29,6 +29,9 @@ bool VLConsoleSetCtrlHandler(VLConsoleCtrlHandler handler);
 // VLConsoleRestore.
 void VLConsoleBeginKeys();
 
+// True when keys are read: standard input is a terminal in single-key mode.
+bool VLConsoleHasKeys();
+
 // Reads the keys pressed since the last call, without waiting. Returns how
 // many were stored; 0 when there are none or standard input is no terminal.
 size_t VLConsoleReadKeys(char *keys, size_t capacity);

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <string>
 
+#include "foundation/colour.h"
+
 namespace {
 
 constexpr size_t kMessageBufferSize = 4096;
@@ -42,10 +44,11 @@ const LevelInfo *FindLevel(uint32_t level) {
   return nullptr;
 }
 
-void ConsoleSink(uint32_t level, const char *tag, const char *message) {
+void ConsoleSink(uint32_t level, const char *tag, char *message) {
   const LevelInfo *info = FindLevel(level);
   char letter = info ? info->letter : '?';
   FILE *stream = level >= VLLogLevelWarning ? stderr : stdout;
+  if (!VLStreamTakesColour(stream)) VLStripColour(message);
   fprintf(stream, "%c/%-12s : %s\n", letter, tag, message);
 }
 

@@ -225,6 +225,8 @@ void PrintUsage(FILE *out) {
           "Environment:\n"
           "  OMBRY_DEVICE_DIR   where to look for the boards' device nodes (default /dev)\n"
           "  VL_LOG_TRACE       any value: log everything\n"
+          "  NO_COLOR           any value: no colour codes, even on a terminal\n"
+          "  CLICOLOR_FORCE     1: colour codes even into a pipe or file\n"
           "\n"
           "Exit codes:\n"
           "  0  a normal end, a dump run, a recovery run, --help, --version\n"

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include "foundation/colour.h"
 #include "foundation/console.h"
 
 void SetConsoleColor(int code) {
@@ -19,7 +20,7 @@ void SetConsoleColor(int code) {
     case ConsoleColorNormal: sequence = "\x1b[0m"; break;
     default: return;
   }
-  fputs(sequence, stdout);
+  VLWriteColour(sequence);
 }
 
 void ConsumeKeys(const std::function<void(char)> &callback) {

@@ -141,6 +141,7 @@ int MinerMain(int argc, char **argv) {
   VLLogInit(VLLogLevelInfo);
   VL_LOG(VLLogLevelInfo, kTag, "Starting miner");
   VLConsoleBeginKeys();
+  if (!VLConsoleHasKeys()) VL_LOG(VLLogLevelInfo, kTag, "Standard input is not a terminal: keys are off");
 
   // On the heap so that it can outlive this function: see the end of the run.
   auto ownedContext = std::make_unique<MiningContext>();
@@ -180,7 +181,9 @@ int MinerMain(int argc, char **argv) {
   SetConsoleColor(ConsoleColorNormal);
 
   StratumSetState(context, Idle);
+  VLServiceNotifyReady();
   MainLoop(context, watchdogCounter);
+  VLServiceNotifyStopping();
 
   for (auto &worker : context.workers) worker->enabled = false;
   WaitForWorkersToStop(context, watchdogCounter);

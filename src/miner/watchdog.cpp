@@ -33,6 +33,8 @@ void WatchdogThread(std::atomic<uint64_t> *counter) {
     } else {
       lastSeen = value;
       missed = 0;
+      // The main loop moves: the service manager's watchdog is fed from here.
+      VLServiceNotifyAlive();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));
   }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "foundation/colour.h"
 #include "foundation/logger.h"
 #include "stratum/failover.h"
 #include "stratum/job_intake.h"
@@ -24,7 +25,7 @@ enum RequestId : uint32_t {
 
 // Coloured lines go through the console's escape sequences, as the miner's
 // other coloured lines do.
-void Colour(const char *sequence) { fputs(sequence, stdout); }
+void Colour(const char *sequence) { VLWriteColour(sequence); }
 constexpr const char *kGreen = "\x1b[1;32m";
 constexpr const char *kRed = "\x1b[1;31m";
 constexpr const char *kNormal = "\x1b[0m";

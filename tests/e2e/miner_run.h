@@ -39,9 +39,14 @@ class MinerRun {
     std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://127.0.0.1:" + port;
     std::vector<std::string> args = {"ckb", host, port, "wallet.rig", "x"};
     args.insert(args.end(), options.begin(), options.end());
-    child_ = miner_testing::StartOnTerminal(boards_, args, {"OMBRY_SIM_CONTROL=" + control_});
+    std::vector<std::string> env = env_;
+    env.push_back("OMBRY_SIM_CONTROL=" + control_);
+    child_ = miner_testing::StartOnTerminal(boards_, args, env);
     return child_->WaitFor("Using Account: wallet.rig");
   }
+
+  // Environment entries ("NAME=value") for the miner; before Start().
+  void AddEnvironment(const std::string &entry) { env_.push_back(entry); }
 
   // A board command such as "xdma0 hot=95", as an operator's test rig would
   // send it while the miner runs.
@@ -142,6 +147,7 @@ class MinerRun {
   testing_support::TestPool pool_;
   miner_testing::SimBoardList boards_;
   std::string control_;
+  std::vector<std::string> env_;
   std::unique_ptr<testing_support::PtyProcess> child_;
 };
 

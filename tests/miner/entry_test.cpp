@@ -31,9 +31,29 @@ TEST(EntryTest, TooFewArgumentsAskForParameters) {
     EXPECT_EQ(result.exitCode, 1) << args.size();
     EXPECT_EQ(result.err, "E/Miner        : Not enough parameters. Please check the provided example file "
                           "(start.bat / start.sh).\n");
-    // The colour brackets the line on standard output.
-    EXPECT_EQ(result.out, "\x1b[1;31m\x1b[0m");
+    // No colour codes into a pipe.
+    EXPECT_EQ(result.out, "");
   }
+}
+
+TEST(EntryTest, ColourCodesOnlyOnATerminalWithoutNoColor) {
+  struct Case {
+    std::vector<std::string> env;
+    bool coloured;
+  };
+  const Case cases[] = {{{EmptyDeviceDir()}, true}, {{EmptyDeviceDir(), "NO_COLOR=1"}, false}};
+  for (const Case &c : cases) {
+    testing_support::PtyProcess child({Miner(), "ckb"}, c.env);
+    EXPECT_EQ(child.Wait(), 1);
+    EXPECT_NE(child.Output().find("Not enough parameters"), std::string::npos);
+    EXPECT_EQ(child.Output().find("\x1b[1;31m") != std::string::npos, c.coloured) << child.Output();
+  }
+  // A board that is not compatible is said so in red on a terminal; in a pipe
+  // the same line comes plain.
+  SimBoardList boards("xdma0 model=7 bitstream=0x000C0005\n");
+  auto piped = RunProcess({SimMiner(), "recovery"}, boards.Env());
+  EXPECT_NE(piped.err.find("bitstream Version 0.005 is not compatible\n"), std::string::npos) << piped.err;
+  EXPECT_EQ((piped.out + piped.err).find('\x1b'), std::string::npos);
 }
 
 TEST(EntryTest, DumpEndsAtOnceWithoutLogging) {

@@ -86,7 +86,7 @@ TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
             "}\n");
   EXPECT_EQ(log,
             "I/Miner        : Saving configuration\n"
-            "\x1b[1;32m\x1b[0mE/Miner        : Saved active configuration to config.json\n");
+            "E/Miner        : Saved active configuration to config.json\n");
 }
 
 TEST_F(SaveConfigurationTest, ReplacesAnEarlierFileAndWritesAnEmptyListWithoutBoards) {

@@ -39,7 +39,9 @@ xdma7 model=6 dna=70000000,70000001,70000002 bitstream=0x000A0002
 TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   SimBoardList boards(kMixedBoards);
   // A recovery run scans and offers every board for flashing, then ends.
-  auto result = RunProcess({SimMiner(), "recovery"}, boards.Env());
+  auto env = boards.Env();
+  env.push_back("CLICOLOR_FORCE=1");
+  auto result = RunProcess({SimMiner(), "recovery"}, env);
   EXPECT_EQ(result.exitCode, 0);
   const std::string notCompatible = " \x1b[1;31mis not compatible\x1b[0m";
   EXPECT_EQ(result.err,
@@ -75,7 +77,8 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
             "Version 0.002" + notCompatible + "\n"
             "E/Miner        : No flash data found for device 8\n"
             "E/Miner        : Exiting\n");
-  // Each device line is bracketed by its colour on standard output.
+  // Each device line is bracketed by its colour on standard output (asked
+  // for into the pipe by CLICOLOR_FORCE).
   std::string colours = std::string(kGreen) + kGreen + kYellow + kGreen + kYellow + kGreen + kGreen + kRed + kRed +
                         kYellow + kYellow + kGreen;
   const std::string found = "I/Miner        : Found 8 BRYLDMA devices:\n\x1b[0m";

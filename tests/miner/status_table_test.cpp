@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fake_workers.h"
+#include "foundation/colour.h"
 #include "foundation/logger.h"
 #include "miner/status_console.h"
 #include "support/capture.h"
@@ -28,7 +29,11 @@ constexpr const char *kRule =
 
 class StatusTableTest : public ::testing::Test {
  protected:
-  void SetUp() override { VLLogEnableConsole(); }
+  void SetUp() override {
+    VLLogEnableConsole();
+    VLForceColour(1);  // the colours are what several tests look at
+  }
+  void TearDown() override { VLForceColour(-1); }
 
   Worker &Add(const std::string &modelName, BoardModel model) {
     auto worker = MakeWorker(modelName, model, "dna");
