@@ -1,6 +1,6 @@
 // Many 48-byte Eaglesong hashes that share one header: the midstate is
-// computed once and eight candidates run through the second permutation side
-// by side. Built for verifying a reported nonce, where every candidate has the
+// computed once and eight candidates (sixteen with AVX-512) run through the
+// second permutation side by side. Built for verifying a reported nonce, where every candidate has the
 // same header and nonce words 0 and 1 and differs only in words 2 and 3.
 //
 // Results equal EaglesongHash48 exactly on every path.
@@ -11,13 +11,15 @@
 
 // How the lanes are computed. Auto takes the best path this CPU supports;
 // Portable (one lane after another) runs everywhere and can be forced, e.g.
-// to compare paths. A path the CPU lacks falls back to Portable.
-enum class EaglesongLanePath { Auto, Portable, Avx2 };
+// to compare paths. A path the CPU lacks falls back to the best it has.
+enum class EaglesongLanePath { Auto, Portable, Avx2, Avx512 };
 
 bool EaglesongLanePathSupported(EaglesongLanePath path);
 // The path that a call with `path` actually takes: never Auto.
 EaglesongLanePath EaglesongLanePathResolve(EaglesongLanePath path);
 const char *EaglesongLanePathName(EaglesongLanePath path);
+// The paths this build carries, e.g. "portable, avx2, avx512".
+const char *EaglesongLanePathsCompiled();
 
 // digests_out[i] = EaglesongHash48(input, nonce_words[i]) for i < count.
 void EaglesongHash48Batch(const uint32_t input[8], const uint32_t (*nonce_words)[4], size_t count,
@@ -34,8 +36,8 @@ struct EaglesongNonceTail {
 // EaglesongDigestNumber, is at most `bound` (eight words, word 0 least
 // significant; equal counts as within). Returns `count` when none is. On a
 // hit the digest goes to `digest_out` if that isn't null; otherwise
-// `digest_out` is left alone. Candidates past the hit's group of eight are
-// not hashed.
+// `digest_out` is left alone. Candidates past the hit's group of eight (of
+// sixteen with AVX-512) are not hashed.
 size_t EaglesongSearch48(const uint32_t input[8], uint32_t nonce_word0, uint32_t nonce_word1,
                          const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
                          uint32_t digest_out[8], EaglesongLanePath path = EaglesongLanePath::Auto);

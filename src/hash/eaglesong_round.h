@@ -78,8 +78,10 @@
 // EaglesongMidstate, delimiter included). Lane l absorbs nonce words
 // nonces[0..3][l]; digest word w of lane l goes to digests[w][l].
 // Structure-of-arrays so that a vector register holds one word of all lanes.
-inline constexpr size_t kEaglesongKernelLanes = 8;
-using EaglesongLaneKernel = void (*)(const uint32_t midstate[16], const uint32_t nonces[4][8],
-                                     uint32_t digests[8][8]);
+// The AVX-512 kernel does the same for sixteen lanes.
+template <size_t Lanes>
+using EaglesongLaneKernel = void (*)(const uint32_t midstate[16], const uint32_t nonces[4][Lanes],
+                                     uint32_t digests[8][Lanes]);
 void EaglesongLanesPortable(const uint32_t midstate[16], const uint32_t nonces[4][8], uint32_t digests[8][8]);
 void EaglesongLanesAvx2(const uint32_t midstate[16], const uint32_t nonces[4][8], uint32_t digests[8][8]);
+void EaglesongLanesAvx512(const uint32_t midstate[16], const uint32_t nonces[4][16], uint32_t digests[8][16]);

@@ -236,6 +236,6 @@ void PrintUsage(FILE *out) {
 void PrintVersion(FILE *out) {
   fprintf(out, "ombry-miner %s\n", OmbryVersion());
   fprintf(out, "commit %s, %s, %s build\n", OmbryBuildCommit(), OmbryBuildCompiler(), OmbryBuildType());
-  fprintf(out, "Eaglesong search: %s\n",
-          EaglesongLanePathName(EaglesongLanePathResolve(EaglesongLanePath::Auto)));
+  fprintf(out, "Eaglesong search: %s (compiled in: %s)\n",
+          EaglesongLanePathName(EaglesongLanePathResolve(EaglesongLanePath::Auto)), EaglesongLanePathsCompiled());
 }

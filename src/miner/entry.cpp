@@ -14,6 +14,7 @@
 #include "foundation/compat.h"
 #include "foundation/console.h"
 #include "foundation/logger.h"
+#include "hash/eaglesong_lanes.h"
 #include "miner/command_line.h"
 #include "miner/console_io.h"
 #include "miner/flash_catalogue.h"
@@ -140,6 +141,8 @@ int MinerMain(int argc, char **argv) {
 
   VLLogInit(VLLogLevelInfo);
   VL_LOG(VLLogLevelInfo, kTag, "Starting miner");
+  VL_LOG(VLLogLevelInfo, kTag, "Eaglesong search: %s",
+         EaglesongLanePathName(EaglesongLanePathResolve(EaglesongLanePath::Auto)));
   VLConsoleBeginKeys();
   if (!VLConsoleHasKeys()) VL_LOG(VLLogLevelInfo, kTag, "Standard input is not a terminal: keys are off");
 

@@ -156,7 +156,7 @@ TEST_P(EaglesongLanes, EmptySearchAndAllPassingBound) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, EaglesongLanes,
-                         ::testing::Values(EaglesongLanePath::Portable, EaglesongLanePath::Avx2),
+                         ::testing::Values(EaglesongLanePath::Portable, EaglesongLanePath::Avx2, EaglesongLanePath::Avx512),
                          [](const ::testing::TestParamInfo<EaglesongLanePath> &info) {
                            return std::string(EaglesongLanePathName(info.param));
                          });
