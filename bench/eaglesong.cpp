@@ -1,9 +1,9 @@
 // Host-side Eaglesong speed, one thread (so every rate is per core):
 //   Hash48            single 48-byte hashes, two permutations each
 //   Search1280/<path> the candidates of one reported nonce on a 20-core board
-//                     (paths: 1 portable, 2 AVX2, 3 AVX-512)
 //                     (20 x 64), none within the bound, so all are hashed;
-//                     the time per iteration is the time for all 1280
+//                     the time per iteration is the time for all 1280;
+//                     paths: 1 portable, 2 AVX2, 3 AVX-512
 // Run in this order, each search also shows `vs_scalar`, its candidate rate
 // over the Hash48 rate measured just before it.
 #include <benchmark/benchmark.h>
