@@ -60,6 +60,7 @@ constexpr uint8_t kClearStatusB = 0x50;
 constexpr uint8_t kWriteConfiguration = 0x81;
 constexpr uint8_t kReadIdentification = 0x9F;
 constexpr uint8_t kSectorErase4 = 0xDC;
+// Maker and type; the third byte, the size, comes from the chip's own size.
 constexpr uint8_t kIdentification[] = {0x5A, 0x20, 0x19};
 
 // What a bus with nobody driving it reads.
@@ -125,6 +126,14 @@ void FlashChip::Select(bool selected, const FpgaSpec &setup) {
   if (index_ > 0) Execute(setup);
 }
 
+// The size code of the identification: 2^code bytes up to 32 MiB (0x19),
+// then 0x20 for 64 MiB on, as the chips write it.
+uint8_t FlashChip::CapacityCode() const {
+  uint8_t bits = 0;
+  while ((uint64_t{1} << (bits + 1)) <= size_) bits++;
+  return bits <= 0x19 ? bits : static_cast<uint8_t>(0x20 + (bits - 26));
+}
+
 uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
   if (!selected_) return kIdleLine;
   uint32_t position = index_++;
@@ -144,6 +153,7 @@ uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
       return value;
     }
     case kReadIdentification:
+      if (after == 2) return CapacityCode();
       return after < sizeof kIdentification ? kIdentification[after] : 0;
     case kRead4:
       if (after < 4) {
@@ -205,7 +215,9 @@ void FlashChip::Execute(const FpgaSpec &setup) {
       if (!writeEnabled || index_ <= 5) break;
       uint64_t base = (address_ & ~uint64_t(kPageBytes - 1)) % size_;
       uint8_t *contents = Contents();
-      for (uint32_t i = 0; i < kPageBytes; i++) contents[base + i] &= page_[i];
+      // A failing program leaves the second half of the page as it was.
+      uint32_t programmed = setup.faults.programError ? kPageBytes / 2 : kPageBytes;
+      for (uint32_t i = 0; i < programmed; i++) contents[base + i] &= page_[i];
       Persist(base, kPageBytes);
       startBusy(setup.flash.programBusyPolls);
       if (setup.faults.programError) status_ |= kStatusProgramError;
@@ -214,7 +226,9 @@ void FlashChip::Execute(const FpgaSpec &setup) {
     case kSectorErase4: {
       if (!writeEnabled || index_ < 5) break;
       uint64_t base = (address_ & ~uint64_t(kSectorBytes - 1)) % size_;
-      std::fill_n(Contents() + base, kSectorBytes, 0xFF);
+      // A failing erase leaves the sector's first 4 KiB as they were.
+      uint32_t skipped = setup.faults.eraseError ? 4096 : 0;
+      std::fill_n(Contents() + base + skipped, kSectorBytes - skipped, 0xFF);
       Persist(base, kSectorBytes);
       startBusy(setup.flash.eraseBusyPolls);
       if (setup.faults.eraseError) status_ |= kStatusEraseError;

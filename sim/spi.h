@@ -53,6 +53,7 @@ class FlashChip {
   uint64_t Ignored() const { return ignored_; }
 
  private:
+  uint8_t CapacityCode() const;
   void Execute(const FpgaSpec &setup);
   uint8_t *Contents();
   void Persist(uint64_t address, uint64_t count);

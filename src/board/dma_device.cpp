@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "foundation/logger.h"
+#include "foundation/text.h"
 #include "foundation/vltime.h"
 
 namespace {
@@ -86,6 +87,31 @@ void BRYLDMADeviceClose(BRYLDMADevice *device) {
   delete device;
 }
 
+namespace {
+
+constexpr int64_t kFailureReportSeconds = 10;
+
+// A failing board would otherwise write a line per read, thousands a second.
+void NoteFailedRead(BRYLDMADevice *device, uint64_t address) {
+  device->failedReadsInARow++;
+  device->lastFailedAddress = address;
+  auto now = static_cast<int64_t>(VLTimeSeconds());
+  if (device->failuresToldAt < 0) {
+    VL_LOG(VLLogLevelInfo, kTag, "read control failed. %08llx", static_cast<unsigned long long>(address));
+    device->failuresToldAt = now;
+    return;
+  }
+  device->failedReadsUntold++;
+  if (now - device->failuresToldAt >= kFailureReportSeconds) {
+    VL_LOG(VLLogLevelInfo, kTag, "read control failed at 0x%llx, %s times in the last 10 s",
+           static_cast<unsigned long long>(address), VLThousands(device->failedReadsUntold).c_str());
+    device->failedReadsUntold = 0;
+    device->failuresToldAt = now;
+  }
+}
+
+}  // namespace
+
 uint32_t BRYLDMADeviceRead(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t address) {
   address = RegisterAddress(device, file, address);
   uint32_t value = 0;
@@ -95,11 +121,13 @@ uint32_t BRYLDMADeviceRead(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t ad
   } else {
     count = BRYLDMAFileRead(file, address, &value, sizeof value);
   }
-  // A short count of 1 to 3 bytes goes unnoticed: the low bytes are replaced.
-  if (count == 0) {
-    VL_LOG(VLLogLevelInfo, kTag, "read control failed. %08llx", static_cast<unsigned long long>(address));
+  if (count == sizeof value) {
+    device->failedReadsInARow = 0;
+    return value;
   }
-  return value;
+  // Short reads are failures too: their value is not the register's.
+  NoteFailedRead(device, address);
+  return 0;
 }
 
 bool BRYLDMADeviceWrite(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t address, uint32_t value) {

@@ -32,6 +32,17 @@ struct BRYLDMADevice {
   BRYLDMAFile *userFile = nullptr;  // null when the design has none
   BRYLDMAChannel channels[kMaxChannels];
   bool useDmaForRegisters = false;  // registers go through channel 0
+
+  // Health, for the board's one thread. Register reads that failed since the
+  // last good one, and what the log has said of them: the first failure is
+  // said, later ones are counted and said at most every 10 s.
+  uint64_t failedReadsInARow = 0;
+  uint64_t failedReadsUntold = 0;
+  uint64_t lastFailedAddress = 0;
+  int64_t failuresToldAt = -1;  // monotonic seconds; -1 before the first failure
+  // A wait on the hardware that ran out (e.g. the MMCM stayed busy); null
+  // while none has.
+  const char *stuckWait = nullptr;
 };
 
 // Null when the control file or a complete DMA channel pair is missing.
@@ -42,7 +53,8 @@ void BRYLDMADeviceClose(BRYLDMADevice *device);
 
 // `file` is the device's userFile for board registers (null on a device
 // without one, meaning registers by DMA) or its controlFile. A failed read
-// returns 0; a write is true when exactly 4 bytes went through.
+// (fewer than 4 bytes) returns 0 and is counted in failedReadsInARow; a write
+// is true when exactly 4 bytes went through.
 uint32_t BRYLDMADeviceRead(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t address);
 bool BRYLDMADeviceWrite(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t address, uint32_t value);
 

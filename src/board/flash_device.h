@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 #include "board/dma_device.h"
 #include "board/spi_flash.h"
@@ -17,10 +19,24 @@ enum : uint32_t {
 constexpr uint32_t kFlashControllerOffset = 0x10000;
 constexpr uint32_t kFlashUpdateRegionAddress = 0x680000;
 
-// True when the image was written. Throws what the flash library throws,
-// with the controller stopped; the flash is then partly written.
-bool FlashDevice(BRYLDMADevice *device, uint32_t flashType, const uint8_t *data, uint64_t size, uint64_t attempts,
-                 uint8_t flashFamily);
+enum class FlashOutcome {
+  NotStarted,  // nothing on the chip was changed
+  Written,     // written, read back and found equal
+  Incomplete,  // erased or partly written: the board needs a new flash
+};
+
+struct FlashResult {
+  FlashOutcome outcome = FlashOutcome::NotStarted;
+  std::string reason;  // why it did not end Written
+};
+
+// Writes the image and reads it back, up to `attempts` times. Refuses before
+// erasing an image that doesn't fit the chip. `mayErase` is asked right
+// before every erase; false ends the flow there. A failure of the flash
+// library (an error the chip flags, a time limit, a transfer) is caught and
+// reported in the result.
+FlashResult FlashDevice(BRYLDMADevice *device, uint32_t flashType, const uint8_t *data, uint64_t size,
+                        uint64_t attempts, uint8_t flashFamily, const std::function<bool()> &mayErase);
 
 // Rewrites the current console line with the message and the percentage.
 void PrintFlashProgress(const SPIFlashProgress &progress);

@@ -2,11 +2,27 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace {
 
 constexpr std::chrono::seconds kBusFreeTimeout{1};
+// A status change on a live bus takes a few byte times (about 0.1 ms a byte at
+// 100 kHz); one that hasn't come after this long never will.
+constexpr std::chrono::milliseconds kStatusTimeout{50};
+
+// Spins until `done`, and gives up with the design's exception after the
+// limit, so that a controller that stopped answering can't hang its caller.
+template <typename Done>
+void Await(Done done, const char *what) {
+  auto deadline = std::chrono::steady_clock::now() + kStatusTimeout;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      throw std::runtime_error(std::string("Waiting for I2C ") + what + " timed out");
+    }
+  }
+}
 
 // The interrupt bits that end a byte loop early: lost arbitration, a missing
 // acknowledge, and the bus going idle under us.
@@ -59,8 +75,7 @@ uint32_t I2CController::Send(uint8_t address, const std::vector<uint8_t> &bytes,
     WriteAddress(address, false);
     ClearInterrupts(kI2CIsrArbitrationLost | kI2CIsrTransmitError | kI2CIsrTxFifoEmpty);
     Write(kI2CControl, kI2CControlEnable | kI2CControlMaster | kI2CControlTransmit);
-    while (!(Read(kI2CStatus) & kI2CStatusBusBusy)) {
-    }
+    Await([&] { return (Read(kI2CStatus) & kI2CStatusBusBusy) != 0; }, "start");
     ClearInterrupts(kI2CIsrBusNotBusy);
   }
 
@@ -73,8 +88,7 @@ uint32_t I2CController::Send(uint8_t address, const std::vector<uint8_t> &bytes,
     if (Read(kI2CStatus) & kI2CStatusAddressedAsSlave) {
       Write(kI2CControl, 0);
     } else {
-      while (Read(kI2CStatus) & kI2CStatusBusBusy) {
-      }
+      Await([&] { return (Read(kI2CStatus) & kI2CStatusBusBusy) == 0; }, "stop");
     }
   }
   return static_cast<uint32_t>(bytes.size()) - left;
@@ -84,11 +98,9 @@ uint32_t I2CController::SendBytes(const std::vector<uint8_t> &bytes, uint32_t op
   uint32_t left = static_cast<uint32_t>(bytes.size());
   size_t next = 0;
   while (left > 0) {
-    for (;;) {
-      uint32_t status = Read(kI2CIsr);
-      if (status & kSendStopMask) return left;
-      if (status & kI2CIsrTxFifoEmpty) break;
-    }
+    uint32_t status = 0;
+    Await([&] { return ((status = Read(kI2CIsr)) & (kSendStopMask | kI2CIsrTxFifoEmpty)) != 0; }, "transmit");
+    if (status & kSendStopMask) return left;
     if (left > 1) {
       Write(kI2CTxFifo, bytes[next]);
     } else if (option == kI2CEndWithStop) {
@@ -101,8 +113,7 @@ uint32_t I2CController::SendBytes(const std::vector<uint8_t> &bytes, uint32_t op
       // the FIFO, or that byte would go out as the next address.
       Write(kI2CTxFifo, bytes[next]);
       ClearInterrupts(kI2CIsrTxFifoEmpty);
-      while (!(Read(kI2CIsr) & kI2CIsrTxFifoEmpty)) {
-      }
+      Await([&] { return (Read(kI2CIsr) & kI2CIsrTxFifoEmpty) != 0; }, "transmit");
       Write(kI2CControl, kI2CControlEnable | kI2CControlMaster | kI2CControlTransmit | kI2CControlRepeatedStart);
     }
     ClearInterrupts(kI2CIsrTxFifoEmpty);
@@ -112,8 +123,7 @@ uint32_t I2CController::SendBytes(const std::vector<uint8_t> &bytes, uint32_t op
   // An empty send never dropped master, so no stop is coming here; the
   // caller's clean-up makes it instead.
   if (option == kI2CEndWithStop && !bytes.empty()) {
-    while (!(Read(kI2CIsr) & kI2CIsrBusNotBusy)) {
-    }
+    Await([&] { return (Read(kI2CIsr) & kI2CIsrBusNotBusy) != 0; }, "stop");
   }
   return 0;
 }
@@ -137,8 +147,7 @@ uint32_t I2CController::Receive(uint8_t address, uint8_t *buffer, uint32_t count
   } else {
     WriteAddress(address, true);
     Write(kI2CControl, kI2CControlEnable | kI2CControlMaster | (count == 1 ? kI2CControlNoAcknowledge : 0));
-    while (!(Read(kI2CStatus) & kI2CStatusBusBusy)) {
-    }
+    Await([&] { return (Read(kI2CStatus) & kI2CStatusBusBusy) != 0; }, "start");
     ClearInterrupts(kI2CIsrBusNotBusy);
   }
 
@@ -153,11 +162,9 @@ uint32_t I2CController::ReceiveBytes(uint8_t *buffer, uint32_t count, uint32_t o
   uint32_t left = count;
   while (left > 0) {
     uint32_t stopMask = left == 1 ? kReceiveLastStopMask : kReceiveStopMask;
-    for (;;) {
-      uint32_t status = Read(kI2CIsr);
-      if (status & kI2CIsrRxFifoFull) break;
-      if (status & stopMask) return left;
-    }
+    uint32_t status = 0;
+    Await([&] { return ((status = Read(kI2CIsr)) & (kI2CIsrRxFifoFull | stopMask)) != 0; }, "receive");
+    if (!(status & kI2CIsrRxFifoFull)) return left;
     uint32_t control = Read(kI2CControl);
     if (left == 1 && option == kI2CEndWithStop) Write(kI2CControl, kI2CControlEnable);
     // The controller holds the next byte back until this one is read, so the
@@ -171,8 +178,7 @@ uint32_t I2CController::ReceiveBytes(uint8_t *buffer, uint32_t count, uint32_t o
     left--;
   }
   if (option == kI2CEndWithStop) {
-    while (!(Read(kI2CIsr) & kI2CIsrBusNotBusy)) {
-    }
+    Await([&] { return (Read(kI2CIsr) & kI2CIsrBusNotBusy) != 0; }, "stop");
   }
   return 0;
 }

@@ -55,8 +55,21 @@ uint64_t FeedbackThousandths(uint32_t feedback) {
 uint64_t OutputThousandths(uint32_t output) { return (output & 0xFF) * 1000ull + ((output >> 8) & 0x3FF); }
 uint64_t InputDivider(uint32_t feedback) { return feedback & 0xFF; }
 
-void WaitWhileMmcmBusy(BRYLDMADevice *device, uint32_t base) {
-  while (Read(device, base + kMmcmLoad) & kMmcmLoadBusy) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+// A healthy MMCM is busy for microseconds; one still busy after this long is
+// stuck, or the board is gone.
+constexpr auto kMmcmBusyLimit = std::chrono::milliseconds(100);
+
+// False, with the device marked, when the MMCM stays busy past the limit.
+bool WaitWhileMmcmBusy(BRYLDMADevice *device, uint32_t base) {
+  auto deadline = std::chrono::steady_clock::now() + kMmcmBusyLimit;
+  while (Read(device, base + kMmcmLoad) & kMmcmLoadBusy) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      device->stuckWait = "the clock (MMCM) stayed busy for 100 ms";
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 }  // namespace
@@ -258,11 +271,12 @@ uint64_t SetMmcmClockHz(BRYLDMADevice *device, uint64_t referenceHz, uint32_t ba
   uint32_t fraction = static_cast<uint32_t>(d % 1000);
   output = (output & 0xFFFC0000u) | whole | ((fraction & 0xFF) << 8) | (((fraction >> 8) & 3) << 16);
 
-  if (wait) WaitWhileMmcmBusy(device, base);
+  // A new setting is never written into an MMCM that is still busy.
+  if (wait && !WaitWhileMmcmBusy(device, base)) return 0;
   if (multiplier != 0) Write(device, base + kMmcmFeedbackConfig, feedback);
   Write(device, base + kMmcmOutputConfig, output);
   Write(device, base + kMmcmLoad, kMmcmLoadApply);
-  if (wait) WaitWhileMmcmBusy(device, base);
+  if (wait && !WaitWhileMmcmBusy(device, base)) return 0;
   return reached;
 }
 

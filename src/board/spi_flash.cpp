@@ -77,6 +77,11 @@ void SPIFlash::WaitReady(double timeoutSeconds) {
   }
 }
 
+void SPIFlash::CheckNoError(const std::string &what) {
+  WaitReady(kTimeoutSeconds);
+  if (ReadStatus() & kStatusErrors) Fail("Flash indicated an error while " + what);
+}
+
 void SPIFlash::WriteEnable() {
   BeginCommand(kWriteEnable);
   Execute(0, kTimeoutSeconds);
@@ -135,16 +140,13 @@ void SPIFlash::Erase(uint32_t start, uint64_t size) {
   while (offset < size) {
     WriteEnable();
     EraseSector(static_cast<uint32_t>(start + offset));
+    CheckNoError("erasing the sector at " + std::to_string(start + offset));
     offset += kSectorSize;
     // Past 1.0 on a last sector that the size only partly covers.
     ReportProgress("Erased Sector", static_cast<double>(offset) / static_cast<double>(size));
     sectors++;
   }
   ReportProgress("Erased " + std::to_string(sectors) + " sectors", 1.0);
-  WaitReady(kTimeoutSeconds);
-  if (ReadStatus() & kStatusErrors) {
-    ReportProgress("Warning: Flash indicated an error while erasing", std::numeric_limits<double>::quiet_NaN());
-  }
 }
 
 void SPIFlash::Write(uint32_t start, const uint8_t *data, uint64_t size) {
@@ -162,15 +164,40 @@ void SPIFlash::Write(uint32_t start, const uint8_t *data, uint64_t size) {
       AppendAddress(address);
       AppendBytes(page, count);
       Execute(0, kTimeoutSeconds);
+      CheckNoError("writing the page at " + std::to_string(address));
     }
     address += static_cast<uint32_t>(count);
     offset += count;
     ReportProgress("Wrote " + std::to_string(offset) + " bytes",
                    static_cast<double>(offset) / static_cast<double>(size));
   }
-  // Read at once, without waiting: the last page may still be programming,
-  // and an error of that page can then go unseen.
-  if (ReadStatus() & kStatusErrors) {
-    ReportProgress("Warning: Flash indicated an error while writing", std::numeric_limits<double>::quiet_NaN());
+}
+
+void SPIFlash::Read(uint32_t start, uint8_t *out, uint64_t size) {
+  std::lock_guard<std::mutex> guard(mutex);
+  uint64_t offset = 0;
+  while (offset < size) {
+    uint64_t count = std::min<uint64_t>(kPageSize, size - offset);
+    BeginCommand(kRead4);
+    AppendAddress(static_cast<uint32_t>(start + offset));
+    const uint8_t *bytes = Execute(count, kTimeoutSeconds);
+    std::copy(bytes, bytes + count, out + offset);
+    offset += count;
+    if (offset % kSectorSize == 0 || offset == size) {
+      ReportProgress("Read back " + std::to_string(offset) + " bytes",
+                     static_cast<double>(offset) / static_cast<double>(size));
+    }
   }
+}
+
+uint64_t SPIFlash::Capacity() {
+  std::lock_guard<std::mutex> guard(mutex);
+  BeginCommand(kReadIdentification);
+  const uint8_t *id = Execute(3, kTimeoutSeconds);
+  // The third byte codes the size: 2^code bytes up to 0x19 (32 MiB); the
+  // larger chips go on in decimal-looking steps (0x20 is 64 MiB).
+  uint8_t code = id[2];
+  if (code >= 0x10 && code <= 0x19) return uint64_t{1} << code;
+  if (code >= 0x20 && code <= 0x22) return uint64_t{1} << (code - 0x20 + 26);
+  return 0;
 }

@@ -36,6 +36,8 @@ class SPIFlash {
     kReadStatus = 0x05,
     kWriteEnable = 0x06,
     kPageProgram4 = 0x12,
+    kRead4 = 0x13,
+    kReadIdentification = 0x9F,
     kClearStatusFamily1 = 0x30,
     kClearStatus = 0x50,
     kWriteConfiguration = 0x81,
@@ -55,8 +57,14 @@ class SPIFlash {
   // and past start + size.
   void Erase(uint32_t start, uint64_t size);
   // Pages are cut from `start` on; a page of nothing but 0xFF is skipped, as
-  // erased flash reads so already.
+  // erased flash reads so already. An erase or program that the chip flags
+  // as failed throws, as every other failure does.
   void Write(uint32_t start, const uint8_t *data, uint64_t size);
+  // Reads the chip back into `out`.
+  void Read(uint32_t start, uint8_t *out, uint64_t size);
+  // The chip's size in bytes from its identification, 0 when the code is
+  // not one the library knows.
+  uint64_t Capacity();
 
  private:
   void BeginCommand(uint8_t command);
@@ -69,6 +77,8 @@ class SPIFlash {
   void ClearStatus();
   uint8_t ReadStatus();
   void WaitReady(double timeoutSeconds);
+  // Waits for the chip and throws `what` when it flags an erase or program error.
+  void CheckNoError(const std::string &what);
   void ReportProgress(const std::string &message, double fraction);
 
   std::mutex mutex;

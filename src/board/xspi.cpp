@@ -1,6 +1,7 @@
 #include "board/xspi.h"
 
 #include <bit>
+#include <chrono>
 #include <cstring>
 
 #include "board/xil_io.h"
@@ -155,8 +156,19 @@ int XSpi_Transfer(XSpi *spi, const uint8_t *send, uint8_t *receive, unsigned byt
   Out(spi, XSP_SSR_OFFSET, spi->SlaveSelectReg);
 
   constexpr uint32_t kBothEmpty = XSP_SR_RX_EMPTY_MASK | XSP_SR_TX_EMPTY_MASK;
+  // A FIFO's worth shifts out in well under a millisecond; a controller that
+  // takes longer than this has stopped, and the transfer fails instead of
+  // hanging its caller.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+  auto stalled = [&] {
+    if (std::chrono::steady_clock::now() < deadline) return false;
+    Out(spi, XSP_SSR_OFFSET, spi->SlaveSelectMask);
+    spi->IsBusy = false;
+    return true;
+  };
   while (spi->RemainingBytes > 0) {
     while ((In(spi, XSP_SR_OFFSET) & kBothEmpty) != kBothEmpty) {
+      if (stalled()) return XST_FAILURE;
     }
     unsigned round = 0;
     while (spi->RemainingBytes > 0 && round < XSP_FIFO_DEPTH) {
@@ -166,6 +178,7 @@ int XSpi_Transfer(XSpi *spi, const uint8_t *send, uint8_t *receive, unsigned byt
     }
     Out(spi, XSP_CR_OFFSET, In(spi, XSP_CR_OFFSET) & ~XSP_CR_TRANS_INHIBIT_MASK);
     while (!(In(spi, XSP_IISR_OFFSET) & XSP_INTR_TX_EMPTY_MASK)) {
+      if (stalled()) return XST_FAILURE;
     }
     Out(spi, XSP_IISR_OFFSET, In(spi, XSP_IISR_OFFSET) | XSP_INTR_TX_EMPTY_MASK);
     Out(spi, XSP_CR_OFFSET, In(spi, XSP_CR_OFFSET) | XSP_CR_TRANS_INHIBIT_MASK);

@@ -10,6 +10,7 @@
 // Status codes.
 enum : int {
   XST_SUCCESS = 0,
+  XST_FAILURE = 1,
   XST_DEVICE_IS_STARTED = 5,
   XST_DEVICE_IS_STOPPED = 6,
   XST_DEVICE_BUSY = 21,

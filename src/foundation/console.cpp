@@ -32,6 +32,8 @@ sigset_t ConsoleSignals() {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGHUP);
+  // Control-\ stops the run like a termination request, boards ramped down.
+  sigaddset(&signals, SIGQUIT);
   return signals;
 }
 
@@ -44,6 +46,39 @@ void *SignalThread(void *) {
     g_ctrlHandler(EventForSignal(signal));
   }
   return nullptr;
+}
+
+// Keys such as Delete, F5 or the arrows arrive as escape sequences
+// (ESC [ ... final, ESC O final): read whole and dropped, so that their
+// letters and digits never act as keys. The state carries over between reads.
+enum class EscapeState { None, Escape, Csi, Ss3 };
+EscapeState g_escape = EscapeState::None;
+
+size_t DropEscapeSequences(char *keys, size_t count) {
+  size_t kept = 0;
+  for (size_t i = 0; i < count; i++) {
+    auto byte = static_cast<unsigned char>(keys[i]);
+    switch (g_escape) {
+      case EscapeState::None:
+        if (byte == 0x1b) {
+          g_escape = EscapeState::Escape;
+        } else {
+          keys[kept++] = static_cast<char>(byte);
+        }
+        break;
+      case EscapeState::Escape:
+        // ESC with another key (Alt) is no plain key either.
+        g_escape = byte == '[' ? EscapeState::Csi : byte == 'O' ? EscapeState::Ss3 : EscapeState::None;
+        break;
+      case EscapeState::Csi:
+        if (byte >= 0x40 && byte <= 0x7e) g_escape = EscapeState::None;
+        break;
+      case EscapeState::Ss3:
+        g_escape = EscapeState::None;
+        break;
+    }
+  }
+  return kept;
 }
 
 // A crash must not leave the operator's terminal without echo.
@@ -94,6 +129,10 @@ void VLConsoleBeginKeys() {
 
 bool VLConsoleHasKeys() { return g_terminalSaved.load(); }
 
+void VLConsoleDiscardInput() {
+  if (g_terminalSaved.load()) tcflush(STDIN_FILENO, TCIFLUSH);
+}
+
 size_t VLConsoleReadKeys(char *keys, size_t capacity) {
   if (!g_terminalSaved.load(std::memory_order_relaxed) || g_keysEnded.load(std::memory_order_relaxed)) {
     return 0;
@@ -106,7 +145,7 @@ size_t VLConsoleReadKeys(char *keys, size_t capacity) {
   }
   ssize_t count = read(STDIN_FILENO, keys, capacity);
   if (count == 0) g_keysEnded.store(true);  // the terminal is gone
-  return count > 0 ? static_cast<size_t>(count) : 0;
+  return count > 0 ? DropEscapeSequences(keys, static_cast<size_t>(count)) : 0;
 }
 
 void VLConsoleRestore() {

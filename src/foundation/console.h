@@ -29,6 +29,10 @@ bool VLConsoleSetCtrlHandler(VLConsoleCtrlHandler handler);
 // VLConsoleRestore.
 void VLConsoleBeginKeys();
 
+// Throws away keys typed but not yet read, so that an answer can only come
+// after its question.
+void VLConsoleDiscardInput();
+
 // True when keys are read: standard input is a terminal in single-key mode.
 bool VLConsoleHasKeys();
 

@@ -6,6 +6,21 @@
 #include "foundation/object_internal.h"
 #include "foundation/text.h"
 
+std::string VLThousands(uint64_t value) {
+  // Built from the right in a buffer: 20 digits and 6 commas at most.
+  char text[32];
+  char *at = text + sizeof text;
+  *--at = '\0';
+  int digits = 0;
+  do {
+    if (digits > 0 && digits % 3 == 0) *--at = ',';
+    *--at = static_cast<char>('0' + value % 10);
+    value /= 10;
+    digits++;
+  } while (value != 0);
+  return at;
+}
+
 size_t VLFormatBuffer(char *buffer, size_t size, const char *format, ...) {
   if (!buffer || size == 0) return 0;
   va_list args;

@@ -4,11 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "foundation/object.h"
 
 // Formats into `buffer`, cut to `size`, and returns strlen of the result. The
 // byte after the terminator is cleared too when it lies inside `size`.
+// A count with thousands separated by commas, as "1,000".
+std::string VLThousands(uint64_t value);
+
 size_t VLFormatBuffer(char *buffer, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 // Occurrences of `separator` in `text`, overlapping ones included ("aa"

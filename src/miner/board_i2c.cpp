@@ -1,5 +1,9 @@
 #include "miner/board_i2c.h"
 
+#include <cmath>
+
+#include "miner/governor.h"
+
 void BoardI2CBringUp(I2CController &controller, BoardModel model) {
   if (model != kI2CRegulatorModel) return;
   controller.Reset();
@@ -10,8 +14,10 @@ void BoardI2CTelemetry(I2CController &controller, Worker &worker) {
   if (worker.model != kI2CRegulatorModel) return;
   double result = 0.0;
   for (uint8_t address : kI2CRegulatorSensors) {
-    double reading = ReadBoardTemperature(controller, address);
-    double stored = worker.vrmTemperature;
+    // A reading no sensor can give (a glitch, a failed transfer) is left out.
+    double reading = ValidVrmTemperature(ReadBoardTemperature(controller, address));
+    if (std::isnan(reading)) continue;
+    double stored = std::isnan(worker.vrmTemperature) ? 0.0 : worker.vrmTemperature.load();
     // On a tie the stored value stands.
     result = reading > stored ? reading : stored;
   }

@@ -7,6 +7,7 @@
 
 #include "foundation/colour.h"
 #include "foundation/console.h"
+#include "miner/run_records.h"
 
 void SetConsoleColor(int code) {
   const char *sequence = nullptr;
@@ -25,10 +26,20 @@ void SetConsoleColor(int code) {
 
 void ConsumeKeys(const std::function<void(char)> &callback) {
   constexpr size_t kMaxKeysPerRead = 64;
+  // A held key repeats faster than this; a second press of the same key
+  // comes later. Each repeat moves the window on.
+  constexpr auto kRepeatWindow = std::chrono::milliseconds(150);
+  static char lastKey = 0;
+  static std::chrono::steady_clock::time_point lastSeen;
   char keys[kMaxKeysPerRead];
   size_t count = VLConsoleReadKeys(keys, sizeof keys);
+  auto now = std::chrono::steady_clock::now();
   for (size_t i = 0; i < count; i++) {
-    if (keys[i] != 0) callback(keys[i]);
+    if (keys[i] == 0) continue;
+    bool repeat = keys[i] == lastKey && now - lastSeen < kRepeatWindow;
+    lastKey = keys[i];
+    lastSeen = now;
+    if (!repeat) callback(keys[i]);
   }
 }
 
@@ -42,8 +53,8 @@ char InterruptableDelay(uint64_t seconds, const char *keys) {
   };
 
   constexpr uint64_t kUnitsPerSecond = 10;
-  for (uint64_t second = 0; second < seconds; second++) {
-    for (uint64_t unit = 0; unit < kUnitsPerSecond; unit++) {
+  for (uint64_t second = 0; second < seconds && g_runState == RunStateRunning; second++) {
+    for (uint64_t unit = 0; unit < kUnitsPerSecond && g_runState == RunStateRunning; unit++) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
       ConsumeKeys(takeKey);
       if (taken != 0) {

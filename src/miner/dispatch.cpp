@@ -70,6 +70,9 @@ void BookInvalidNonce(WorkerLoop &loop, Worker &worker, uint32_t reported) {
   VL_LOG(VLLogLevelError, kTag, "Worker %llu - share was invalid with nonce %08x",
          static_cast<unsigned long long>(worker.id + 1), reported);
   ++worker.invalid;
+  // The step of the pass: a crash below clears `enabled`, and the tuning fall
+  // must not turn into a normal step because of it.
+  uint64_t step = loop.passStep;
   if (reported == kAllOnes && ++loop.crashCount == kCrashReports) {
     // A board that fell off the bus reads as all ones.
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Worker %llu has crashed, disabling...",
@@ -77,7 +80,6 @@ void BookInvalidNonce(WorkerLoop &loop, Worker &worker, uint32_t reported) {
     worker.enabled = false;
   }
   if (worker.tuning != TuningOff) {
-    uint64_t step = ClockStep(worker);
     worker.tuning = TuningDone;
     if (step < worker.targetClockHz) worker.targetClockHz -= step;
   }

@@ -33,6 +33,8 @@ struct WorkerLoop {
   uint64_t throttleMHz = 0;
   uint64_t cores = 1;
   I2CController *i2c = nullptr;  // the board's I2C bus, alive as long as the thread
+  uint64_t passStep = 0;         // the clock step of this pass
+  uint64_t temperatureSeenAt = 0;  // monotonic seconds of the last valid core temperature
 };
 
 // The time one core takes through 2^32 nonces at `hashRateMHs`, trimmed so

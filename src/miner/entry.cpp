@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -153,11 +154,19 @@ int MinerMain(int argc, char **argv) {
   std::string whitelist;
   if (argc > 7) whitelist = argv[7];
 
-  LoadFlashCatalogue(context);
+  try {
+    if (!LoadFlashCatalogue(context)) return 1;
+  } catch (const std::filesystem::filesystem_error &error) {
+    // A model's folder is missing: the run ends, with the reason, not a crash.
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "%s", error.what());
+    return 1;
+  }
   ScanDevices(context, recovery, whitelist);
 
-  if (recovery) {
+  // A recovery run ends here, and so does a run stopped during the scan.
+  if (recovery || g_runState != RunStateRunning) {
     LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Exiting");
+    g_runState = RunStateFinished;
     return 0;
   }
   if (context.workers.empty()) {

@@ -7,6 +7,7 @@
 
 #include "board/registers.h"
 #include "foundation/logger.h"
+#include "miner/console_io.h"
 
 namespace {
 
@@ -46,7 +47,14 @@ void KeepWithinBudget(std::vector<FlashImage> &images) {
 
 }  // namespace
 
-void LoadFlashCatalogue(MiningContext &context) {
+bool LoadFlashCatalogue(MiningContext &context) {
+  std::error_code error;
+  if (!std::filesystem::is_directory("./bitstreams", error)) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, "Miner",
+              "The folder ./bitstreams is missing: run the miner from the folder that holds bitstreams/, or create "
+              "it with one folder per board model (see bitstreams/README.md)");
+    return false;
+  }
   std::vector<std::string> identities = ModelIdentities();
   std::sort(identities.begin(), identities.end());
   for (const std::string &identity : identities) {
@@ -76,4 +84,5 @@ void LoadFlashCatalogue(MiningContext &context) {
     KeepWithinBudget(images);
     if (images.empty()) context.flashImages.erase(model);
   }
+  return true;
 }

@@ -1,9 +1,13 @@
 #include "miner/flash_offer.h"
 
+#include <cmath>
+
 #include "board/flash_device.h"
 #include "board/registers.h"
 #include "foundation/logger.h"
+#include "foundation/console.h"
 #include "miner/console_io.h"
+#include "miner/governor.h"
 
 namespace {
 
@@ -66,6 +70,8 @@ void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *d
   }
 
   if (!flags.asked) {
+    // Only a key pressed once the question shows counts as the answer.
+    VLConsoleDiscardInput();
     PrintBanner(kConsentBanner);
     if (InterruptableDelay(kConsentSeconds, "yn") == 'y') flags.consent = true;
     // Asked once per run, whatever the answer; silence is no.
@@ -77,24 +83,45 @@ void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *d
     return;
   }
 
-  double temperature = GetCoreTemperature(device, IsNarrowFamily(model));
-  if (temperature > kFlashTemperatureLimit) {
-    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
-              "The core temperature of device %llu is %0.2f *C, which exceeds the flashing safety threshold. "
-              "Refusing to flash",
-              shown, temperature);
-    return;
-  }
+  // Checked now and again right before every erase: a board whose sensor
+  // can't be read is not known to be cool.
+  auto coolEnough = [&] {
+    double temperature = ValidCoreTemperature(GetCoreTemperature(device, IsNarrowFamily(model)));
+    if (std::isnan(temperature)) {
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
+                "The core temperature of device %llu can't be read. Refusing to flash", shown);
+      return false;
+    }
+    if (temperature > kFlashTemperatureLimit) {
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
+                "The core temperature of device %llu is %0.2f *C, which exceeds the flashing safety threshold. "
+                "Refusing to flash",
+                shown, temperature);
+      return false;
+    }
+    return true;
+  };
+  if (!coolEnough()) return;
 
   VL_LOG(VLLogLevelInfo, kTag, "Flashing device %llu", shown);
   const MappedFile &file = image->second.file;
-  if (FlashDevice(device, mode.flashType, file.Data(), file.Size(), kFlashAttempts, mode.flashFamily)) {
-    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Successfully flashed device %llu, please power cycle it",
-              shown);
-    flags.flashed = true;
-  } else {
-    // The flow can't tell "nothing to do" from a failure, hence one colour.
-    LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Device %llu did not need flashing or failed", shown);
+  FlashResult result = FlashDevice(device, mode.flashType, file.Data(), file.Size(), kFlashAttempts,
+                                   mode.flashFamily, coolEnough);
+  switch (result.outcome) {
+    case FlashOutcome::Written:
+      LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag,
+                "Successfully flashed device %llu, please power cycle it", shown);
+      flags.flashed = true;
+      break;
+    case FlashOutcome::Incomplete:
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "%s", result.reason.c_str());
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
+                "flash of device %llu is incomplete; the board needs a new flash before a power cycle", shown);
+      break;
+    case FlashOutcome::NotStarted:
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Device %llu was not flashed: %s", shown,
+                result.reason.c_str());
+      break;
   }
 }
 

@@ -1,6 +1,8 @@
 #include "miner/governor.h"
 
 #include <chrono>
+#include <cmath>
+#include <limits>
 #include <thread>
 
 #include "foundation/logger.h"
@@ -96,6 +98,18 @@ uint64_t NextThrottleMHz(const SensorReadings &readings, const ThermalLimits &li
   return throttleMHz != 0 && recovered ? throttleMHz - 1 : throttleMHz;
 }
 
+namespace {
+
+double Within(double value, double lowest, double highest) {
+  return value >= lowest && value <= highest ? value : std::numeric_limits<double>::quiet_NaN();
+}
+
+}  // namespace
+
+double ValidCoreTemperature(double celsius) { return Within(celsius, -40.0, 125.0); }
+double ValidVrmTemperature(double celsius) { return Within(celsius, -40.0, 150.0); }
+double ValidVccint(double volts) { return Within(volts, 0.5, 1.5); }
+
 double VrmTemperatureFromAux6(uint32_t raw) {
   double x = raw >> 4;
   return ((x + 897.25) * 1.90575 / 4096.0) * 400.0 - 272.15;
@@ -104,10 +118,11 @@ double VrmTemperatureFromAux6(uint32_t raw) {
 void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
                 uint64_t refClockHz, uint64_t &throttleMHz) {
   bool narrow = IsNarrowFamily(worker.model);
-  worker.coreTemperature = GetCoreTemperature(device, narrow);
-  worker.vccint = GetVccInt(device, narrow);
+  worker.coreTemperature = ValidCoreTemperature(GetCoreTemperature(device, narrow));
+  worker.vccint = ValidVccint(GetVccInt(device, narrow));
   if (IsWideFamily(worker.model)) {
-    worker.vrmTemperature = VrmTemperatureFromAux6(BRYLDMADeviceRead(device, device->userFile, kRegXadcAux6));
+    worker.vrmTemperature =
+        ValidVrmTemperature(VrmTemperatureFromAux6(BRYLDMADeviceRead(device, device->userFile, kRegXadcAux6)));
   }
   uint64_t measuredClockHz = GetMmcmClockHz(device, refClockHz, kMmcmBase);
   BoardI2CTelemetry(i2c, worker);

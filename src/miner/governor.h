@@ -44,11 +44,19 @@ bool IsCooking(const SensorReadings &readings, const ThermalLimits &limits);
 uint64_t NextThrottleMHz(const SensorReadings &readings, const ThermalLimits &limits, uint64_t throttleMHz,
                          uint64_t targetClockHz);
 
+// Readings the hardware can give; anything else, the value of a failed read
+// included, is no reading, kept as NaN. Core -40 to 125 C, regulator -40 to
+// 150 C, VCCINT 0.5 to 1.5 V.
+double ValidCoreTemperature(double celsius);
+double ValidVrmTemperature(double celsius);
+double ValidVccint(double volts);
+
 // The regulator temperature of the wide family from auxiliary channel 6.
 double VrmTemperatureFromAux6(uint32_t raw);
 
-// Reads the sensors into the worker, stores the heartbeat and applies the
-// thermal rule to `throttleMHz`, logging while the board cooks.
+// Reads the sensors into the worker (NaN for no reading), stores the
+// heartbeat and applies the thermal rule to `throttleMHz`, logging while the
+// board cooks. Throws what the board's I2C bus throws.
 void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
                 uint64_t refClockHz, uint64_t &throttleMHz);
 

@@ -117,7 +117,8 @@ void ScanDevices(MiningContext &context, bool recovery, const std::string &white
             static_cast<unsigned long long>(paths->size()));
 
   FlashOfferFlags flags;
-  for (uint64_t index = 0; index < paths->size(); index++) {
+  // A stop asked for during the scan ends it at the next board.
+  for (uint64_t index = 0; index < paths->size() && g_runState == RunStateRunning; index++) {
     ScanDevice(flags, context, recovery, whitelist, *paths, index, 0);
   }
   FinishFlashOffers(flags);

@@ -1,5 +1,8 @@
 #include "miner/status_table.h"
 
+#include <cmath>
+#include <cstdio>
+
 #include "foundation/logger.h"
 #include "board/registers.h"
 #include "miner/console_io.h"
@@ -25,6 +28,21 @@ const char *BelowColor(double value, double red, double yellow) {
   if (value < yellow) return kYellow;
   return kPlain;
 }
+
+// A sensor value as the table shows it: "--", right-aligned in the same
+// width, for a value the board did not give (NaN).
+struct Reading {
+  char text[16];
+  Reading(double value, const char *format) {
+    if (std::isnan(value)) {
+      int width = 0;
+      sscanf(format, "%%%d", &width);
+      snprintf(text, sizeof text, "%*s", width, "--");
+    } else {
+      snprintf(text, sizeof text, format, value);
+    }
+  }
+};
 
 struct StateLine {
   ConsoleColor color;
@@ -93,12 +111,15 @@ RowReadings PrintRow(Worker &worker, unsigned long long number) {
   CounterDelta accepted = TakeCounter(worker.sharesAccepted, shown.sharesAccepted);
   CounterDelta rejected = TakeCounter(worker.sharesRejected, shown.sharesRejected);
 
+  Reading core(coreTemperature, "%4.1f");
+  Reading vrm(vrmTemperature, "%5.1f");
+  Reading volts(vccint, "%4.2f");
   VL_LOG(VLLogLevelInfo, kTag,
-         "%2llu |  %s | %s%4.1f C\x1b[0m | %s%5.1f C\x1b[0m | %s%4.2f V\x1b[0m |  %3.0f / %3.0f  | %8.2f MH/s | "
+         "%2llu |  %s | %s%s C\x1b[0m | %s%s C\x1b[0m | %s%s V\x1b[0m |  %3.0f / %3.0f  | %8.2f MH/s | "
          "%5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu)",
-         number, worker.modelName.c_str(), AboveColor(coreTemperature, 75.0, 70.0), coreTemperature,
-         AboveColor(vrmTemperature, 120.0, 110.0), vrmTemperature, BelowColor(vccint, vccintRed, vccintYellow),
-         vccint, static_cast<double>(worker.currentClockHz.load()) / 1000.0 / 1000.0,
+         number, worker.modelName.c_str(), AboveColor(coreTemperature, 75.0, 70.0), core.text,
+         AboveColor(vrmTemperature, 120.0, 110.0), vrm.text, BelowColor(vccint, vccintRed, vccintYellow),
+         volts.text, static_cast<double>(worker.currentClockHz.load()) / 1000.0 / 1000.0,
          static_cast<double>(worker.targetClockHz.load()) / 1000.0 / 1000.0, hashRateMHs,
          found.value, found.sinceShown, accepted.value, accepted.sinceShown, invalid.value, invalid.sinceShown,
          rejected.value, rejected.sinceShown);

@@ -1,13 +1,17 @@
 #include "miner/worker.h"
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "foundation/compat.h"
 #include "foundation/logger.h"
 #include "foundation/vltime.h"
+#include "miner/console_io.h"
 #include "miner/dispatch.h"
 #include "miner/governor.h"
 
@@ -16,6 +20,9 @@ namespace {
 constexpr uint64_t kSensorPassEvery = 100;
 constexpr uint64_t kPassesBeforeClockSteps = 2000;
 constexpr uint64_t kIdentityLedOnPasses = 0;
+// A healthy board never fails a read; this many in a row is a board gone.
+constexpr uint64_t kFailedReadsToTakeOut = 100;
+constexpr uint64_t kSecondsWithoutTemperature = 5;
 
 void SleepMs(int64_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
@@ -66,14 +73,50 @@ void StopBoard(WorkerLoop &loop, Worker &worker) {
   VL_LOG(VLLogLevelInfo, loop.logTag, "Stopped");
 }
 
+// Takes a failing board out like a crashed one: one red line naming the
+// cause, then the clock goes down to the floor and the board stops. The other
+// boards mine on.
+void TakeOut(WorkerLoop &loop, Worker &worker, const std::string &cause) {
+  if (!worker.enabled) return;
+  LOG_COLOR(ConsoleColorRed, VLLogLevelError, loop.logTag, "Worker %llu: %s; clock to the floor, stopping the board",
+            static_cast<unsigned long long>(worker.id + 1), cause.c_str());
+  worker.enabled = false;
+}
+
+// The board's health after what this pass read: reads that keep failing, a
+// wait on the hardware that ran out, or no core temperature for a while.
+void CheckHealth(WorkerLoop &loop, Worker &worker) {
+  const BRYLDMADevice *device = worker.device.get();
+  if (device->failedReadsInARow >= kFailedReadsToTakeOut) {
+    char cause[96];
+    snprintf(cause, sizeof cause, "register reads keep failing (at 0x%llx)",
+             static_cast<unsigned long long>(device->lastFailedAddress));
+    TakeOut(loop, worker, cause);
+  } else if (device->stuckWait != nullptr) {
+    TakeOut(loop, worker, device->stuckWait);
+  }
+  uint64_t now = VLTimeSeconds();
+  if (!std::isnan(worker.coreTemperature.load())) {
+    loop.temperatureSeenAt = now;
+  } else if (now - loop.temperatureSeenAt >= kSecondsWithoutTemperature) {
+    TakeOut(loop, worker, "no valid core temperature for 5 s, treated as hot");
+  }
+}
+
 // One pass of the loop; false once the board has stopped.
 bool RunPass(WorkerLoop &loop, MiningContext &context, Worker &worker) {
   BRYLDMADevice *device = worker.device.get();
   uint64_t step = ClockStep(worker);
+  loop.passStep = step;
 
   if (loop.loopCount % kSensorPassEvery == 0) {
-    SensorPass(device, *loop.i2c, worker, loop.logTag, loop.refClockHz, loop.throttleMHz);
+    try {
+      SensorPass(device, *loop.i2c, worker, loop.logTag, loop.refClockHz, loop.throttleMHz);
+    } catch (const std::runtime_error &error) {
+      TakeOut(loop, worker, error.what());
+    }
   }
+  CheckHealth(loop, worker);
 
   uint64_t desiredClockHz = DesiredClockHz(worker, step, loop.throttleMHz, loop.loopCount);
   if (!worker.enabled && worker.currentClockHz == 0) {
@@ -147,7 +190,12 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
   loop.slots[0].base = JobSlotBase(0);
   loop.refClockHz = RefClockHz(worker);
   loop.mmcmMultiplier = MmcmMultiplier(worker);
-  BringUpClock(loop.slots, device, worker, loop.logTag, loop.refClockHz, loop.mmcmMultiplier, i2c);
+  loop.temperatureSeenAt = VLTimeSeconds();
+  try {
+    BringUpClock(loop.slots, device, worker, loop.logTag, loop.refClockHz, loop.mmcmMultiplier, i2c);
+  } catch (const std::runtime_error &error) {
+    TakeOut(loop, worker, error.what());
+  }
 
   SetState(worker, WorkerStateFinalPreparation);
   loop.cores = CoreCount(worker.model);

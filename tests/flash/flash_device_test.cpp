@@ -2,6 +2,7 @@
 // the flash type says, in the order it says, and the board boots it after a
 // power cycle.
 #include <fstream>
+#include <functional>
 
 #include "board/flash_device.h"
 #include "board/spi_flash.h"
@@ -35,14 +36,16 @@ std::vector<uint8_t> ReadFile(const std::filesystem::path &path, uint64_t offset
 
 class FlashDeviceTest : public SimBoardTest {
  protected:
-  // Runs the flow with its console output kept out of the test's.
+  // Runs the flow with its console output kept out of the test's; true when
+  // the image was written and read back.
   bool Flash(BRYLDMADevice *device, uint32_t type, const std::vector<uint8_t> &image, uint64_t attempts = 3,
-             uint8_t family = 1) {
+             uint8_t family = 1, std::function<bool()> mayErase = [] { return true; }) {
     testing_support::StreamCapture capture;
-    bool result = FlashDevice(device, type, image.data(), image.size(), attempts, family);
+    result_ = FlashDevice(device, type, image.data(), image.size(), attempts, family, mayErase);
     output_ = capture.Out();
-    return result;
+    return result_.outcome == FlashOutcome::Written;
   }
+  FlashResult result_;
   std::string output_;
 };
 
@@ -142,6 +145,43 @@ TEST_F(FlashDeviceTest, PowerCycledBoardBootsTheFlashedImage) {
   device = Open();
   EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), kCkbWord);
   std::filesystem::remove_all(dir);
+}
+
+// Every way a flash can go wrong ends in a result that says so: refused
+// before anything changed, or incomplete, never written.
+TEST_F(FlashDeviceTest, FailuresAreNeverReportedAsSuccess) {
+  struct Case {
+    const char *board;
+    size_t imageSize;
+    uint64_t attempts;
+    bool mayErase;
+    FlashOutcome outcome;
+    const char *reason;
+  };
+  const Case cases[] = {
+      // 8 MiB chip: one byte too many is refused before any erase.
+      {"xdma0 model=7 flash_size=0x800000", 0x800001, 3, true, FlashOutcome::NotStarted, "does not fit the flash"},
+      {"xdma0 model=7 flash_size=0x800000", 4096, 3, false, FlashOutcome::NotStarted, "erasing was not safe"},
+      {"xdma0 model=7 flash_size=0x800000", 0, 3, true, FlashOutcome::NotStarted, "does not fit the flash"},
+      {"xdma0 model=7 flash_size=0x800000 program_error=1", 4096, 2, true, FlashOutcome::Incomplete,
+       "error while writing"},
+      {"xdma0 model=7 flash_size=0x800000 erase_error=1", 4096, 1, true, FlashOutcome::Incomplete,
+       "error while erasing"},
+      {"xdma0 model=7 flash_size=0x800000 flash_stuck=1", 4096, 1, true, FlashOutcome::NotStarted,
+       "Timeout waiting for flash ready"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.board);
+    Start(std::string(c.board) + "\n");
+    std::vector<uint8_t> image = RandomImage(c.imageSize, 16);
+    EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image, c.attempts, 0, [&] { return c.mayErase; }));
+    EXPECT_EQ(result_.outcome, c.outcome);
+    EXPECT_NE(result_.reason.find(c.reason), std::string::npos) << result_.reason;
+    if (c.outcome == FlashOutcome::NotStarted) {
+      EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kSectorErase4).empty());
+    }
+    TearDown();
+  }
 }
 
 }  // namespace

@@ -143,6 +143,8 @@ TEST_F(OfferFlashTest, HotBoardIsRefusedAndOthersGoOn) {
 
 TEST_F(OfferFlashTest, SilenceIsNoAndIsNotAskedAgain) {
   auto child = Run();
+  // Typed before the question: thrown away, not taken as the answer.
+  child->Type("y");
   ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
   EXPECT_EQ(child->Wait(std::chrono::seconds(50)), 3) << child->Output();
   const std::string &out = child->Output();

@@ -170,21 +170,6 @@ TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
   EXPECT_EQ(progress_[2].message, "Erased 2 sectors");
 }
 
-TEST_F(SpiFlashTest, ChipErrorBitsAreWarningsNotFailures) {
-  std::string error;
-  ASSERT_TRUE(boards_->RunCommand("xdma0 erase_error=1 program_error=1", &error)) << error;
-  Init(1);
-  std::vector<uint8_t> data = RandomImage(300, 4);
-  flash_.Erase(0, data.size());
-  flash_.Write(0, data.data(), data.size());
-  std::vector<std::string> warnings;
-  for (const auto &p : progress_) {
-    if (std::isnan(p.fraction)) warnings.push_back(p.message);
-  }
-  EXPECT_EQ(warnings, (std::vector<std::string>{"Warning: Flash indicated an error while erasing",
-                                                "Warning: Flash indicated an error while writing"}));
-}
-
 TEST_F(SpiFlashTest, ChipThatStaysBusyTimesOut) {
   Init(1);
   std::string error;
