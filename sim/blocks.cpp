@@ -123,6 +123,8 @@ class XadcBlock : public RegisterBlock {
 
   uint32_t Read(uint32_t offset) override {
     if (offset >= 0x300) return config_[(offset - 0x300) / 4];
+    bool sensor = offset == kTemperature || offset == kVccInt || offset == kAux6;
+    if (sensor && fpga_.SensorGlitch()) return 0xFFF0;  // a single wild reading
     switch (offset) {
       case kTemperature: return Result((fpga_.CoreTemperature() + 273.15) * 4096.0 / 503.975);
       case kVccInt: return Result(fpga_.VccInt() * 4096.0 / 3.0);
@@ -160,6 +162,7 @@ class SysmonBlock : public RegisterBlock {
   explicit SysmonBlock(Fpga &fpga) : fpga_(fpga) {}
 
   uint32_t Read(uint32_t offset) override {
+    if (offset <= 0x4 && fpga_.SensorGlitch()) return 0xFFFF;  // a single wild reading
     switch (offset) {
       case 0x0: return Code((fpga_.CoreTemperature() + 279.4265768) * 65536.0 / 507.592131, 65535);
       case 0x4: return SupplyCode(fpga_.VccInt()) << 4;

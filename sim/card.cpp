@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <thread>
 
 #include "sim/blocks.h"
 #include "sim/iic.h"
@@ -52,6 +56,46 @@ Card::Card(const CardSpec &setup, TimeSource time) : spec_(setup), time_(time) {
   for (uint32_t i = 1; i < kMaxFpgas; i++) {
     if (setup.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(setup.fpga[i], false, 0, time);
   }
+  started_ = Now();
+  for (TimedSetting timed : setup.timed) {
+    timed.afterSeconds += started_;
+    pending_.push_back(timed);
+  }
+}
+
+double Card::Now() const {
+  if (time_) return time_();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+void Card::Advance() {
+  accesses_++;
+  if (pending_.empty()) return;
+  double now = Now();
+  for (size_t i = 0; i < pending_.size();) {
+    const TimedSetting &timed = pending_[i];
+    if (accesses_ >= timed.afterAccesses && now >= timed.afterSeconds) {
+      std::string ignored;
+      ApplyLocked(timed.fpga, timed.key, timed.value, &ignored);
+      pending_.erase(pending_.begin() + static_cast<long>(i));
+    } else {
+      i++;
+    }
+  }
+}
+
+bool Card::VanishedLocked() const { return vanishedUntil_ >= 0 && Now() < vanishedUntil_; }
+
+bool Card::Vanished() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return VanishedLocked();
+}
+
+uint32_t Card::FpgaOf(Node node, uint64_t position) const {
+  uint64_t index = 0;
+  if (node == Node::User) index = position >> kWindowShift;
+  if (node == Node::C2H || node == Node::H2C) index = position >> kFpgaDmaShift;
+  return static_cast<uint32_t>(index < kMaxFpgas ? index : 0);
 }
 
 bool Card::HasNode(Node node, uint32_t channel) const {
@@ -71,10 +115,25 @@ const Faults &Card::FaultsOf(uint32_t fpgaIndex) const {
 }
 
 int64_t Card::Read(Node node, uint32_t channel, uint64_t position, void *buffer, uint64_t size) {
-  std::lock_guard<std::mutex> guard(lock_);
+  int64_t result;
+  uint32_t delayMicros;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    Advance();
+    if (VanishedLocked()) return -ENODEV;
+    const Faults &faults = FaultsOf(FpgaOf(node, position));
+    delayMicros = faults.slowReadMicros;
+    result = ReadLocked(node, channel, position, static_cast<uint8_t *>(buffer), size);
+    if (result > 1 && faults.shortRead) result -= 1;
+  }
+  // Slow, not blocking: other users of the card go on meanwhile.
+  if (delayMicros) std::this_thread::sleep_for(std::chrono::microseconds(delayMicros));
+  return result;
+}
+
+int64_t Card::ReadLocked(Node node, uint32_t channel, uint64_t position, uint8_t *bytes, uint64_t size) {
   if (tracing_) trace_.push_back({node, channel, position, size, false});
   if (!HasNode(node, channel) || node == Node::H2C) return -EBADF;
-  auto *bytes = static_cast<uint8_t *>(buffer);
   int64_t faulted;
   switch (node) {
     case Node::Control:
@@ -113,9 +172,18 @@ int64_t Card::Read(Node node, uint32_t channel, uint64_t position, void *buffer,
 
 int64_t Card::Write(Node node, uint32_t channel, uint64_t position, const void *buffer, uint64_t size) {
   std::lock_guard<std::mutex> guard(lock_);
+  Advance();
+  if (VanishedLocked()) return -ENODEV;
+  const Faults &faults = FaultsOf(FpgaOf(node, position));
+  if (faults.writeFail && node != Node::Control) return -EIO;
+  // A short write moves nothing of a register: the word is not whole.
+  if (faults.shortWrite && size > 1 && node != Node::Control) return static_cast<int64_t>(size - 1);
+  return WriteLocked(node, channel, position, static_cast<const uint8_t *>(buffer), size);
+}
+
+int64_t Card::WriteLocked(Node node, uint32_t channel, uint64_t position, const uint8_t *bytes, uint64_t size) {
   if (tracing_) trace_.push_back({node, channel, position, size, true});
   if (!HasNode(node, channel) || node == Node::C2H) return -EBADF;
-  const auto *bytes = static_cast<const uint8_t *>(buffer);
   switch (node) {
     case Node::Control:
       if (position % 4 != 0 || size % 4 != 0) return -EINVAL;
@@ -209,18 +277,53 @@ bool Card::Apply(const Command &command, std::string *error) {
   // Settle the thermal state under the old settings before they change.
   fpga->Tick();
   for (const auto &[key, value] : command.settings) {
-    if (key == "power_cycle") {
-      if (value != "1") {
-        if (error) *error = "bad value for power_cycle: '" + value + "'";
-        return false;
-      }
-      PowerCycleLocked();
-      fpga = fpgas_[command.fpga].get();
+    TimedSetting timed;
+    std::string plain;
+    if (SplitTimedValue(value, &plain, &timed, error)) {
+      if (plain.empty()) return false;
+      FpgaSpec probe = fpga->Setup();
+      if (key != "vanish" && key != "power_cycle" && !ApplyRuntimeSetting(probe, key, plain, error)) return false;
+      timed.fpga = command.fpga;
+      timed.key = key;
+      timed.value = plain;
+      timed.afterAccesses += accesses_;
+      timed.afterSeconds += Now();
+      pending_.push_back(timed);
       continue;
     }
-    if (!ApplyRuntimeSetting(fpga->Setup(), key, value, error)) return false;
+    if (!ApplyLocked(command.fpga, key, value, error)) return false;
   }
   return true;
+}
+
+bool Card::ApplyLocked(uint32_t fpgaIndex, const std::string &key, const std::string &value, std::string *error) {
+  Fpga *fpga = fpgas_[fpgaIndex].get();
+  if (key == "power_cycle") {
+    if (value != "1") {
+      if (error) *error = "bad value for power_cycle: '" + value + "'";
+      return false;
+    }
+    PowerCycleLocked();
+    return true;
+  }
+  if (key == "vanish") {
+    double seconds = 0;
+    if (value == "on") {
+      vanishedUntil_ = std::numeric_limits<double>::infinity();
+    } else if (value == "off") {
+      vanishedUntil_ = -1.0;
+    } else {
+      char *end = nullptr;
+      seconds = strtod(value.c_str(), &end);
+      if (value.empty() || *end != '\0' || !(seconds >= 0)) {
+        if (error) *error = "bad value for vanish: '" + value + "'";
+        return false;
+      }
+      vanishedUntil_ = Now() + seconds;
+    }
+    return true;
+  }
+  return ApplyRuntimeSetting(fpga->Setup(), key, value, error);
 }
 
 void Card::PowerCycle() {

@@ -49,9 +49,15 @@ class Card {
   int64_t Write(Node node, uint32_t channel, uint64_t position, const void *buffer, uint64_t size);
 
   // Applies the settings of a command to this card's FPGA `fpga` while it
-  // runs: faults and thermal behaviour, and "power_cycle=1", which restarts
-  // the whole card (see PowerCycle).
+  // runs: faults and thermal behaviour, "power_cycle=1", which restarts the
+  // whole card (see PowerCycle), and "vanish=<seconds>|on|off", which takes
+  // the card's nodes away. A value with "@N" or "@Ts" takes effect after N
+  // more accesses to the card, or T seconds.
   bool Apply(const Command &command, std::string *error);
+
+  // True while the card's nodes are gone: opens fail with ENOENT, transfers
+  // on open nodes with ENODEV.
+  bool Vanished();
 
   // Restarts every FPGA as from power-on: registers, clocks and bitstream
   // come back from the card's description, a flash holding the CKB image
@@ -77,9 +83,18 @@ class Card {
   int64_t WriteRegisters(uint32_t fpgaIndex, uint64_t position, const uint8_t *buffer, uint64_t size);
   int64_t ReadMemory(uint64_t address, uint8_t *buffer, uint64_t size);
   int64_t WriteMemory(uint64_t address, const uint8_t *buffer, uint64_t size);
+  int64_t ReadLocked(Node node, uint32_t channel, uint64_t position, uint8_t *bytes, uint64_t size);
+  int64_t WriteLocked(Node node, uint32_t channel, uint64_t position, const uint8_t *bytes, uint64_t size);
   // The read fault of an FPGA as a result: 0 for none, else what a read returns.
   const Faults &FaultsOf(uint32_t fpgaIndex) const;
+  // The FPGA a transfer at `position` of `node` reaches.
+  uint32_t FpgaOf(Node node, uint64_t position) const;
   void PowerCycleLocked();
+  double Now() const;
+  // Counts one access and applies the timed settings that are due.
+  void Advance();
+  bool ApplyLocked(uint32_t fpga, const std::string &key, const std::string &value, std::string *error);
+  bool VanishedLocked() const;
 
   CardSpec spec_;
   TimeSource time_;
@@ -89,6 +104,10 @@ class Card {
   std::unordered_map<uint64_t, std::unique_ptr<std::array<uint8_t, 4096>>> memory_;
   bool tracing_ = false;
   std::vector<Access> trace_;
+  uint64_t accesses_ = 0;
+  double started_ = 0.0;
+  std::vector<TimedSetting> pending_;
+  double vanishedUntil_ = -1.0;  // seconds of Now(); infinity until vanish=off
 };
 
 }  // namespace sim

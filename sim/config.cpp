@@ -112,11 +112,53 @@ CardSpec DefaultCard(const std::string &name) {
   return card;
 }
 
+bool SplitTimedValue(const std::string &text, std::string *value, TimedSetting *timing, std::string *error) {
+  size_t at = text.find('@');
+  if (at == std::string::npos) return false;
+  *value = text.substr(0, at);
+  std::string trigger = text.substr(at + 1);
+  double number = 0;
+  bool seconds = !trigger.empty() && trigger.back() == 's';
+  if (seconds) trigger.pop_back();
+  if (!ParseDouble(trigger, &number) || number < 0) {
+    if (error) *error = "bad trigger '@" + text.substr(at + 1) + "': a count of accesses, or seconds as 12s";
+    *value = "";
+    return true;
+  }
+  if (seconds) {
+    timing->afterSeconds = number;
+  } else {
+    timing->afterAccesses = static_cast<uint64_t>(number);
+  }
+  return true;
+}
+
 bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error) {
   Faults &faults = fpga.faults;
   ThermalSpec &thermal = fpga.thermal;
   bool flag;
   double number;
+  if (key == "short_read" || key == "short_write" || key == "write_fail") {
+    if (!ParseBool(value, &flag)) return BadValue(error, key, value);
+    if (key == "short_read") faults.shortRead = flag;
+    if (key == "short_write") faults.shortWrite = flag;
+    if (key == "write_fail") faults.writeFail = flag;
+    return true;
+  }
+  if (key == "slow_read") {
+    uint32_t micros;
+    if (!ParseU32(value, &micros) || micros > 1000000) return BadValue(error, key, value);
+    faults.slowReadMicros = micros;
+    return true;
+  }
+  if (key == "sensor_glitch" || key == "max_clock") {
+    if (!ParseDouble(value, &number) || number < 0.0 || (key == "sensor_glitch" && number > 1.0)) {
+      return BadValue(error, key, value);
+    }
+    if (key == "sensor_glitch") faults.sensorGlitch = number;
+    if (key == "max_clock") fpga.maxClockMHz = number;
+    return true;
+  }
   if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck" ||
       key == "flash_stuck" || key == "erase_error" || key == "program_error") {
     if (!ParseBool(value, &flag)) return BadValue(error, key, value);
@@ -333,6 +375,26 @@ bool ParseCommand(const std::string &line, Command *command, std::string *error)
   return true;
 }
 
+namespace {
+
+// A "key=value@trigger" setting is checked now and kept for the card to apply
+// later. True when the setting was such; `ok` tells whether it was good.
+bool DeferTimed(CardSpec &card, uint32_t fpga, const std::string &key, const std::string &value, bool *ok,
+                std::string *message) {
+  TimedSetting timing;
+  std::string plain;
+  if (!SplitTimedValue(value, &plain, &timing, message)) return false;
+  FpgaSpec probe = card.fpga[fpga];
+  *ok = !plain.empty() && ApplyRuntimeSetting(probe, key, plain, message);
+  timing.fpga = fpga;
+  timing.key = key;
+  timing.value = plain;
+  if (*ok) card.timed.push_back(timing);
+  return true;
+}
+
+}  // namespace
+
 std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std::string *error) {
   std::vector<CardSpec> cards;
   std::vector<std::pair<int, Command>> subDeviceLines;
@@ -360,7 +422,9 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
     CardSpec *card = findCard(command.card);
     if (!card) card = &cards.emplace_back(DefaultCard(command.card));
     for (const auto &[key, value] : command.settings) {
-      if (!ApplyCardSetting(*card, key, value, &message)) {
+      bool ok = true;
+      if (!DeferTimed(*card, 0, key, value, &ok, &message)) ok = ApplyCardSetting(*card, key, value, &message);
+      if (!ok) {
         Fail(error, "line " + std::to_string(lineNumber) + ": " + message);
         return std::nullopt;
       }
@@ -393,7 +457,11 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
     }
     std::string message;
     for (const auto &[key, value] : command.settings) {
-      if (!ApplyFpgaSetting(card->fpga[command.fpga], key, value, &message)) {
+      bool ok = true;
+      if (!DeferTimed(*card, command.fpga, key, value, &ok, &message)) {
+        ok = ApplyFpgaSetting(card->fpga[command.fpga], key, value, &message);
+      }
+      if (!ok) {
         Fail(error, where + message);
         return std::nullopt;
       }

@@ -45,7 +45,29 @@ struct Faults {
   // that no core found, or every one of them reported as all ones.
   double invalidNonces = 0.0;
   bool onesNonces = false;
+  // The transport: reads and writes that move fewer bytes than asked, writes
+  // that fail and change nothing, reads that take this long each.
+  bool shortRead = false;
+  bool shortWrite = false;
+  bool writeFail = false;
+  uint32_t slowReadMicros = 0;
+  // This share (0 to 1) of sensor reads gives a single wild value.
+  double sensorGlitch = 0.0;
 };
+
+// A setting that takes effect later: after this many more register accesses
+// to its card, or this many seconds.
+struct TimedSetting {
+  uint32_t fpga = 0;
+  std::string key;
+  std::string value;
+  uint64_t afterAccesses = 0;
+  double afterSeconds = 0.0;
+};
+
+// Splits "value@N" or "value@Ts" into the value and its trigger; false for a
+// value without '@'. `error` is set for a bad trigger.
+bool SplitTimedValue(const std::string &text, std::string *value, TimedSetting *timing, std::string *error);
 
 // The configuration flash behind the SPI controller at 0x10000.
 struct FlashSpec {
@@ -77,6 +99,9 @@ struct ThermalSpec {
 };
 
 struct FpgaSpec {
+  // The highest clock that gives correct nonces, in MHz; 0: from the model,
+  // the core temperature and VCCINT.
+  double maxClockMHz = 0.0;
   uint32_t model = 0;
   uint32_t identityWord = 0;  // register 0x0000
   bool wide = false;          // XADC family rather than SYSMON
@@ -106,6 +131,7 @@ struct CardSpec {
   bool streaming = false;
   uint32_t subDevices = 0;  // bit k set: sub-device k present, k of 1 to 3
   FpgaSpec fpga[kMaxFpgas];
+  std::vector<TimedSetting> timed;  // from the board list, counted from the card's start
 };
 
 // A card named `name` with the default model and everything derived from it.

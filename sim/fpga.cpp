@@ -1,5 +1,7 @@
 #include "sim/fpga.h"
 
+#include <algorithm>
+
 #include <chrono>
 #include <stdexcept>
 
@@ -95,6 +97,21 @@ double Fpga::VrmTemperature() const {
 
 double Fpga::VccInt() const {
   return Thermal::VccInt(spec_.thermal, LoadGHz(), spec_.faults.vccintSag);
+}
+
+double Fpga::MaxGoodClockHz() const {
+  if (spec_.maxClockMHz > 0) return spec_.maxClockMHz * 1e6;
+  // Hotter silicon and a sagging supply both slow the logic down.
+  constexpr double kCoolLimitHz = 250e6;
+  double heat = std::max(0.0, CoreTemperature() - 60.0) * 1e6;
+  double sag = std::max(0.0, spec_.thermal.vccintNominal - VccInt()) * 400e6;
+  return std::max(0.0, kCoolLimitHz - heat - sag);
+}
+
+bool Fpga::SensorGlitch() {
+  if (!(spec_.faults.sensorGlitch > 0)) return false;
+  glitchDraw_ = glitchDraw_ * 1103515245u + 12345u;
+  return static_cast<double>((glitchDraw_ >> 8) & 0xFFFF) / 65536.0 < spec_.faults.sensorGlitch;
 }
 
 }  // namespace sim

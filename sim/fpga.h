@@ -76,6 +76,12 @@ class Fpga {
   double CoreTemperature() const;
   double VrmTemperature() const;
   double VccInt() const;
+  // The highest clock that still gives correct nonces: the board list's
+  // max_clock, or one from the temperature and VCCINT (250 MHz for a cool
+  // board at its nominal voltage).
+  double MaxGoodClockHz() const;
+  // True for the sensor reads that the sensor_glitch fault spoils.
+  bool SensorGlitch();
   double VccAux() const { return spec_.thermal.vccaux; }
   uint64_t Cycles() const { return static_cast<uint64_t>(cycles_); }
 
@@ -97,6 +103,7 @@ class Fpga {
   FpgaSpec spec_;
   bool primary_;
   uint32_t subDevices_;
+  uint32_t glitchDraw_ = 7;
   TimeSource time_;
   double lastTick_;
   double cycles_ = 0.0;

@@ -8,8 +8,8 @@
 #include <chrono>
 #include <cmath>
 
-#include "hash/eaglesong_lanes.h"
 #include "sim/blocks.h"
+#include "sim/eaglesong.h"
 #include "sim/fpga.h"
 
 namespace sim {
@@ -73,6 +73,10 @@ bool TakeJob(Fpga *fpga, Job *job) {
   job->cores = std::min(setup.cores, kMaxCores);
   job->skew = setup.search.skew >= 0 ? setup.search.skew : DefaultSkew(job->cores);
   job->invalidShare = setup.faults.invalidNonces;
+  // Above its highest good clock a board errs: a share of its reports that
+  // rises to all of them one percent above the limit.
+  double limit = fpga->MaxGoodClockHz();
+  if (hz > limit) job->invalidShare = std::max(job->invalidShare, std::min(1.0, (hz - limit) / (0.01 * limit)));
   job->ones = setup.faults.onesNonces;
   // One position per clock cycle at most, and the cap shared by the cores.
   job->positionsPerSecond = hz;
@@ -99,8 +103,8 @@ class HashEngine::Batch {
       for (uint32_t c = 0; c < job.cores; c++) tails_[p * job.cores + c] = {job.nonce[2] ^ c, job.nonce[3] ^ counter};
     }
     for (size_t from = 0; from < count;) {
-      size_t hit = from + EaglesongSearchMidstate48(job.midstate, job.nonce[0], job.nonce[1], tails_.data() + from,
-                                                    count - from, job.bound, nullptr);
+      size_t hit = from + SearchMidstate(job.midstate, job.nonce[0], job.nonce[1], tails_.data() + from, count - from,
+                                         job.bound);
       if (hit >= count) break;
       uint64_t position = job.position + hit / job.cores;
       uint64_t random = Mix(salt ^ Mix(position * kMaxCores + hit % job.cores));
@@ -130,15 +134,15 @@ class HashEngine::Batch {
     uint32_t bound[8];
     std::fill(bound, bound + 8, 0xFFFFFFFFu);
     bound[7] = kDifficultyOneTop;
-    std::vector<EaglesongNonceTail> &tails = invalidTails_;
+    std::vector<NonceTail> &tails = invalidTails_;
     for (int attempt = 0; attempt < kInvalidAttempts; attempt++) {
       tails.clear();
       for (int d = -window; d <= window; d++) {
         uint32_t counter = value + static_cast<uint32_t>(d) - kReportDistance;
         for (uint32_t c = 0; c < kMaxCores; c++) tails.push_back({job.nonce[2] ^ c, job.nonce[3] ^ counter});
       }
-      if (EaglesongSearchMidstate48(job.midstate, job.nonce[0], job.nonce[1], tails.data(), tails.size(), bound,
-                                    nullptr) == tails.size()) {
+      if (SearchMidstate(job.midstate, job.nonce[0], job.nonce[1], tails.data(), tails.size(), bound) ==
+          tails.size()) {
         break;
       }
       value = static_cast<uint32_t>(Mix(value));
@@ -146,8 +150,8 @@ class HashEngine::Batch {
     return value;
   }
 
-  std::vector<EaglesongNonceTail> tails_;
-  std::vector<EaglesongNonceTail> invalidTails_;
+  std::vector<NonceTail> tails_;
+  std::vector<NonceTail> invalidTails_;
   std::vector<uint32_t> reports_;
 };
 

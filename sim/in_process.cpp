@@ -159,6 +159,10 @@ int64_t InProcessBoards::Open(const std::string &path, BRYLDMAAccess access, int
     *error = ENOENT;
     return -1;
   }
+  if (card->Vanished()) {
+    *error = ENOENT;
+    return -1;
+  }
   // The DMA nodes go one way only.
   if ((node == Node::H2C && access != BRYLDMAAccess::Write) || (node == Node::C2H && access != BRYLDMAAccess::Read)) {
     *error = EACCES;

@@ -107,6 +107,33 @@ TEST_F(OfferFlashTest, ConsentFlashesEveryBoardAfterOneQuestion) {
   EXPECT_TRUE(std::equal(wideImage_.begin(), wideImage_.end(), wide.begin() + 0x680000));
 }
 
+// A chip that starts failing halfway through, and an image larger than the
+// chip: the operator is told which, and never that the board was flashed.
+TEST_F(OfferFlashTest, AFailedOrImpossibleFlashIsNeverReportedAsDone) {
+  struct Case {
+    std::string board;
+    size_t imageSize;
+    const char *told;
+  };
+  const Case cases[] = {
+      {"xdma0 model=7 bitstream=0x00FF0001 flash_size=0x800000 program_error=1@3000", 3000,
+       "flash of device 1 is incomplete; the board needs a new flash before a power cycle"},
+      {"xdma0 model=7 bitstream=0x00FF0001 flash_size=0x10000", 70000,
+       "Device 1 was not flashed: the image of 70000 bytes at 0 does not fit the flash of 65536 bytes"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.told);
+    WriteImage("RK35", RandomImage(c.imageSize, 22));
+    boards_ = c.board + " flash=" + Flash(0).string() + "\n";
+    auto child = Run();
+    ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+    child->Type("y");
+    EXPECT_EQ(child->Wait(), 3) << child->Output();
+    EXPECT_NE(child->Output().find(c.told), std::string::npos) << child->Output();
+    EXPECT_EQ(child->Output().find("Successfully flashed"), std::string::npos);
+  }
+}
+
 TEST_F(OfferFlashTest, OnlyLowerCaseYIsConsent) {
   auto child = Run();
   ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
