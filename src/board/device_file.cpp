@@ -11,6 +11,8 @@
 #include <mutex>
 
 #include "foundation/logger.h"
+#include "foundation/text.h"
+#include "foundation/vltime.h"
 
 namespace {
 
@@ -181,11 +183,31 @@ void BRYLDMAFileClose(BRYLDMAFile *file) {
 
 const std::string &BRYLDMAFilePath(const BRYLDMAFile *file) { return file->path; }
 
+namespace {
+
+void NoteFailure(BRYLDMAFile *file, const char *what, int error) {
+  auto now = static_cast<int64_t>(VLTimeSeconds());
+  if (file->failuresToldAt < 0) {
+    VL_LOG(VLLogLevelInfo, kTag, "failed to %s: %i", what, error);
+    file->failuresToldAt = now;
+    return;
+  }
+  file->failuresUntold++;
+  if (now - file->failuresToldAt >= 10) {
+    VL_LOG(VLLogLevelInfo, kTag, "failed to %s: %i, %s times in the last 10 s", what, error,
+           VLThousands(file->failuresUntold).c_str());
+    file->failuresUntold = 0;
+    file->failuresToldAt = now;
+  }
+}
+
+}  // namespace
+
 uint64_t BRYLDMAFileRead(BRYLDMAFile *file, uint64_t position, void *buffer, uint64_t size) {
   int error = 0;
   int64_t n = file->backend->ReadAt(file->handle, buffer, size, position, &error);
   if (n < 0) {
-    VL_LOG(VLLogLevelInfo, kTag, "failed to Read from device: %i", error);
+    NoteFailure(file, "Read from device", error);
     return 0;
   }
   return static_cast<uint64_t>(n);
@@ -195,7 +217,7 @@ uint64_t BRYLDMAFileWrite(BRYLDMAFile *file, uint64_t position, const void *buff
   int error = 0;
   int64_t n = file->backend->WriteAt(file->handle, buffer, size, position, &error);
   if (n < 0) {
-    VL_LOG(VLLogLevelInfo, kTag, "failed to Write To Device: %i", error);
+    NoteFailure(file, "Write To Device", error);
     return 0;
   }
   return static_cast<uint64_t>(n);

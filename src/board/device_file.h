@@ -54,6 +54,10 @@ struct BRYLDMAFile {
   uint32_t channel = 0;  // 0 for control and user
   std::string path;
   BRYLDMAFileBackend *backend = nullptr;  // the backend the file was opened with
+  // Failed transfers: the first is logged, later ones counted and logged at
+  // most every 10 s, so that a board that went away can't flood the log.
+  uint64_t failuresUntold = 0;
+  int64_t failuresToldAt = -1;  // monotonic seconds; -1 before the first
 };
 
 // The directory that holds the device nodes: $OMBRY_DEVICE_DIR, or /dev.

@@ -50,12 +50,14 @@ TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
 }
 
 TEST(MiningRun, HotOrSaggingBoardsThrottleAndTheHotOneRecovers) {
-  MinerRun run("xdma0 model=7\nxdma1 model=7\nxdma2 model=7\n", {"--difficulty", "1"});
+  // The sagging board is of the wide family: a narrow board's limit (0.5 V) is
+  // also the lowest reading taken as real.
+  MinerRun run("xdma0 model=7\nxdma1 model=2\nxdma2 model=7\n", {"--difficulty", "1"});
   ASSERT_TRUE(run.Start());
   ASSERT_TRUE(run.Until([&] { return run.LastClock(1).first == 100 && run.LastClock(3).first == 100; }));
 
   ASSERT_TRUE(run.Command("xdma0 hot=95"));
-  ASSERT_TRUE(run.Command("xdma1 sag=0.4"));  // 0.45 V, under the narrow limit
+  ASSERT_TRUE(run.Command("xdma1 sag=0.3"));  // about 0.7 V, under the wide limit of 0.75 V
   ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Warning: Cooking condition detected!") > 0; }));
   ASSERT_TRUE(run.Until([&] {
     auto hot = run.LastClock(1), sagging = run.LastClock(2);
@@ -121,18 +123,18 @@ TEST(MiningRun, KeysStopAndRestartABoardAndTuneIt) {
   EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 2u);
 }
 
-TEST(MiningRun, HungClockLoadShowsAStoppedWorkerAndQuitGivesUpOnIt) {
+TEST(MiningRun, AClockThatNeverSettlesTakesItsBoardOutWhileTheOtherMines) {
   MinerRun run("xdma0 model=7 mmcm_stuck=1\nxdma1 model=7\n", kEasyPool);
   ASSERT_TRUE(run.Start());
-  // Worker 1 waits for its clock for ever; worker 2 mines.
-  ASSERT_TRUE(run.Until([&] { return run.Count("Worker 1: Started initializing") > 0; })) << run.Output();
-  EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
+  ASSERT_TRUE(run.Until([&] {
+    return run.Count("Worker 1: the clock (MMCM) stayed busy for 100 ms") == 1 && run.Pool("accepted") >= 1;
+  })) << run.Output();
+  ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Stopped") == 1; })) << run.Output();
 
   run.Child().Type("q");
   EXPECT_EQ(run.Child().Wait(std::chrono::milliseconds(60000)), 0);
-  EXPECT_EQ(run.Count("Waiting for workers to stop timed out"), 1u);
+  EXPECT_EQ(run.Count("Waiting for workers to stop timed out"), 0u);
   EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
-  EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 0u);
 }
 
 TEST(PoolFaults, RefusedAndRestartedPoolIsReconnectedAndMiningResumes) {

@@ -1,0 +1,81 @@
+// Boards that fail while the miner runs: each is taken out with one clear
+// line and little else in the log, and the healthy board mines on. A tuning
+// run on a board with a highest good clock ends next to it.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "e2e/miner_run.h"
+
+namespace e2e {
+namespace {
+
+const std::vector<std::string> kEasyPool = {"--difficulty", "0.002", "--notify-interval", "2"};
+
+size_t Lines(const std::string &text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+TEST(BoardFaults, AFailingBoardIsTakenOutQuicklyAndQuietlyWhileTheOtherMinesOn) {
+  struct Case {
+    const char *fault;
+    const char *cause;
+  };
+  const Case cases[] = {
+      {"read_fail=1", "register reads keep failing"},
+      {"read_error=1", "register reads keep failing"},
+      {"vanish=on", "register reads keep failing"},
+      {"mmcm_stuck=1", "the clock (MMCM) stayed busy for 100 ms"},
+      {"hot=-279", "no valid core temperature for 5 s"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.fault);
+    MinerRun run("xdma0 model=7\nxdma1 model=7\n", kEasyPool);
+    ASSERT_TRUE(run.Start());
+    ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 2; })) << run.Output();
+    // A stuck MMCM only shows at the next clock change, so the board is asked
+    // for one.
+    ASSERT_TRUE(run.Command(std::string("xdma0 ") + c.fault));
+    if (std::string(c.fault) == "mmcm_stuck=1") run.Child().Type("1+");
+    size_t from = run.Output().size();
+    auto faulted = std::chrono::steady_clock::now();
+    ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Stopped", from) == 1; }, 30s)) << run.Output();
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - faulted).count();
+    EXPECT_LE(seconds, 10.0);
+    EXPECT_EQ(run.Count(std::string("Worker 1: ") + c.cause, from), 1u) << run.Output().substr(from);
+
+    // The other board's shares keep coming.
+    uint64_t accepted = run.Pool("accepted");
+    ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; }, 60s));
+    EXPECT_LE(Lines(run.Output().substr(from)), 300u);
+    std::cout << c.fault << ": taken out after " << seconds << " s, "
+              << Lines(run.Output().substr(from)) << " lines logged since the fault\n";
+    run.Child().Type("q");
+    EXPECT_EQ(run.Child().Wait(), 0);
+  }
+}
+
+TEST(BoardFaults, TuningEndsNextToTheBoardsHighestGoodClock) {
+  // Starts at 110 MHz, 0.3 MHz under the limit: a few 50 kHz tuning steps.
+  MinerRun run("xdma0 model=7 max_clock=110.3\n", kEasyPool);
+  ASSERT_TRUE(run.Start({"110"}));
+  ASSERT_TRUE(run.Until([&] { return run.LastClock(1).first >= 109; })) << run.Output();
+  run.Child().Type("t");
+  ASSERT_TRUE(run.Until([&] { return run.Count("share was invalid") >= 1; }, 120s)) << run.Output();
+  // The table shows whole megahertz; the saved settings show the target itself.
+  ASSERT_TRUE(run.Until([&] {
+    run.Child().Type("s");
+    return run.Count("Saved active configuration to config.json") >= 1;
+  }));
+  std::ifstream saved(run.WorkDir() / "config.json");
+  std::string text((std::istreambuf_iterator<char>(saved)), std::istreambuf_iterator<char>());
+  size_t at = text.find("\"clock\":");
+  ASSERT_NE(at, std::string::npos) << text;
+  double tunedMHz = std::stod(text.substr(at + 8));
+  std::cout << "tuned to " << tunedMHz << " MHz against a limit of 110.3 MHz\n";
+  EXPECT_GE(tunedMHz, 110.3 - 0.05 - 1.0);
+  EXPECT_LE(tunedMHz, 110.3 + 1.1);
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+}
+
+}  // namespace
+}  // namespace e2e
