@@ -85,7 +85,7 @@ int main(int argc, char **argv) {
   // handling: a signal that landed on one of them would end the process.
   sigset_t stopSignals, previous;
   sigemptyset(&stopSignals);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&stopSignals, signal);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1}) sigaddset(&stopSignals, signal);
   pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
   if (const char *control = getenv("OMBRY_SIM_CONTROL"); control && *control) {
     if (mkfifo(control, 0600) != 0 && errno != EEXIST) {

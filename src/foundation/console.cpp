@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "foundation/compat.h"
+#include "foundation/logger.h"
 
 namespace {
 
@@ -34,6 +35,8 @@ sigset_t ConsoleSignals() {
   sigaddset(&signals, SIGHUP);
   // Control-\ stops the run like a termination request, boards ramped down.
   sigaddset(&signals, SIGQUIT);
+  // Log rotation: the log file is opened again under its name.
+  sigaddset(&signals, SIGUSR1);
   return signals;
 }
 
@@ -43,6 +46,10 @@ void *SignalThread(void *) {
   for (;;) {
     int signal = 0;
     if (sigwait(&signals, &signal) != 0) continue;
+    if (signal == SIGUSR1) {
+      VLLogReopenFile();
+      continue;
+    }
     g_ctrlHandler(EventForSignal(signal));
   }
   return nullptr;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <ctime>
 
 #include "foundation/colour.h"
 
@@ -52,6 +53,38 @@ void ConsoleSink(uint32_t level, const char *tag, char *message) {
   fprintf(stream, "%c/%-12s : %s\n", letter, tag, message);
 }
 
+// The log file, guarded by its own lock: lines of all threads go through it,
+// and a reopen swaps the stream under it.
+struct LogFile {
+  std::mutex lock;
+  std::string path;
+  FILE *stream = nullptr;
+};
+LogFile &TheLogFile() {
+  static LogFile *file = new LogFile;  // lives to the end, for late lines
+  return *file;
+}
+std::atomic<bool> g_fileEnabled{false};
+
+void FileSink(uint32_t level, const char *tag, const char *message) {
+  const LevelInfo *info = FindLevel(level);
+  char stamp[40];
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+  size_t length = strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+  snprintf(stamp + length, sizeof stamp - length, ".%03ldZ", now.tv_nsec / 1000000);
+  char plain[kMessageBufferSize];
+  snprintf(plain, sizeof plain, "%s", message);
+  VLStripColour(plain);
+  LogFile &file = TheLogFile();
+  std::lock_guard<std::mutex> guard(file.lock);
+  if (!file.stream) return;
+  fprintf(file.stream, "%s %c/%-12s : %s\n", stamp, info ? info->letter : '?', tag, plain);
+  fflush(file.stream);
+}
+
 void StartSinks() {
   // The console sink has nothing to open; the hook exists for sinks that do.
 }
@@ -71,7 +104,40 @@ void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, con
 
   VLLogCallback callback = g_callback.load(std::memory_order_relaxed);
   if (callback) callback(level, tag, message, g_callbackContext.load(std::memory_order_relaxed));
+  if (g_fileEnabled.load(std::memory_order_relaxed)) FileSink(level, tag, message);
   if (g_consoleEnabled.load(std::memory_order_relaxed)) ConsoleSink(level, tag, message);
+}
+
+bool VLLogOpenFile(const char *path) {
+  LogFile &file = TheLogFile();
+  std::lock_guard<std::mutex> guard(file.lock);
+  FILE *stream = fopen(path, "ae");
+  if (!stream) return false;
+  if (file.stream) fclose(file.stream);
+  file.stream = stream;
+  file.path = path;
+  g_fileEnabled.store(true, std::memory_order_relaxed);
+  return true;
+}
+
+bool VLLogReopenFile() {
+  LogFile &file = TheLogFile();
+  std::lock_guard<std::mutex> guard(file.lock);
+  if (file.path.empty()) return true;
+  FILE *stream = fopen(file.path.c_str(), "ae");
+  if (!stream) return false;  // the old stream stays, so nothing is lost
+  if (file.stream) fclose(file.stream);
+  file.stream = stream;
+  return true;
+}
+
+void VLLogCloseFile() {
+  LogFile &file = TheLogFile();
+  std::lock_guard<std::mutex> guard(file.lock);
+  g_fileEnabled.store(false, std::memory_order_relaxed);
+  if (file.stream) fclose(file.stream);
+  file.stream = nullptr;
+  file.path.clear();
 }
 
 void VLLogEnableConsole() { g_consoleEnabled.store(true, std::memory_order_relaxed); }

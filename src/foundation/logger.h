@@ -23,6 +23,15 @@ void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, con
     __attribute__((format(printf, 5, 6)));
 
 void VLLogEnableConsole();
+
+// A log file beside the console: every line the console gets, with a UTC time
+// stamp to the millisecond and without colour codes, appended to `path`.
+// False (errno set) when it cannot be opened.
+bool VLLogOpenFile(const char *path);
+// Opens the file again under its name, after a rotation moved it away. Safe
+// from the signal thread; false when it could not be opened again.
+bool VLLogReopenFile();
+void VLLogCloseFile();
 void VLLogInit(uint32_t level);
 void VLLogSetLevel(uint32_t level);
 void VLLogSetCallback(VLLogCallback callback, void *context);

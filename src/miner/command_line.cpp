@@ -8,6 +8,7 @@
 
 #include "foundation/build_info.h"
 #include "miner/config_file.h"
+#include "monitor/tcp_server.h"
 #include "net/tls_link.h"
 #include "stratum/pool_endpoint.h"
 #include "hash/eaglesong_lanes.h"
@@ -44,6 +45,27 @@ bool AddFingerprint(CommandLine &line, const std::string &value, std::string &er
     return false;
   }
   line.options.tlsFingerprints.push_back(value);
+  return true;
+}
+
+bool SetApiListen(CommandLine &line, const std::string &value, std::string &error) {
+  if (!CheckListenAddress(value, error)) return false;
+  line.options.apiListen = value;
+  return true;
+}
+
+bool SetMetricsListen(CommandLine &line, const std::string &value, std::string &error) {
+  if (!CheckListenAddress(value, error)) return false;
+  line.options.metricsListen = value;
+  return true;
+}
+
+bool AddApiAllow(CommandLine &line, const std::string &value, std::string &error) {
+  if (!IsIPv4Address(value)) {
+    error = "needs an IPv4 address";
+    return false;
+  }
+  line.options.apiAllow.push_back(value);
   return true;
 }
 
@@ -90,6 +112,16 @@ const std::vector<OptionSpec> kOptions = {
     {"tls-ca", "FILE", "trust the roots in this PEM file for TLS pools instead of the system's",
      [](CommandLine &line, const std::string &value, std::string &) {
        line.options.tlsCaFile = value;
+       return true;
+     }},
+    {"api-listen", "HOST:PORT", "serve the JSON API here (off unless given; 127.0.0.1:4028 is usual)", SetApiListen},
+    {"api-allow", "ADDRESS", "this IPv4 address may enable, disable, switchpool and quit (repeatable)",
+     AddApiAllow, true},
+    {"metrics-listen", "HOST:PORT", "serve Prometheus metrics at /metrics here (off unless given)",
+     SetMetricsListen},
+    {"log-file", "PATH", "also write every line to this file, time-stamped; reopened on SIGUSR1",
+     [](CommandLine &line, const std::string &value, std::string &) {
+       line.options.logFile = value;
        return true;
      }},
 };

@@ -24,6 +24,13 @@ struct RunOptions {
   // "HOST=HEX" for one host) and a file of trusted roots.
   std::vector<std::string> tlsFingerprints;
   std::string tlsCaFile;
+  // Monitoring: the JSON API and the metrics endpoint ("HOST:PORT", empty:
+  // off), the addresses that may use the API's privileged commands, and a
+  // log file beside the console.
+  std::string apiListen;
+  std::vector<std::string> apiAllow;
+  std::string metricsListen;
+  std::string logFile;
 };
 
 struct CommandLine {

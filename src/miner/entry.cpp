@@ -1,5 +1,6 @@
 #include "miner/entry.h"
 
+#include <cerrno>
 #include <chrono>
 #include <clocale>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include "miner/command_line.h"
 #include "miner/console_io.h"
 #include "miner/flash_catalogue.h"
+#include "miner/monitoring.h"
 #include "miner/run_config.h"
 #include "miner/run_records.h"
 #include "miner/scan.h"
@@ -141,6 +143,11 @@ int MinerMain(int argc, char **argv) {
   bool recovery = mode == RunMode::Recovery;
 
   VLLogInit(VLLogLevelInfo);
+  if (!commandLine.options.logFile.empty() && !VLLogOpenFile(commandLine.options.logFile.c_str())) {
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Cannot open the log file %s: %s",
+              commandLine.options.logFile.c_str(), strerror(errno));
+    return 1;
+  }
   VL_LOG(VLLogLevelInfo, kTag, "Starting miner");
   VL_LOG(VLLogLevelInfo, kTag, "Eaglesong search: %s",
          EaglesongLanePathName(EaglesongLanePathResolve(EaglesongLanePath::Auto)));
@@ -192,9 +199,11 @@ int MinerMain(int argc, char **argv) {
   VL_LOG(VLLogLevelInfo, kTag, "Using Account: %s", context.account);
   SetConsoleColor(ConsoleColorNormal);
 
+  RunMonitoring monitoring(context);
+  monitoring.Start();
   StratumSetState(context, Idle);
   VLServiceNotifyReady();
-  MainLoop(context, watchdogCounter);
+  MainLoop(context, watchdogCounter, [&monitoring] { monitoring.Pass(); });
   VLServiceNotifyStopping();
 
   for (auto &worker : context.workers) worker->enabled = false;

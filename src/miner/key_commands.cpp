@@ -94,6 +94,7 @@ void HandleKey(ConsoleSession &session, char key) {
       // No check for a thread still running on the record: a second one
       // starts beside it.
       ForEachTargeted(session, [&](Worker &worker, size_t index) {
+        worker.takenOut = false;
         worker.enabled = true;
         StartWorkerThread(context, index);
       });

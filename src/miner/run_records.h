@@ -15,6 +15,7 @@
 #include "foundation/relaxed.h"
 #include "miner/command_line.h"
 #include "miner/flash_image.h"
+#include "monitor/ledger.h"
 #include "stratum/stratum_context.h"
 
 struct BRYLDMADevice;
@@ -86,6 +87,13 @@ struct Worker : StratumShareCounters {
   // sharesAccepted and sharesRejected come with StratumShareCounters.
   ShownCounters shownCounters;
   Relaxed<uint32_t> tuning{TuningOff};
+  // Set when the board was taken out for a fault, cleared when it is enabled
+  // again; and when its worker last started mining (monotonic seconds, <0:
+  // not since the start).
+  Relaxed<bool> takenOut{false};
+  Relaxed<double> miningSince{-1};
+  // Threads running on this record (a key may start a second one).
+  std::atomic<uint32_t> threadsLive{0};
   Relaxed<uint32_t> state{WorkerStateWaitingForWork};
   std::atomic<uint64_t> heartbeat{0};
   std::optional<std::string> bitstreamName;
@@ -110,9 +118,15 @@ struct MiningContext : StratumContext {
   // records go.
   std::atomic<uint64_t> workerThreads{0};
 
+  // Monitoring's accounts of the run: answers by the share they answer.
+  RunLedger ledger;
+
   StratumShareCounters *ShareCounters(uint64_t worker) override {
     return worker < workers.size() ? workers[worker].get() : nullptr;
   }
+  void OnShareAnswered(const PendingShare &share, bool accepted) override;
+  void OnJob(uint32_t pool) override;
+  void OnReconnect(uint32_t pool) override;
 };
 
 // Heap pair handed to a worker thread; the thread frees it on each way out.

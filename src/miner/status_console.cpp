@@ -29,10 +29,11 @@ void FinishConsolePass(ConsoleSession &session, std::atomic<uint64_t> &watchdogC
   watchdogCounter++;
 }
 
-void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter) {
+void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter, const std::function<void()> &eachPass) {
   ConsoleSession session(context);
   while (g_runState == RunStateRunning) {
     KeepPoolConnection(context);
+    if (eachPass) eachPass();
     ConsumeKeys([&](char key) { HandleKey(session, key); });
     std::this_thread::sleep_for(kPassSleep);
     FinishConsolePass(session, watchdogCounter);

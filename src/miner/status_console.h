@@ -2,13 +2,16 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "miner/console_session.h"
 #include "miner/run_records.h"
 
 // The main thread's loop: keys, pool connection upkeep and the status table,
-// until the run stops. Raises `watchdogCounter` once per pass.
-void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter);
+// until the run stops. Raises `watchdogCounter` once per pass; `eachPass`, if
+// given, runs once per pass after the pool upkeep.
+void MainLoop(MiningContext &context, std::atomic<uint64_t> &watchdogCounter,
+              const std::function<void()> &eachPass = {});
 
 // The part of a pass after its sleep: counts the pass, prints the table when
 // it is due and the VRM banner when that table asks for it, and feeds the

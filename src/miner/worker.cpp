@@ -80,6 +80,7 @@ void TakeOut(WorkerLoop &loop, Worker &worker, const std::string &cause) {
   if (!worker.enabled) return;
   LOG_COLOR(ConsoleColorRed, VLLogLevelError, loop.logTag, "Worker %llu: %s; clock to the floor, stopping the board",
             static_cast<unsigned long long>(worker.id + 1), cause.c_str());
+  worker.takenOut = true;
   worker.enabled = false;
 }
 
@@ -203,6 +204,7 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
   loop.boardTarget[7] = context.fixedTargetWord;
 
   SetState(worker, WorkerStateRunning);
+  worker.miningSince = StratumMonotonicSeconds();
   while (RunPass(loop, context, worker)) {
   }
   return nullptr;
@@ -211,8 +213,11 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
 void StartWorkerThread(MiningContext &context, uint64_t workerIndex) {
   auto *args = new WorkerThreadArgs{workerIndex, &context};
   context.workerThreads.fetch_add(1);
-  std::thread thread([args, &context] {
+  Worker &worker = *context.workers[workerIndex];
+  worker.threadsLive.fetch_add(1);
+  std::thread thread([args, &context, &worker] {
     WorkerMain(args);
+    worker.threadsLive.fetch_sub(1);
     context.workerThreads.fetch_sub(1, std::memory_order_release);
   });
   context.workers[workerIndex]->threadHandle = thread.get_id();

@@ -98,6 +98,13 @@ void StratumUsePool(StratumContext &context, uint32_t index) {
   context.password = pool.password.c_str();
 }
 
+void StratumSwitchTo(StratumContext &context, uint32_t index, const std::string &reason) {
+  if (index >= context.pools.size() || index == context.activePool) return;
+  StratumStopProbe(context);
+  context.probe.nextAttempt = -1;
+  Switch(context, index, reason);
+}
+
 bool StratumOpen(VLJsonRpcClient *client, const PoolEndpoint &pool) {
   VLObject *host = VLStringCreate(pool.host.c_str(), 0);
   bool started;

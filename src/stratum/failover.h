@@ -11,6 +11,11 @@
 // Makes pool `index` the active one: the next connection goes there.
 void StratumUsePool(StratumContext &context, uint32_t index);
 
+// Makes pool `index` the active one at the operator's word, with one line
+// naming both pools and `reason`; nothing when it is the active one already.
+// The caller drops the connection.
+void StratumSwitchTo(StratumContext &context, uint32_t index, const std::string &reason);
+
 // Starts a connection to pool `pool` on `client`, over TLS when the pool says
 // so. False when the connection could not even be started.
 bool StratumOpen(VLJsonRpcClient *client, const PoolEndpoint &pool);

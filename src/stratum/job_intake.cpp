@@ -101,6 +101,7 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
   context.SetCurrentJob(std::move(job));
   if (!preAuthorization) context.jobGeneration.fetch_add(1);
   context.lastJobTime = static_cast<int64_t>(time(nullptr));
+  context.OnJob(context.activePool);
 }
 
 void StratumSetDifficulty(VLJsonRpcMessage *message, StratumContext &context) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "foundation/colour.h"
@@ -104,12 +105,18 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
 }
 
 void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
+  std::optional<PendingShare> answered;
   {
     std::lock_guard<std::mutex> guard(context.link.pendingLock);
-    if (!context.link.pendingShares.empty()) context.link.pendingShares.pop_front();
+    if (!context.link.pendingShares.empty()) {
+      answered = context.link.pendingShares.front();
+      context.link.pendingShares.pop_front();
+    }
   }
+  bool accepted = !VLJsonRpcMessageIsError(message);
+  if (answered) context.OnShareAnswered(*answered, accepted);
   StratumShareCounters *counters = context.ShareCounters(context.lastSubmitWorker);
-  if (VLJsonRpcMessageIsError(message)) {
+  if (!accepted) {
     VLObject *error = VLJsonRpcMessageError(message);
     VLObject *description = VLObjectDescribe(error);
     const char *text = VLStringChars(description);
@@ -274,6 +281,7 @@ void OnStratumConnected(VLJsonRpcClient *client, void *userData) {
   StratumContext &context = ContextOf(userData);
   if (context.link.connectedBefore) {
     context.reconnects += 1;
+    context.OnReconnect(context.activePool);
   } else {
     context.link.connectedBefore = true;
   }
@@ -372,9 +380,20 @@ void ScheduleRetry(StratumLink &link, double now) {
   link.retryAt = now + delay * share(link.jitter);
 }
 
+// The active pool changed: its connection starts at once, with a clean slate.
+void ReconnectAtOnce(StratumContext &context, double now) {
+  StratumLink &link = context.link;
+  CloseLink(context);
+  StratumSetState(context, Disconnected);
+  link.mined = false;
+  link.failuresInARow = 0;
+  link.retryDelay = 0;
+  link.retryAt = now;
+}
+
 double OldestPendingShare(StratumLink &link) {
   std::lock_guard<std::mutex> guard(link.pendingLock);
-  return link.pendingShares.empty() ? -1 : link.pendingShares.front();
+  return link.pendingShares.empty() ? -1 : link.pendingShares.front().sentAt;
 }
 
 void KeepMining(StratumContext &context, double now) {
@@ -394,6 +413,12 @@ void KeepMining(StratumContext &context, double now) {
 
 }  // namespace
 
+void StratumSwitchPool(StratumContext &context, uint32_t index) {
+  if (index >= context.pools.size() || index == context.activePool) return;
+  StratumSwitchTo(context, index, "the operator asked for it");
+  ReconnectAtOnce(context, context.link.clock());
+}
+
 void StratumPoll(StratumContext &context) {
   StratumLink &link = context.link;
   double now = link.clock();
@@ -404,16 +429,9 @@ void StratumPoll(StratumContext &context) {
     StratumSetState(context, Disconnected);
     return;
   }
-  if (StratumWatchPrimary(context, now)) {
-    // Back to the primary: the backup's connection ends and the primary's
-    // starts at once.
-    CloseLink(context);
-    StratumSetState(context, Disconnected);
-    link.mined = false;
-    link.failuresInARow = 0;
-    link.retryDelay = 0;
-    link.retryAt = now;
-  }
+  // Back to the primary: the backup's connection ends and the primary's
+  // starts at once.
+  if (StratumWatchPrimary(context, now)) ReconnectAtOnce(context, now);
   switch (context.stratumState.load()) {
     case Idle: {
       std::shared_ptr<VLJsonRpcClient> client = NewClient();

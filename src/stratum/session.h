@@ -27,5 +27,9 @@ void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *
 // and after a loss retries with a growing, jittered delay (StratumLink).
 void StratumPoll(StratumContext &context);
 
+// Moves the run to pool `index` at the operator's word: the connection to the
+// active pool ends and the new pool's starts at once. The console loop's.
+void StratumSwitchPool(StratumContext &context, uint32_t index);
+
 // Ends the connection at the end of the run; the pool is told nothing.
 void StratumShutdown(StratumContext &context);

@@ -91,5 +91,5 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
   char nonceText[33];
   NonceSubmitText(words, job->extranonce.size(), nonceText);
   context.lastSubmitWorker = workerId;
-  SendShare(context, *job, nonceText);
+  SendShare(context, *job, nonceText, workerId);
 }

@@ -43,4 +43,4 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
 void NonceSubmitText(const uint32_t words[4], size_t extranonceLength, char text_out[33]);
 
 // Queues the mining.submit line for a share; the pool connection's part.
-void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText);
+void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText, uint64_t worker);

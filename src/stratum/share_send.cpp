@@ -1,7 +1,7 @@
 #include "net/json_rpc.h"
 #include "stratum/share.h"
 
-void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText) {
+void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText, uint64_t worker) {
   VLObject *id = VLNumberCreateUInt32(4);
   VLObject *method = VLStringCreate("mining.submit", 0);
   VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion2);
@@ -16,7 +16,7 @@ void SendShare(StratumContext &context, const StratumJob &job, const char *nonce
     {
       // Booked before the line leaves, so that a fast answer finds it.
       std::lock_guard<std::mutex> guard(context.link.pendingLock);
-      context.link.pendingShares.push_back(context.link.clock());
+      context.link.pendingShares.push_back({context.link.clock(), worker, job.pool, job.difficulty});
     }
     VLJsonRpcClientSend(client.get(), submit);
   }

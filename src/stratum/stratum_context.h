@@ -35,6 +35,15 @@ enum StratumState : uint32_t {
 // Seconds on the monotonic clock.
 double StratumMonotonicSeconds();
 
+// A share sent and not yet answered. The pool answers in order, so the
+// oldest one is the share an answer belongs to.
+struct PendingShare {
+  double sentAt = 0;  // on the link's clock
+  uint64_t worker = 0;
+  uint32_t pool = 0;
+  double difficulty = 0;
+};
+
 // How the link keeps itself alive: its time limits and the state its upkeep
 // carries between polls. The limits are seconds.
 struct StratumLink {
@@ -51,9 +60,9 @@ struct StratumLink {
   // When the state last changed and when the pool last sent a line.
   Relaxed<double> stateSince;
   Relaxed<double> lastLineAt;
-  // Shares sent and not yet answered, oldest first (send times).
+  // Shares sent and not yet answered, oldest first.
   std::mutex pendingLock;
-  std::deque<double> pendingShares;
+  std::deque<PendingShare> pendingShares;
   // Shares found since the connection was lost, told once at reconnect.
   std::atomic<uint64_t> droppedSinceLoss{0};
   Relaxed<bool> connectedBefore;
@@ -142,6 +151,17 @@ struct StratumContext {
 
   // The counters of the worker with index `worker`, or null when there is none.
   virtual StratumShareCounters *ShareCounters(uint64_t worker) = 0;
+
+  // Told as the session goes, for whoever keeps account of the run: the
+  // pool's answer to a share (credited to the share it belongs to), a new
+  // job, a new connection after the first. Called on the receive thread or
+  // the console loop; the defaults do nothing.
+  virtual void OnShareAnswered(const PendingShare &share, bool accepted) {
+    (void)share;
+    (void)accepted;
+  }
+  virtual void OnJob(uint32_t pool) { (void)pool; }
+  virtual void OnReconnect(uint32_t pool) { (void)pool; }
 
  protected:
   StratumContext() = default;

@@ -165,7 +165,7 @@ TEST_F(SessionTest, ASharesUnansweredAnswerAndTheOptionsLimitsEndTheConnection) 
   Start({"--notify-interval", "600", "--silent-after", "0.2"});
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
   std::this_thread::sleep_for(300ms);
-  SendShare(context, *context.CurrentJob(), "00");
+  SendShare(context, *context.CurrentJob(), "00", 0);
   Skip(15);
   for (int i = 0; i < 3; i++) StratumPoll(context);
   EXPECT_EQ(context.stratumState, Mining);  // within both limits
@@ -223,7 +223,7 @@ TEST_F(SessionTest, LostConnectionReconnectsWithAFreshSubscribe) {
   Start({"--close-after", "4"});
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
   // The pool closes after the client's fourth message: a share is that one.
-  SendShare(context, *context.CurrentJob(), "00");
+  SendShare(context, *context.CurrentJob(), "00", 0);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
   std::vector<std::string> states = log.States();
@@ -290,7 +290,7 @@ TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));
   uint64_t before = context.CurrentJob()->nonceCounter.fetch_add(5) + 5;
-  SendShare(context, *context.CurrentJob(), "00");
+  SendShare(context, *context.CurrentJob(), "00", 0);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));

@@ -1,0 +1,175 @@
+// Watching a run from outside: the JSON API and the metrics endpoint of the
+// running miner against what the test pool itself counted, privileged
+// commands by the client's address, clients that stall or flood, and the log
+// file through a rotation.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+#include "e2e/miner_run.h"
+
+namespace e2e {
+namespace {
+
+using Json = nlohmann::json;
+
+// One connection from `source` to the miner's port on 127.0.0.1.
+int Connect(uint16_t port, const char *source = "127.0.0.1") {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  inet_pton(AF_INET, source, &local.sin_addr);
+  bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeval limit{10, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  return fd;
+}
+
+// Sends `request` and reads the answer until the server closes.
+std::string Ask(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
+  int fd = Connect(port, source);
+  if (fd < 0) return "";
+  (void)!write(fd, request.data(), request.size());
+  std::string answer;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  return answer;
+}
+
+Json Api(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
+  Json reply = Json::parse(Ask(port, request, source), nullptr, false);
+  return reply.is_discarded() ? Json::object() : reply;
+}
+
+uint16_t PortAfter(const MinerRun &run, const std::string &text) {
+  size_t at = run.Output().find(text);
+  return at == std::string::npos ? 0 : static_cast<uint16_t>(std::stoul(run.Output().substr(at + text.size())));
+}
+
+// Checks every line of a Prometheus text exposition and sums the samples of
+// `name` whose labels contain `label`.
+double SumSamples(const std::string &text, const std::string &name, const std::string &label) {
+  static const std::regex kComment(R"(# (HELP|TYPE) [a-zA-Z_:][a-zA-Z0-9_:]* .+)");
+  static const std::regex kSample(
+      R"(([a-zA-Z_:][a-zA-Z0-9_:]*)(\{([a-zA-Z_][a-zA-Z0-9_]*="([^"\\]|\\.)*",?)*\})? (-?[0-9.e+-]+|NaN|[+-]Inf))");
+  std::istringstream lines(text);
+  double sum = 0;
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    if (std::regex_match(line, kComment)) continue;
+    EXPECT_TRUE(std::regex_match(line, match, kSample)) << "not a sample: " << line;
+    if (match[1] == name && line.find(label) != std::string::npos) sum += std::stod(match[5]);
+  }
+  return sum;
+}
+
+TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesCommand) {
+  MinerRun run("xdma0 model=7\nxdma1 model=2\n", {"--difficulty", "0.002"});
+  std::string logFile = run.WorkDir().string() + "/miner.log";
+  ASSERT_TRUE(run.Start({"--api-listen", "127.0.0.1:0", "--api-allow", "127.0.0.1", "--metrics-listen",
+                         "127.0.0.1:0", "--log-file", logFile}));
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 10; })) << run.Output();
+  uint16_t api = PortAfter(run, "JSON API listening on port ");
+  uint16_t metrics = PortAfter(run, "Metrics on port ");
+  ASSERT_NE(api, 0);
+  ASSERT_NE(metrics, 0);
+
+  // Clients that send nothing, or more than the server holds, take nothing
+  // from mining, and the API answers again once the silent ones are cut off.
+  std::vector<int> idle;
+  for (int i = 0; i < 24; i++) idle.push_back(Connect(api));
+  uint64_t before = run.Pool("accepted");
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= before + 10; }, 60s));
+  for (int fd : idle) close(fd);
+  EXPECT_EQ(Api(api, std::string(70 * 1024, ' ')), Json::object());  // over the size limit: cut off, no answer
+  EXPECT_EQ(Api(api, "version")["STATUS"][0]["STATUS"], "S");
+
+  // Privileged commands by address: refused from 127.0.0.2, done from 127.0.0.1.
+  Json refused = Api(api, R"({"command":"disable","parameter":"1"})", "127.0.0.2");
+  EXPECT_EQ(refused["STATUS"][0]["STATUS"], "E");
+  EXPECT_EQ(refused["STATUS"][0]["Code"], 45);
+  EXPECT_EQ(refused["STATUS"][0]["Msg"], "Access denied");
+  EXPECT_EQ(Api(api, "disable|3")["STATUS"][0]["STATUS"], "E");  // no such board
+  EXPECT_EQ(Api(api, R"({"command":"disable","parameter":"1"})")["STATUS"][0]["STATUS"], "S");
+  EXPECT_EQ(Api(api, "disable|2\n")["STATUS"][0]["STATUS"], "S");
+  ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker02     : Stopped") == 1; }, 30s)) << run.Output();
+  ASSERT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
+
+  // Both boards stopped: once the pool has answered everything, its counts
+  // and the API's must be the same, in the summary and board by board.
+  Json summary, devs;
+  ASSERT_TRUE(run.Until(
+      [&] {
+        run.Pump(500ms);
+        summary = Api(api, "summary")["SUMMARY"][0];
+        return run.Pool("submits") == run.Pool("accepted") + run.Pool("rejected") &&
+               summary["Accepted"] == run.Pool("accepted") && summary["Rejected"] == run.Pool("rejected");
+      },
+      30s))
+      << summary.dump() << "\n" << run.PoolProcess().Stats();
+  devs = Api(api, "devs")["DEVS"];
+  ASSERT_EQ(devs.size(), 2u);
+  uint64_t boardAccepted = 0;
+  for (const Json &board : devs) {
+    EXPECT_EQ(board["Status"], "Disabled");
+    EXPECT_LE(board["Accepted"].get<uint64_t>(), board["Found"].get<uint64_t>());
+    EXPECT_GT(board["Accepted"].get<uint64_t>(), 0u);
+    boardAccepted += board["Accepted"].get<uint64_t>();
+  }
+  EXPECT_EQ(boardAccepted, run.Pool("accepted"));
+  EXPECT_GT(summary["MHS 1m"].get<double>(), 0);
+  Json pools = Api(api, "pools")["POOLS"];
+  ASSERT_EQ(pools.size(), 1u);
+  EXPECT_EQ(pools[0]["Accepted"], run.Pool("accepted"));
+  EXPECT_EQ(pools[0]["Status"], "Alive");
+  EXPECT_GE(pools[0]["Jobs"].get<uint64_t>(), 1u);
+
+  std::string scrape = Ask(metrics, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_EQ(scrape.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << scrape;
+  std::string body = scrape.substr(scrape.find("\r\n\r\n") + 4);
+  EXPECT_EQ(SumSamples(body, "ombry_shares_total", "result=\"accepted\""),
+            static_cast<double>(run.Pool("accepted")));
+  EXPECT_EQ(SumSamples(body, "ombry_pool_up", "pool=\"0\""), 1);
+  EXPECT_EQ(Ask(metrics, "GET /other HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 404", 0), 0u);
+
+  // The log file gets the console's lines, stamped and without colour, and
+  // a rotation (rename, SIGUSR1) starts a new file.
+  std::filesystem::rename(logFile, logFile + ".1");
+  run.Child().Signal(SIGUSR1);
+  EXPECT_EQ(Api(api, "enable|1")["STATUS"][0]["STATUS"], "S");
+  ASSERT_TRUE(run.Until([&] { return run.Count("API: enabling device 1") == 1; }, 30s));
+  ASSERT_TRUE(run.Until([&] { return std::filesystem::exists(logFile) && std::filesystem::file_size(logFile) > 0; },
+                        30s));
+  std::ifstream rotated(logFile + ".1");
+  std::string first;
+  std::getline(rotated, first);
+  EXPECT_TRUE(std::regex_match(first, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z [EWI]/\S+ +: .*)")))
+      << first;
+  std::stringstream all;
+  all << rotated.rdbuf();
+  EXPECT_EQ(all.str().find('\x1b'), std::string::npos);
+  EXPECT_NE(all.str().find("Share Accepted!"), std::string::npos);
+
+  EXPECT_EQ(Api(api, "quit")["STATUS"][0]["STATUS"], "S");
+  EXPECT_EQ(run.Child().Wait(), 0);
+}
+
+}  // namespace
+}  // namespace e2e
