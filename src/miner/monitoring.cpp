@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "foundation/build_info.h"
+#include "board/registers.h"
 #include "foundation/logger.h"
 #include "miner/governor.h"
 #include "miner/worker.h"
@@ -37,13 +38,14 @@ BoardSnapshot TakeBoard(MiningContext &context, size_t index, double now) {
   Worker &worker = *context.workers[index];
   BoardSnapshot board;
   board.id = index + 1;
-  board.model = worker.modelName;
+  board.model = worker.modelName.substr(0, worker.modelName.find_last_not_of(' ') + 1);
   board.path = worker.device ? worker.device->path : "";
   board.dna = worker.dna;
   board.enabled = worker.enabled;
   board.status = BoardStatus(worker);
   board.temperature = worker.coreTemperature;
-  board.vrmTemperature = worker.vrmTemperature;
+  // Only the wide family has a regulator sensor; the others have no reading.
+  board.vrmTemperature = IsWideFamily(worker.model) ? worker.vrmTemperature.load() : std::nan("");
   board.vccint = worker.vccint;
   board.clockMHz = static_cast<double>(worker.currentClockHz.load()) / 1e6;
   board.targetMHz = static_cast<double>(worker.targetClockHz.load()) / 1e6;

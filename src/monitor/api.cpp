@@ -29,8 +29,11 @@ Json Status(bool ok, int code, const std::string &message, const std::string &de
                            {"Description", description}}});
 }
 
-// A reading the board did not give is null, not a number.
-Json Reading(double value) { return std::isnan(value) ? Json(nullptr) : Json(value); }
+// A reading the board did not give is null, not a number; the others to the
+// precision the sensors have.
+Json Reading(double value, double scale) {
+  return std::isnan(value) ? Json(nullptr) : Json(std::round(value * scale) / scale);
+}
 
 double Mhs(double value) { return std::round(value * 1000.0) / 1000.0; }
 
@@ -61,9 +64,9 @@ Json Devs(const RunSnapshot &run) {
                         {"DNA", board.dna},
                         {"Enabled", board.enabled ? "Y" : "N"},
                         {"Status", board.status},
-                        {"Temperature", Reading(board.temperature)},
-                        {"VRM Temperature", Reading(board.vrmTemperature)},
-                        {"VCCINT", Reading(board.vccint)},
+                        {"Temperature", Reading(board.temperature, 100)},
+                        {"VRM Temperature", Reading(board.vrmTemperature, 100)},
+                        {"VCCINT", Reading(board.vccint, 1000)},
                         {"Clock MHz", board.clockMHz},
                         {"Target MHz", board.targetMHz},
                         {"Tuning", board.tuning},
