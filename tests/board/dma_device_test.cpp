@@ -15,40 +15,6 @@ namespace {
 
 constexpr uint64_t kDmaMemory = 0x100000000ull;  // card memory, above the register windows
 
-TEST(DmaDeviceOpen, MemoryMappedBoardWithEverything) {
-  Boards boards("xdma0 model=7");
-  LogRecorder log;
-  auto device = boards.Open("xdma0");
-  ASSERT_TRUE(device);
-  EXPECT_FALSE(device->isStreaming);
-  EXPECT_FALSE(device->useDmaForRegisters);
-  EXPECT_EQ(device->channelCount, 1u);
-  EXPECT_EQ(device->streamTestCycles, 50u);
-  EXPECT_NE(device->userFile, nullptr);
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "Detected XDMA AXI-MM design. (MEMORY MAPPED)", VLLogLevelVerbose));
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "Found h2c_0 and c2h_0.", VLLogLevelVerbose));
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "found total number of channels: 1", VLLogLevelVerbose));
-}
-
-TEST(DmaDeviceOpen, StreamFlagInControlRegisterZero) {
-  Boards boards("xdma0 streaming=1");
-  LogRecorder log;
-  auto device = boards.Open("xdma0");
-  ASSERT_TRUE(device);
-  EXPECT_TRUE(device->isStreaming);
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "Detected XDMA AXI-ST design. (STREAMING)", VLLogLevelVerbose));
-}
-
-TEST(DmaDeviceOpen, RefusedWithoutControlFileOrChannelPair) {
-  Boards boards("xdma0 dma=h2c\nxdma1 dma=c2h\nxdma2 dma=none");
-  LogRecorder log;
-  EXPECT_FALSE(boards.Open("xdma9"));
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "Failed to create control device file.", VLLogLevelInfo));
-  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - /ombry-test/xdma9_control"));
-  for (const char *name : {"xdma0", "xdma1", "xdma2"}) EXPECT_FALSE(boards.Open(name)) << name;
-  EXPECT_EQ(log.Count("No DMA channels found!"), 3u);
-}
-
 TEST(DmaDeviceOpen, MissingUserFileMeansRegistersByDma) {
   Boards boards("xdma0 user=0 model=9 bitstream=0x000C0004");
   boards.Card("xdma0").SetTracing(true);

@@ -18,9 +18,6 @@ using sim::Node;
 
 namespace {
 
-uint32_t ReadReg(Device &device, uint32_t address) {
-  return BRYLDMADeviceRead(device.get(), device->userFile, address);
-}
 void WriteReg(Device &device, uint32_t address, uint32_t value) {
   BRYLDMADeviceWrite(device.get(), device->userFile, address, value);
 }
@@ -29,25 +26,6 @@ std::vector<uint64_t> Positions(const std::vector<sim::Access> &accesses) {
   std::vector<uint64_t> positions;
   for (const auto &access : accesses) positions.push_back(access.position);
   return positions;
-}
-
-TEST(BoardIdentity, EveryIdentityOfTheModelTable) {
-  const std::pair<const char *, BoardModel> rows[] = {
-      {"1525", 1}, {"101 ", 2}, {"215 ", 3}, {"215+", 4}, {"OMPR", 5},  {"RK33", 6},  {"RK35", 7},
-      {"RK37", 11}, {"JC33", 8}, {"JC35", 9}, {"JC37", 11}, {"JC39", 11}, {"CV13", 10}, {"NV01", 11},
-  };
-  for (const auto &[identity, model] : rows) {
-    std::string text = identity;
-    for (char &c : text) c = c == ' ' ? '_' : c;
-    Boards boards("xdma0 identity=" + text);
-    auto device = boards.Open("xdma0");
-    ASSERT_TRUE(device);
-    std::string read = GetModelString(device.get());
-    EXPECT_EQ(read, identity);
-    EXPECT_EQ(ResolveBoardModel(device.get(), read), model) << identity;
-  }
-  EXPECT_EQ(ModelNameTable("1525 "), 0u);
-  EXPECT_EQ(ModelNameTable("215"), 0u);
 }
 
 TEST(BoardIdentity, WideFamilyModelComesFromBoardWordBits) {
@@ -70,17 +48,6 @@ TEST(BoardIdentity, WideFamilyModelComesFromBoardWordBits) {
   boards.Card("xdma0").SetTracing(true);
   EXPECT_EQ(ResolveBoardModel(device.get(), "1525"), 1u);
   EXPECT_TRUE(boards.Card("xdma0").TakeTrace().empty());
-}
-
-TEST(BoardIdentity, IdentityTextEndsAtAZeroByteAndAFailedReadIsEmpty) {
-  Boards boards("xdma0 identity=0x4A430035\nxdma1 read_fail=1");
-  auto device = boards.Open("xdma0");
-  ASSERT_TRUE(device);
-  EXPECT_STREQ(GetModelString(device.get()), "JC");
-  auto failed = boards.Open("xdma1");
-  ASSERT_TRUE(failed);
-  EXPECT_STREQ(GetModelString(failed.get()), "");
-  EXPECT_EQ(ResolveBoardModel(failed.get(), GetModelString(failed.get())), 0u);
 }
 
 TEST(BoardIdentity, DnaAndBoardWordInBothLayouts) {
@@ -136,29 +103,6 @@ TEST(BoardIdentity, BitstreamWordAndCompatibility) {
   EXPECT_EQ(FlashImageDigitTable('a'), -1);
 }
 
-TEST(BoardSensors, ConversionsMatchTheBoardsSensors) {
-  Boards boards("narrow model=7 hot=85.5 sag=0.3\nwide model=2 hot=85.5 vrm_hot=101.25");
-  auto narrow = boards.Open("narrow");
-  EXPECT_NEAR(GetCoreTemperature(narrow.get(), true), 85.5, 0.01);
-  EXPECT_NEAR(GetVccInt(narrow.get(), true), 0.85 - 0.3, 0.001);
-  EXPECT_NEAR(GetVccAux(narrow.get(), true), 1.8, 0.001);
-
-  auto wide = boards.Open("wide");
-  // The worker's start-up: auxiliary channel 6 in the sequence, full averaging.
-  WriteReg(wide, kRegXadcSequencer, ReadReg(wide, kRegXadcSequencer) | kXadcSequencerAux6);
-  WriteReg(wide, kRegXadcConfig0, ReadReg(wide, kRegXadcConfig0) | kXadcConfig0Averaging);
-  EXPECT_NEAR(GetCoreTemperature(wide.get(), false), 85.5, 0.13);
-  EXPECT_NEAR(GetVccInt(wide.get(), false), 1.0, 0.001);
-  double x = ReadReg(wide, kRegXadcAux6) >> 4;
-  EXPECT_NEAR((x + 897.25) * 1.90575 / 4096.0 * 400.0 - 272.15, 101.25, 0.2);
-
-  boards.Run("narrow read_fail=1");
-  boards.Run("wide read_fail=1");
-  EXPECT_DOUBLE_EQ(GetCoreTemperature(narrow.get(), true), -279.4265768);
-  EXPECT_DOUBLE_EQ(GetCoreTemperature(wide.get(), false), -273.15);
-  EXPECT_EQ(GetVccInt(wide.get(), false), 0.0);
-}
-
 class MmcmTest : public ::testing::Test {
  protected:
   static constexpr uint64_t kRef = 200000000;
@@ -166,14 +110,6 @@ class MmcmTest : public ::testing::Test {
   Device device_ = boards_.Open("xdma0");
   sim::MmcmBlock &mmcm_ = *boards_.Fpga("xdma0").Mmcm();
 };
-
-TEST_F(MmcmTest, HundredMegahertzExample) {
-  EXPECT_EQ(SetMmcmClockHz(device_.get(), kRef, kRegMmcmBase, 100000000, 9, true), 100000000u);
-  EXPECT_EQ(mmcm_.LoadedOutput(), 18u);  // divider 18.000
-  EXPECT_EQ(mmcm_.LoadedFeedback() & 0xFFFF, 0x0901u);
-  EXPECT_DOUBLE_EQ(mmcm_.OutputHz(), 1e8);
-  EXPECT_EQ(GetMmcmClockHz(device_.get(), kRef, kRegMmcmBase), 100000000u);
-}
 
 TEST_F(MmcmTest, FractionalDividerAndClamps) {
   // d = 12345: 12 in bits 7-0, 345 split over bits 15-8 and 17-16.
@@ -192,22 +128,6 @@ TEST_F(MmcmTest, FractionalDividerAndClamps) {
   // Beyond the reachable range the divider clamps to 0.001.
   EXPECT_EQ(SetMmcmClockHz(device_.get(), kRef, kRegMmcmBase, 5000000000000ull, 0, true), 1800000000000u);
   EXPECT_EQ(mmcm_.LoadedOutput() & 0x3FFFF, 0x100u);
-}
-
-TEST_F(MmcmTest, MultiplierZeroKeepsTheBoardsFeedbackWord) {
-  auto wide = boards_.Open("xdma1");
-  sim::Card &card = boards_.Card("xdma1");
-  card.SetTracing(true);
-  EXPECT_EQ(SetMmcmClockHz(wide.get(), 125000000, kRegMmcmBase, 100000000, 0, true), 100000000u);
-  auto writes = Positions(Filter(card.TakeTrace(), Node::User, true));
-  EXPECT_EQ(writes, (std::vector<uint64_t>{0x6208, 0x625C}));
-  // A new multiplier goes in first; the divider is worked out with it.
-  EXPECT_EQ(SetMmcmClockHz(wide.get(), 125000000, kRegMmcmBase, 100000000, 9, false), 100000000u);
-  writes = Positions(Filter(card.TakeTrace(), Node::User, true));
-  EXPECT_EQ(writes, (std::vector<uint64_t>{0x6200, 0x6208, 0x625C}));
-  EXPECT_EQ(boards_.Fpga("xdma1").Mmcm()->LoadedFeedback() & 0xFFFF, 0x0901u);
-  EXPECT_EQ(boards_.Fpga("xdma1").Mmcm()->LoadedOutput(), 11u | (250u << 8));
-  EXPECT_DOUBLE_EQ(boards_.Fpga("xdma1").Mmcm()->OutputHz(), 1e8);
 }
 
 TEST_F(MmcmTest, WaitPollsTheBusyBitAroundTheLoad) {
@@ -246,90 +166,6 @@ TEST_F(MmcmTest, StuckBusyBitHoldsTheCallerUntilItClears) {
   boards_.Run("xdma0 mmcm_stuck=0");
   setter.join();
   EXPECT_EQ(mmcm_.Loads(), 1u);
-}
-
-TEST_F(MmcmTest, DividerOfZeroFromAFailedBoardIsNoDivisionFault) {
-  LogRecorder log;
-  boards_.Run("xdma0 read_fail=1");
-  boards_.Card("xdma0").SetTracing(true);
-  EXPECT_EQ(GetMmcmClockHz(device_.get(), kRef, kRegMmcmBase), 0u);
-  EXPECT_EQ(SetMmcmClockHz(device_.get(), kRef, kRegMmcmBase, 100000000, 9, true), 0u);
-  EXPECT_TRUE(Filter(boards_.Card("xdma0").TakeTrace(), Node::User, true).empty());
-  EXPECT_EQ(log.Count("MMCM divider read as 0"), 2u);
-
-  // A live board whose input divider is 0 is treated the same way.
-  auto zero = boards_.Open("xdma2");
-  EXPECT_EQ(GetMmcmClockHz(zero.get(), kRef, kRegMmcmBase), 0u);
-  EXPECT_EQ(SetMmcmClockHz(zero.get(), kRef, kRegMmcmBase, 100000000, 0, true), 0u);
-}
-
-TEST(ClockControl, EnableAndResetBitsByLayout) {
-  Boards boards("layout0 model=2 layout=0\nlayout1 model=2 layout=1");
-  for (const char *name : {"layout0", "layout1"}) {
-    auto device = boards.Open(name);
-    sim::Fpga &fpga = boards.Fpga(name);
-    uint32_t layout = ReadLayoutVersion(device.get());
-    uint32_t clockRegister = layout == 1 ? kRegClockControlLayout1 : kRegClockControl;
-    WriteReg(device, clockRegister, 0xC0000000u);
-    SetMmcmClockHz(device.get(), 125000000, kRegMmcmBase, 100000000, 0, true);
-    EXPECT_EQ(fpga.HashClockHz(), 0.0) << name;
-
-    EXPECT_TRUE(SetMmcmReset(device.get(), false, layout));
-    EXPECT_TRUE(SetMmcmClockEnable(device.get(), true, layout));
-    EXPECT_EQ(ReadReg(device, clockRegister), 0xC0000003u) << name;
-    EXPECT_DOUBLE_EQ(fpga.HashClockHz(), 1e8) << name;
-
-    EXPECT_TRUE(SetMmcmClockEnable(device.get(), false, layout));
-    EXPECT_EQ(fpga.HashClockHz(), 0.0) << name;
-    EXPECT_TRUE(SetMmcmClockEnable(device.get(), true, layout));
-    EXPECT_TRUE(SetMmcmReset(device.get(), true, layout));
-    EXPECT_EQ(ReadReg(device, clockRegister), 0xC0000001u) << name;
-    EXPECT_EQ(fpga.HashClockHz(), 0.0) << name;
-  }
-  // In layout 1 the clock bits live at 0x004C and 0x2008 keeps only the LED.
-  auto device = boards.Open("layout1");
-  EXPECT_EQ(ReadReg(device, kRegClockControl), 0u);
-}
-
-TEST(IdentityLed, ModesAreBitPatternsAndOtherBitsStay) {
-  Boards boards("xdma0 model=3 layout=0");
-  auto device = boards.Open("xdma0");
-  EXPECT_EQ(GetIdentityLEDSetting(device.get()), OmbryIdentityLEDSetting34);  // all zeros is not off
-  WriteReg(device, kRegClockControl, 3);
-  const std::pair<OmbryIdentityLEDSetting, uint32_t> modes[] = {
-      {OmbryIdentityLEDSettingOff, 0xC0000003u},
-      {OmbryIdentityLEDSetting22, 0x80000003u},
-      {OmbryIdentityLEDSettingFast, 0x40000003u},
-      {OmbryIdentityLEDSetting34, 0x00000003u},
-  };
-  for (const auto &[mode, word] : modes) {
-    EXPECT_TRUE(SetIdentityLEDSetting(device.get(), mode));
-    EXPECT_EQ(ReadReg(device, kRegClockControl), word);
-    EXPECT_EQ(GetIdentityLEDSetting(device.get()), mode);
-  }
-  SetIdentityLEDSetting(device.get(), OmbryIdentityLEDSettingFast);
-  SetIdentityLEDSetting(device.get(), static_cast<OmbryIdentityLEDSetting>(7));
-  EXPECT_EQ(ReadReg(device, kRegClockControl), 0x40000003u);
-  EXPECT_STREQ(IdentityLEDSettingName(OmbryIdentityLEDSettingOff), "OmbryIdentityLEDSettingOff");
-  EXPECT_STREQ(IdentityLEDSettingName(static_cast<OmbryIdentityLEDSetting>(7)), "Unknown");
-  LogRecorder log;
-  LogIdentityMode(device.get());
-  EXPECT_TRUE(log.Has("BRYL_Reg", "Identity Mode: OmbryIdentityLEDSettingFast.", VLLogLevelInfo));
-}
-
-TEST(CoreCounter, CountsHashClockCyclesAcrossBothWords) {
-  ManualClock clock;
-  Boards boards("xdma0 model=7 layout=1", clock.Source());
-  auto device = boards.Open("xdma0");
-  SetMmcmClockHz(device.get(), 200000000, kRegMmcmBase, 100000000, 9, true);
-  EXPECT_EQ(GetCoreCounter(device.get()), 0u);
-  SetMmcmReset(device.get(), false, 1);
-  SetMmcmClockEnable(device.get(), true, 1);
-  clock.now += 50.0;
-  EXPECT_EQ(GetCoreCounter(device.get()), 5000000000u);
-  SetMmcmClockEnable(device.get(), false, 1);
-  clock.now += 10.0;
-  EXPECT_EQ(GetCoreCounter(device.get()), 5000000000u);
 }
 
 }  // namespace

@@ -137,30 +137,6 @@ TEST(MiningRun, AClockThatNeverSettlesTakesItsBoardOutWhileTheOtherMines) {
   EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
 }
 
-TEST(PoolFaults, RefusedAndRestartedPoolIsReconnectedAndMiningResumes) {
-  MinerRun run(kTwoBoards, kEasyPool);
-  ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
-  const uint16_t port = run.PoolProcess().Port();
-
-  // The pool goes away: the connection is lost, and new ones are refused.
-  run.PoolProcess().Stop();
-  ASSERT_TRUE(run.Until([&] { return run.Count("Stratum disconnected") >= 2; })) << run.Output();
-
-  std::vector<std::string> options = kEasyPool;
-  options.insert(options.end(), {"--port", std::to_string(port)});
-  testing_support::TestPool restarted(options);
-  ASSERT_EQ(restarted.Port(), port);
-  EXPECT_TRUE(run.Until([&] {
-    std::string stats = restarted.Stats();
-    return stats.find("\"accepted\":0,") == std::string::npos && stats.find("\"accepted\":") != std::string::npos;
-  })) << run.Output();
-  EXPECT_NE(restarted.Stats().find("\"rejected\":0,"), std::string::npos) << restarted.Stats();
-
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
-}
-
 TEST(PoolFaults, GarbageHugeAndMalformedLinesDoNotStopMining) {
   MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--garbage-every", "3",
                             "--huge-line", "300000", "--bad-job", "invalid-hex", "--bad-job-every", "3"});
@@ -169,19 +145,6 @@ TEST(PoolFaults, GarbageHugeAndMalformedLinesDoNotStopMining) {
   run.Child().Type("q");
   EXPECT_EQ(run.Child().Wait(), 0);
   EXPECT_GE(run.Count("Share Accepted!"), 4u);
-}
-
-// While mining, a message with a numeric id is a share answer or nothing: a
-// pool that numbers its notifications is not heard, and the boards get no job.
-TEST(PoolFaults, NotificationsWithANumericIdAreDropped) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--notify-id", "7"});
-  ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.Pool("jobs") >= 3 && run.Count("Worker 2: Started waiting for work") > 0; }));
-  EXPECT_EQ(run.Count("Stratum state Authorized -> Mining"), 1u);
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
-  EXPECT_EQ(run.Pool("submits"), 0u);
-  EXPECT_EQ(run.Count("YAY"), 0u);
 }
 
 TEST(Signals, TerminationWhileMiningOrStartingStopsCleanly) {

@@ -86,38 +86,6 @@ TEST_F(FlashDeviceTest, UpdateRegionImageWritesItsFirstPageLast) {
   EXPECT_EQ(FlashBytes(0x680000, image.size()), image);
 }
 
-TEST_F(FlashDeviceTest, SubDeviceFlashesItsOwnChip) {
-  Start("xdma0 model=9 subdevices=2 flash_size=0x800000\n");
-  std::vector<uint8_t> image = RandomImage(5000, 13);
-  ASSERT_TRUE(Flash(Open(2), FlashTypeWhole, image, 3, 0));
-  EXPECT_EQ(FlashBytes(0, image.size(), 2), image);
-  EXPECT_EQ(FlashBytes(0, 4096, 0), std::vector<uint8_t>(4096, 0xFF));
-}
-
-TEST_F(FlashDeviceTest, NothingIsWrittenWithoutUserFileOrAttempts) {
-  Start("xdma0 model=7 user=0 flash_size=0x800000\n");
-  std::vector<uint8_t> image = RandomImage(1000, 14);
-  EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image));
-  EXPECT_EQ(Card().WithFpga(0, [](sim::Fpga *f) { return f->Spi()->Accesses(); }), 0u);
-
-  TearDown();
-  Start("xdma0 model=7 flash_size=0x800000\n");
-  EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image, 0));
-  auto frames = Frames();
-  EXPECT_TRUE(FramesOf(frames, SPIFlash::kSectorErase4).empty());
-  EXPECT_TRUE(FramesOf(frames, SPIFlash::kPageProgram4).empty());
-}
-
-TEST_F(FlashDeviceTest, BlankImageProgramsNothingButSucceeds) {
-  Start("xdma0 model=7 flash_size=0x800000\n");
-  std::vector<uint8_t> image(2048, 0xFF);
-  ASSERT_TRUE(Flash(Open(), FlashTypeWhole, image));
-  auto frames = Frames();
-  EXPECT_EQ(FramesOf(frames, SPIFlash::kSectorErase4).size(), 1u);
-  EXPECT_TRUE(FramesOf(frames, SPIFlash::kPageProgram4).empty());
-  EXPECT_NE(output_.find("\rWrote 2048 bytes (100.0%)"), std::string::npos);
-}
-
 TEST_F(FlashDeviceTest, PowerCycledBoardBootsTheFlashedImage) {
   auto dir = TempDirectory("power-cycle");
   std::vector<uint8_t> image = RandomImage(70000, 15);

@@ -134,19 +134,6 @@ TEST_F(OfferFlashTest, AFailedOrImpossibleFlashIsNeverReportedAsDone) {
   }
 }
 
-TEST_F(OfferFlashTest, OnlyLowerCaseYIsConsent) {
-  auto child = Run();
-  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
-  child->Type("Yqn");
-  EXPECT_EQ(child->Wait(), 3) << child->Output();
-  const std::string &out = child->Output();
-  EXPECT_NE(out.find("User didn't consent for flashing, skipping device 1"), std::string::npos);
-  EXPECT_NE(out.find("User didn't consent for flashing, skipping device 2"), std::string::npos);
-  EXPECT_EQ(out.find(kEnterPrompt), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
-  EXPECT_FALSE(std::filesystem::exists(Flash(1)));
-}
-
 TEST_F(OfferFlashTest, HotBoardIsRefusedAndOthersGoOn) {
   boards_ = "xdma0 model=7 hot=61.5 flash_size=0x800000 flash=" + Flash(0).string() + "\n" +
             "xdma1 model=1 flash_size=0x800000 flash=" + Flash(1).string() + "\n";
@@ -165,18 +152,6 @@ TEST_F(OfferFlashTest, HotBoardIsRefusedAndOthersGoOn) {
   EXPECT_NEAR(shown, 61.5, 0.05);
   EXPECT_STREQ(rest, "*C, which exceeds the flashing safety threshold. Refusing to flash");
   EXPECT_NE(out.find("No flash data found for device 2"), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
-}
-
-TEST_F(OfferFlashTest, SilenceIsNoAndIsNotAskedAgain) {
-  auto child = Run();
-  // Typed before the question: thrown away, not taken as the answer.
-  child->Type("y");
-  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
-  EXPECT_EQ(child->Wait(std::chrono::seconds(50)), 3) << child->Output();
-  const std::string &out = child->Output();
-  EXPECT_EQ(Count(out, "Waiting for 30 seconds"), 1u);
-  EXPECT_EQ(Count(out, "User didn't consent for flashing, skipping device"), 2u);
   EXPECT_FALSE(std::filesystem::exists(Flash(0)));
 }
 

@@ -58,28 +58,6 @@ TEST_F(SpiDriverTest, SlaveStaysSelectedAcrossFifoRounds) {
   EXPECT_EQ(frames[1].out, send);
 }
 
-TEST_F(SpiDriverTest, StatusCodesForMisuse) {
-  XSpi spi{};
-  XSpi_Config config = FlashConfig();
-  config.NumSlaveBits = 2;
-  ASSERT_EQ(XSpi_CfgInitialize(&spi, &config, config.BaseAddress), XST_SUCCESS);
-  uint8_t byte = 0x05;
-  EXPECT_EQ(XSpi_Transfer(&spi, &byte, nullptr, 1), XST_DEVICE_IS_STOPPED);
-  EXPECT_EQ(XSpi_SetSlaveSelect(&spi, 3), XST_SPI_TOO_MANY_SLAVES);
-  EXPECT_EQ(XSpi_SetSlaveSelect(&spi, 2), XST_SUCCESS);
-  EXPECT_EQ(spi.SlaveSelectReg, ~2u);
-
-  ASSERT_EQ(XSpi_Start(&spi), XST_SUCCESS);
-  EXPECT_EQ(XSpi_Start(&spi), XST_DEVICE_IS_STARTED);
-  XSpi before;
-  memcpy(&before, &spi, sizeof spi);
-  EXPECT_EQ(XSpi_CfgInitialize(&spi, &config, 0x20000), XST_DEVICE_IS_STARTED);
-  EXPECT_EQ(memcmp(&before, &spi, sizeof spi), 0);
-
-  ASSERT_EQ(XSpi_Stop(&spi), XST_SUCCESS);
-  EXPECT_EQ(XSpi_Transfer(&spi, &byte, nullptr, 1), XST_DEVICE_IS_STOPPED);
-}
-
 class SpiFlashTest : public SpiDriverTest {
  protected:
   void Init(uint8_t family) {
@@ -91,20 +69,6 @@ class SpiFlashTest : public SpiDriverTest {
   SPIFlash flash_;
   std::vector<SPIFlashProgress> progress_;
 };
-
-TEST_F(SpiFlashTest, InitConfiguresOnlyTheFamilyThatNeedsIt) {
-  flash_.Init(FlashConfig(), 0);
-  auto frames = Frames();
-  auto configuration = FramesOf(frames, SPIFlash::kWriteConfiguration);
-  ASSERT_EQ(configuration.size(), 1u);
-  EXPECT_EQ(configuration[0].out, (std::vector<uint8_t>{0x81, 0xEB}));
-  EXPECT_EQ(Card().WithFpga(0, [](sim::Fpga *f) { return f->Flash()->Configuration(); }), 0xEB);
-  EXPECT_EQ(Ignored(), 0u);  // it was write-enabled
-
-  SPIFlash family1;
-  family1.Init(FlashConfig(), 1);
-  EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kWriteConfiguration).empty());
-}
 
 TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
   Init(1);

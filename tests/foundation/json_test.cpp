@@ -37,17 +37,6 @@ TEST(JsonReader, SkipsWhatItDoesNotKnowAndNeedsNoPunctuation) {
   });
 }
 
-TEST(JsonReader, LiteralsAreDecidedByTheirFirstByte) {
-  ExpectParses({
-      {"[true, false, null]", "[true,false,null]"},
-      {"[TRUE, False, Nope]", "[true,false,null]"},
-      // The rest of a word is skipped byte by byte, and a starting letter
-      // inside it begins a new literal.
-      {"[tx, fuzzy, nothing]", "[true,false,null,true,null]"},
-      {"[tiff]", "[true,false,false]"},
-  });
-}
-
 TEST(JsonReader, NumbersGoThroughADouble) {
   ExpectParses({
       {"[-5]", "[i32:-5]"},
@@ -76,44 +65,6 @@ TEST(JsonReader, StringEscapesKeepTheProgramsOwnDecoding) {
       {R"(["ab\u12"])", "[]"},  // the closing quote was taken into the escape
       {"[\"caf\xC3\xA9\"]", R"(["caf\xC3\xA9"])"},
   });
-}
-
-TEST(JsonUnescape, ShortUnicodeEscapesDropOneByte) {
-  auto unescape = [](const char *text) { return Show(VLRef(VLStringJsonUnescape(text, strlen(text))).get()); };
-  EXPECT_EQ(unescape("ab\\u12"), R"("ab2")");
-  EXPECT_EQ(unescape("ab\\u"), R"("ab")");
-  EXPECT_EQ(unescape("\\uzz41"), R"("\x1AA")");  // a non-digit enters with its character code
-  EXPECT_EQ(unescape("x\\"), R"("x")");
-}
-
-TEST(JsonReader, TruncatedInputKeepsWhatWasComplete) {
-  ExpectParses({
-      {"[1,2", "[u64:1]"},
-      {"[1,2 ", "[u64:1,u64:2]"},
-      {R"({"a":1,"b":[2,3)", R"({"a":u64:1,"b":[u64:2]})"},
-      {R"({"a":1,"b")", R"({"a":u64:1})"},
-      {R"(["done","unterminated)", R"(["done"])"},
-      {R"("unterminated)", "<nullptr>"},
-      {"[tru", "[true]"},
-      {"[t", "[]"},
-  });
-}
-
-TEST(JsonReader, FormatIsChosenOnTheFirstBytesOnly) {
-  ExpectParses({
-      {R"(  {"a":1})", "<nullptr>"},  // leading blanks go to the XML reader
-      {"42", "<nullptr>"},
-      {"true", "<nullptr>"},
-      {"[", "<nullptr>"},
-      {R"("x")", R"("x")"},
-      {"", "<nullptr>"},
-  });
-  VLRef data(VLDataCreate("[7]", 3));
-  VLRef parsed(VLObjectParse(data.get()));
-  EXPECT_EQ(Show(parsed.get()), "[u64:7]");
-  VLRef number(VLNumberCreateUInt32(1));
-  EXPECT_EQ(VLObjectParse(number.get()), nullptr);
-  EXPECT_EQ(VLObjectParse(nullptr), nullptr);
 }
 
 TEST(JsonReader, ReadsWhatAPoolSends) {
@@ -161,29 +112,6 @@ TEST(JsonWriter, WritesEachTagInItsOwnForm) {
   VLRef text(VLStringCreate("q\"b\\s/\x01\n\x1f\xc3\xa9", 0));
   EXPECT_EQ(Serialize(text.get()), "\"q\\\"b\\\\s/\\u0001\\u000A\\u001F\xc3\xa9\"\n");
   EXPECT_EQ(VLObjectSerialize(text.get(), VLFormatBinaryPlist), nullptr);
-}
-
-TEST(JsonWriter, NonStringKeysGetNoColonAndStillReadBack) {
-  VLRef dictionary(VLDictionaryCreate(2));
-  VLRef key(VLNumberCreateUInt32(5)), value(VLStringCreate("v", 0));
-  VLDictionarySet(dictionary.get(), value.get(), key.get());
-  EXPECT_EQ(Serialize(dictionary.get()), "{\n  5  \"v\"\n}\n");
-  VLRef text(VLObjectSerialize(dictionary.get(), VLFormatJson));
-  VLRef back(VLObjectParse(text.get()));
-  EXPECT_EQ(Show(back.get()), R"({u64:5:"v"})");
-}
-
-TEST(JsonRoundTrip, KeepsStructureAndNormalisesKinds) {
-  VLRef source(ReadJson(R"({"s":"line\nfeed\u0001","n":[-3,4,2.5,true,null],"d":{}})"));
-  ASSERT_TRUE(source);
-  VLRef bytes(VLDataCreate("hello", 5));
-  VLDictionarySet(source.get(), bytes.get(), VLStringConstant("data"));
-  VLRef text(VLObjectSerialize(source.get(), VLFormatJson));
-  EXPECT_NE(std::string(VLStringChars(text.get())).find("\\u000A"), std::string::npos);
-  VLRef back(VLObjectParse(text.get()));
-  // Data comes back as its base64 text; everything else as it was.
-  EXPECT_EQ(Show(back.get()),
-            R"({"s":"line\x0Afeed\x01","n":[i32:-3,u64:4,real:2.5,true,null],"d":{},"data":"aGVsbG8="})");
 }
 
 // Runs `body` on a thread whose stack was painted beforehand, and returns how
@@ -240,33 +168,6 @@ TEST(DeepNesting, ReadingCopyingAndReleasingUseNoStackPerLevel) {
   size_t deep = read_copy_release(200000);
   EXPECT_EQ(depth, 200000u);
   EXPECT_LT(deep, shallow + 1024);
-}
-
-TEST(DeepNesting, WritingAndDescribingUseNoStackPerLevel) {
-  // The indents make the text quadratic in the depth, so this depth is smaller.
-  uint64_t written_length = 0;
-  uint32_t round_trip_depth = 0;
-  std::string described_tail;
-  auto write_describe = [&](uint32_t levels) {
-    std::string text = Nested(levels, "1");
-    VLRef parsed(VLJsonRead(text.data(), static_cast<uint32_t>(text.size())));
-    return StackUsedBy([&] {
-      VLRef written(VLObjectSerialize(parsed.get(), VLFormatJson));
-      written_length = VLStringLength(written.get());
-      VLRef back(VLObjectParse(written.get()));
-      round_trip_depth = ArrayDepth(back.get());
-      VLRef described(VLObjectDescribe(parsed.get()));
-      std::string all = VLStringChars(described.get());
-      described_tail = all.substr(all.size() - 12);
-    });
-  };
-  size_t shallow = write_describe(10);
-  size_t deep = write_describe(500);
-  EXPECT_LT(deep, shallow + 1024);
-  // Each level's two lines carry its indent; the innermost line holds the 1.
-  EXPECT_EQ(written_length, 2u * 501 * 501);
-  EXPECT_EQ(round_trip_depth, 500u);
-  EXPECT_EQ(described_tail, "  ),\n  ),\n)\n");
 }
 
 }  // namespace

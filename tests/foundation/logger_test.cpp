@@ -49,40 +49,6 @@ TEST_F(LoggerTest, ThresholdPassesOnlyItsLevelAndAbove) {
   EXPECT_EQ(capture.Err(), "W/T            : 400\nE/T            : 500\n");
 }
 
-TEST_F(LoggerTest, TraceEnvironmentOverridesRequestedLevel) {
-  setenv("VL_LOG_TRACE", "", 1);
-  StreamCapture capture;
-  VLLogInit(VLLogLevelInfo);
-  VL_LOG(VLLogLevelTrace, "T", "trace passes");
-  capture.Stop();
-  EXPECT_EQ(capture.Out(), "I/LOGGER       : Log level set to Trace\nT/T            : trace passes\n");
-}
-
-TEST_F(LoggerTest, InitReportsItsLevelByName) {
-  StreamCapture capture;
-  VLLogInit(VLLogLevelWarning);
-  VL_LOG(VLLogLevelInfo, "T", "dropped");
-  capture.Stop();
-  // The report itself is at Info, so it falls below a Warning threshold.
-  EXPECT_EQ(capture.Out(), "");
-  EXPECT_EQ(VLLogGetLevel(), VLLogLevelWarning);
-}
-
-TEST_F(LoggerTest, LongMessageIsCutAt4095Characters) {
-  std::string longText(5000, 'x');
-  StreamCapture capture;
-  VL_LOG(VLLogLevelInfo, "T", "%s", longText.c_str());
-  capture.Stop();
-  EXPECT_EQ(capture.Out(), "I/T            : " + std::string(4095, 'x') + "\n");
-}
-
-TEST_F(LoggerTest, LongTagWidensTheLineAndPercentInArgumentsStays) {
-  StreamCapture capture;
-  VL_LOG(VLLogLevelInfo, "THIRTEENCHARS", "%s", "100% sure %d");
-  capture.Stop();
-  EXPECT_EQ(capture.Out(), "I/THIRTEENCHARS : 100% sure %d\n");
-}
-
 TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
   constexpr int kThreads = 8;
   constexpr int kLines = 300;
@@ -108,13 +74,6 @@ TEST_F(LoggerTest, ConcurrentWritersNeverInterleaveLines) {
     counts[t]++;
   }
   for (int t = 0; t < kThreads; t++) EXPECT_EQ(counts[t], kLines);
-}
-
-TEST_F(LoggerTest, HostFilterPassesNamesUnchangedUnlessAFilterIsSet) {
-  EXPECT_STREQ(VLLogFilterHost("pool.example.org"), "pool.example.org");
-  VLLogSetHostFilter([](char *buffer, uint32_t size, const char *) { snprintf(buffer, size, "<host>"); });
-  EXPECT_STREQ(VLLogFilterHost("pool.example.org"), "<host>");
-  VLLogSetHostFilter(nullptr);
 }
 
 }  // namespace

@@ -11,41 +11,6 @@
 
 namespace {
 
-TEST(StringGrowth, GrowsByWholeKibOfTheShortfall) {
-  VLRef s(VLStringCreate("abc", 0));
-  EXPECT_EQ(s.get()->string.capacity, 3u);
-  VLStringAppend(s.get(), "d", 1);
-  EXPECT_EQ(s.get()->string.capacity, 3u + 1024);
-  // Room for exactly the free space minus one (the terminator's byte) needs no growth.
-  uint32_t room = s.get()->string.capacity - s.get()->string.length - 1;
-  std::string fill(room, 'x');
-  VLStringAppend(s.get(), fill.c_str(), 0);
-  EXPECT_EQ(s.get()->string.capacity, 3u + 1024);
-  VLStringAppend(s.get(), "y", 0);
-  EXPECT_EQ(s.get()->string.capacity, 3u + 2048);
-  // 3000 more with 1024 free lacks 1977 (terminator included): two KiB.
-  std::string big(3000, 'z');
-  VLStringAppend(s.get(), big.c_str(), 0);
-  EXPECT_EQ(s.get()->string.capacity, 3u + 2048 + 2048);
-  EXPECT_EQ(VLStringLength(s.get()), 4 + room + 1 + 3000);
-  EXPECT_EQ(strlen(VLStringChars(s.get())), VLStringLength(s.get()));
-}
-
-TEST(StringGrowth, AppendStopsAtAZeroByteButReservesTheAskedLength) {
-  VLRef s(VLStringCreateWithCapacity(0));
-  VLStringAppend(s.get(), "abc", 10);
-  EXPECT_EQ(VLStringLength(s.get()), 3u);
-  EXPECT_STREQ(VLStringChars(s.get()), "abc");
-  EXPECT_EQ(s.get()->string.capacity, 1u + 1024);
-
-  VLRef d(VLDataCreate("ab", 2));
-  VLDataAppend(d.get(), "\0c", 2);
-  EXPECT_EQ(Show(d.get()), "<61620063>");
-  EXPECT_EQ(d.get()->data.capacity, 2u + 1024);
-  VLDataSetLength(d.get(), 5000);  // held to the capacity
-  EXPECT_EQ(VLDataLength(d.get()), 2u + 1024);
-}
-
 TEST(Formatting, TruncatesSilently) {
   std::string long_text(40000, 'q');
   VLRef s(VLStringCreateFormat("%s", long_text.c_str()));
@@ -91,24 +56,6 @@ TEST(Split, RefusesPiecesAboveTheLimitAndKeepsTheRest) {
   EXPECT_STREQ(VLStringChars(VLArrayGet(pieces.get(), 0)), "a");
   EXPECT_EQ(VLStringChars(VLArrayGet(pieces.get(), 1)), fits);
   EXPECT_STREQ(VLStringChars(VLArrayGet(pieces.get(), 2)), "b");
-}
-
-TEST(Cleaning, RemovesBlanksLineEndsAndHighBytesEverywhere) {
-  VLRef s(VLStringCreate("{ \"a b\" :\t\"caf\xC3\xA9\"\r\n}", 0));
-  VLRef clean(VLStringRemoveWhitespace(s.get()));
-  EXPECT_STREQ(VLStringChars(clean.get()), "{\"ab\":\"caf\"}");
-  EXPECT_EQ(VLStringRemoveWhitespace(nullptr), nullptr);
-}
-
-TEST(Compare, IgnoresCase) {
-  auto compare = [](const char *a, const char *b) {
-    return VLStringCompareText(VLRef(VLStringCreate(a, 0)).get(), VLRef(VLStringCreate(b, 0)).get());
-  };
-  EXPECT_EQ(compare("2.0", "2.0"), 1u);
-  EXPECT_EQ(compare("ABC", "abc"), 1u);
-  EXPECT_EQ(compare("abc", "abd"), 0u);
-  EXPECT_EQ(compare("b", "A"), 2u);
-  EXPECT_EQ(compare("2.0", "2.00"), 0u);
 }
 
 std::string HexData(const char *text) {
@@ -159,30 +106,6 @@ TEST(Base64, EncodesDecodesAndStaysLenient) {
   free(empty);
 }
 
-TEST(Utf16, ConvertsToUtf8) {
-  const uint8_t big_endian[] = {0x00, 0x41, 0x00, 0xE9, 0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0x00};
-  VLRef text(VLStringFromUtf16(big_endian, 5, 2));
-  EXPECT_EQ(Show(text.get()), R"("A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80")");
-  const uint16_t host[] = {0x0041, 0x00E9};
-  EXPECT_EQ(Show(VLRef(VLStringFromUtf16(host, 2, 1)).get()), R"("A\xC3\xA9")");
-  const uint8_t lone_high[] = {0xD8, 0x3D, 0x00, 0x41};
-  EXPECT_EQ(VLStringFromUtf16(lone_high, 2, 2), nullptr);
-  EXPECT_EQ(VLStringFromUtf16(lone_high, 1, 2), nullptr);
-  EXPECT_EQ(VLStringFromUtf16(host, 2, 0), nullptr);
-}
-
 std::vector<uint64_t> g_destroyed;
-
-TEST(List, AppendsAtTheEndAndDestroysInOrder) {
-  g_destroyed.clear();
-  VLList *head = VLListAppend(nullptr, nullptr, 1);
-  EXPECT_EQ(VLListAppend(head, nullptr, 2), head);
-  VLListAppend(head, nullptr, 3);
-  EXPECT_EQ(head->next->next->size, 3u);
-  EXPECT_EQ(head->next->next->prev, head->next);
-  EXPECT_EQ(head->prev, nullptr);
-  VLListDestroy(head, [](void *, uint64_t size) { g_destroyed.push_back(size); });
-  EXPECT_EQ(g_destroyed, (std::vector<uint64_t>{1, 2, 3}));
-}
 
 }  // namespace

@@ -144,17 +144,6 @@ TEST_P(EaglesongLanes, SearchBoundIsInclusiveAndComparesAllWords) {
             tails.size());
 }
 
-TEST_P(EaglesongLanes, EmptySearchAndAllPassingBound) {
-  const std::vector<EaglesongNonceTail> tails = RandomTails(3);
-  Words8 all;
-  all.fill(0xffffffff);
-  EXPECT_EQ(EaglesongSearch48(header, word0, word1, tails.data(), 0, all.data(), nullptr, GetParam()), 0u);
-  Words8 digest{};
-  EXPECT_EQ(EaglesongSearch48(header, word0, word1, tails.data(), tails.size(), all.data(), digest.data(), GetParam()),
-            0u);
-  EXPECT_EQ(digest, ScalarDigest(tails[0]));
-}
-
 INSTANTIATE_TEST_SUITE_P(Paths, EaglesongLanes,
                          ::testing::Values(EaglesongLanePath::Portable, EaglesongLanePath::Avx2, EaglesongLanePath::Avx512),
                          [](const ::testing::TestParamInfo<EaglesongLanePath> &info) {

@@ -63,21 +63,6 @@ TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
   }
 }
 
-TEST(CommandLineTest, HelpNamesEveryOption) {
-  char *text = nullptr;
-  size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  PrintUsage(out);
-  fclose(out);
-  std::string usage(text, size);
-  free(text);
-  for (const OptionSpec &option : CommandLineOptions()) {
-    EXPECT_NE(usage.find(std::string("--") + option.name), std::string::npos) << option.name;
-  }
-  EXPECT_TRUE(Parse({"ckb", "--help"}).line.showHelp);
-  EXPECT_TRUE(Parse({"--version"}).line.showVersion);
-}
-
 }  // namespace
 
 namespace {

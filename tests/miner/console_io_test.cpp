@@ -35,13 +35,6 @@ TEST(InterruptableDelayTest, FirstAcceptedLowerCaseKeyEndsTheWait) {
   }
 }
 
-TEST(InterruptableDelayTest, SilencePrintsADotASecondAndAnswersZero) {
-  auto child = StartDelay(2, "yn");
-  EXPECT_EQ(child->Wait(), 0);
-  // The terminal turns the line end into CR LF.
-  EXPECT_EQ(child->Output(), "Waiting for 2 seconds..\r\n");
-}
-
 TEST(ConsumeKeysTest, DeliversEveryKeyInOrder) {
   PtyProcess child({}, {}, [] {
     VLConsoleBeginKeys();
@@ -57,13 +50,6 @@ TEST(ConsumeKeysTest, DeliversEveryKeyInOrder) {
   ASSERT_TRUE(child.WaitFor("ready"));
   child.Type("a+1Q");
   EXPECT_EQ(child.Wait(), 0);
-}
-
-TEST(ConsumeKeysTest, NoTerminalMeansNoKeysAndNoFailure) {
-  // In the test process standard input is not a terminal in single-key mode.
-  int calls = 0;
-  ConsumeKeys([&](char) { calls++; });
-  EXPECT_EQ(calls, 0);
 }
 
 }  // namespace

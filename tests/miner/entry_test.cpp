@@ -56,44 +56,6 @@ TEST(EntryTest, ColourCodesOnlyOnATerminalWithoutNoColor) {
   EXPECT_EQ((piped.out + piped.err).find('\x1b'), std::string::npos);
 }
 
-TEST(EntryTest, DumpEndsAtOnceWithoutLogging) {
-  auto result = RunProcess({Miner(), "dump"}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "");
-}
-
-TEST(EntryTest, RecoveryScansAndExitsCleanlyWithoutAWorker) {
-  SimBoardList boards("xdma0 model=7 dna=1,2,3\n");
-  auto result = RunProcess({SimMiner(), "recovery"}, boards.Env());
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_NE(result.out.find("I/LOGGER       : Log level set to Info\n"), std::string::npos);
-  EXPECT_NE(result.out.find("I/Miner        : Starting miner\n"), std::string::npos);
-  // Even a compatible board is only a flashing candidate here.
-  EXPECT_EQ(result.err,
-            "E/Miner        :   Device 1: RK35 (000000010000000200000003:00000000) running CKB (12) bitstream "
-            "Version 0.004\n"
-            "E/Miner        : No flash data found for device 1\n"
-            "E/Miner        : Exiting\n");
-}
-
-TEST(EntryTest, NoDeviceListEndsTheRunWithCodeOne) {
-  auto result = RunProcess({Miner(), "recovery"}, {EmptyDeviceDir()});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err,
-            "E/Miner        : Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?\n");
-  EXPECT_NE(result.out.find("I/Miner        : Scanning for devices...\n"), std::string::npos);
-}
-
-TEST(EntryTest, RecoveryWithFullArgumentsIsNotARecoveryRun) {
-  SimBoardList boards("xdma0 model=7\n");
-  auto result = RunProcess({SimMiner(), "recovery", "pool", "3333", "wallet", "x"}, boards.Env());
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.err.find("E/Miner        : Device 1: Assigned to worker 1\n"), std::string::npos);
-  EXPECT_NE(result.err.find("E/Miner        : Algorithm 'recovery' is not known\n"), std::string::npos);
-  EXPECT_EQ(result.err.find("E/Miner        : Exiting"), std::string::npos);
-}
-
 TEST(EntryTest, NoReadyBoardEndsTheRunWithCodeOne) {
   SimBoardList boards("xdma0 model=7 bitstream=0x000C0005\nxdma1 identity=ZZZZ\n");
   auto result = RunProcess({SimMiner(), "ckb", "pool.example.org", "3333", "wallet", "x"}, boards.Env());

@@ -104,10 +104,4 @@ TEST(DesiredClockTest, FloorAppliesToTheWishNotToThrottling) {
   EXPECT_EQ(DesiredClockHz(worker, 25000000, 0, 1000), 0u);
 }
 
-TEST(VrmTemperatureTest, AuxChannelSixConversion) {
-  // x = 0x800: ((2048 + 897.25) * 1.90575 / 4096) * 400 - 272.15
-  EXPECT_NEAR(VrmTemperatureFromAux6(0x8000), 275.98, 0.01);
-  EXPECT_NEAR(VrmTemperatureFromAux6(0x8000 | 0xF), 275.98, 0.01);  // the low four bits are dropped
-}
-
 }  // namespace

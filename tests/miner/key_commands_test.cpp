@@ -63,94 +63,6 @@ TEST_F(KeyCommandsTest, DigitsTargetOneWorkerAndAllGoesBackToEvery) {
   EXPECT_EQ(ClockMHz(2), 105u);
 }
 
-TEST_F(KeyCommandsTest, ADigitPastTheLastWorkerTargetsNothing) {
-  AddWorkers(context_, 2);
-  Press("9");
-  EXPECT_EQ(session_.targetDevice, 9);
-  Press("+dtc");
-  for (auto &worker : context_.workers) {
-    EXPECT_EQ(worker->targetClockHz, 0u);
-    EXPECT_TRUE(worker->enabled);
-    EXPECT_EQ(worker->tuning, TuningOff);
-    EXPECT_FALSE(worker->couponRequest);
-  }
-}
-
-TEST_F(KeyCommandsTest, NextAndPreviousWrapAroundAndStartFromAll) {
-  AddWorkers(context_, 3);
-  // From "all", next goes to the first and previous to the last.
-  EXPECT_EQ(Press("n"), "I/Miner        : Commands targeting device 1\n");
-  Press("a");
-  EXPECT_EQ(Press("p"), "I/Miner        : Commands targeting device 3\n");
-  EXPECT_EQ(Press("p"), "I/Miner        : Commands targeting device 2\n");
-  Press("p");
-  EXPECT_EQ(Press("p"), "I/Miner        : Commands targeting device 3\n");
-  EXPECT_EQ(Press("n"), "I/Miner        : Commands targeting device 1\n");
-  EXPECT_EQ(Press("n"), "I/Miner        : Commands targeting device 2\n");
-  // A digit past the end: next wraps to 1, previous steps down from it.
-  Press("7");
-  EXPECT_EQ(Press("n"), "I/Miner        : Commands targeting device 1\n");
-  Press("7");
-  EXPECT_EQ(Press("p"), "I/Miner        : Commands targeting device 6\n");
-}
-
-TEST_F(KeyCommandsTest, NextAndPreviousReachWorkersBeyondNine) {
-  AddWorkers(context_, 12);
-  Press("9nn");
-  EXPECT_EQ(session_.targetDevice, 11);
-  Press("d");
-  for (size_t i = 0; i < 12; i++) EXPECT_EQ(context_.workers[i]->enabled.load(), i != 10) << i;
-  Press("ap");
-  EXPECT_EQ(session_.targetDevice, 12);
-}
-
-TEST_F(KeyCommandsTest, ClockStepsStopAtZeroAndAskForAQuickTable) {
-  AddWorkers(context_, 1);
-  context_.workers[0]->targetClockHz = 3000000;
-  EXPECT_EQ(Press("-"), "I/Miner        : Decreasing clocks by 5 MHz\n");
-  EXPECT_EQ(context_.workers[0]->targetClockHz, 0u);
-  EXPECT_TRUE(session_.quickRefresh);
-  Press("-");
-  EXPECT_EQ(context_.workers[0]->targetClockHz, 0u);
-  Press("+");
-  EXPECT_EQ(context_.workers[0]->targetClockHz, 5000000u);
-}
-
-TEST_F(KeyCommandsTest, FlagKeysActOnTargetedWorkersOnly) {
-  AddWorkers(context_, 2);
-  context_.workers[1]->identityLedRequest = false;
-  context_.workers[1]->identityLedCountdown = 0;
-  EXPECT_EQ(Press("2tc"),
-            "I/Miner        : Commands targeting device 2\n"
-            "I/Miner        : Tuning targeted device(s)\n"
-            "I/Miner        : Preparing to print coupons, get your scissors ready!\n");
-  EXPECT_EQ(context_.workers[0]->tuning, TuningOff);
-  EXPECT_FALSE(context_.workers[0]->couponRequest);
-  EXPECT_EQ(context_.workers[1]->tuning, TuningActive);
-  EXPECT_TRUE(context_.workers[1]->couponRequest);
-
-  EXPECT_EQ(Press("i"), "I/Miner        : Worker 2 DNA: dna2\n");
-  EXPECT_TRUE(context_.workers[1]->identityLedRequest);
-  EXPECT_EQ(context_.workers[1]->identityLedCountdown, 5000u);
-
-  EXPECT_EQ(Press("d"), "I/Miner        : Disabling targeted device(s)\n");
-  EXPECT_TRUE(context_.workers[0]->enabled);
-  EXPECT_FALSE(context_.workers[1]->enabled);
-}
-
-TEST_F(KeyCommandsTest, IdentityOfADisabledWorkerIsPrintedButItsLedLeftAlone) {
-  AddWorkers(context_, 2);
-  for (auto &worker : context_.workers) {
-    worker->identityLedRequest = false;
-    worker->identityLedCountdown = 0;
-  }
-  context_.workers[0]->enabled = false;
-  EXPECT_EQ(Press("i"), "I/Miner        : Worker 1 DNA: dna1\nI/Miner        : Worker 2 DNA: dna2\n");
-  EXPECT_FALSE(context_.workers[0]->identityLedRequest);
-  EXPECT_EQ(context_.workers[0]->identityLedCountdown, 0u);
-  EXPECT_TRUE(context_.workers[1]->identityLedRequest);
-}
-
 TEST_F(KeyCommandsTest, QuitStopsTheRunAndLaterKeysAreIgnored) {
   AddWorkers(context_, 1);
   context_.workers[0]->targetClockHz = 100000000;
@@ -159,16 +71,6 @@ TEST_F(KeyCommandsTest, QuitStopsTheRunAndLaterKeysAreIgnored) {
   EXPECT_EQ(context_.workers[0]->targetClockHz, 100000000u);
   EXPECT_TRUE(context_.workers[0]->enabled);
   EXPECT_EQ(session_.targetDevice, -1);
-}
-
-TEST_F(KeyCommandsTest, OtherKeysDoNothing) {
-  AddWorkers(context_, 1);
-  context_.workers[0]->targetClockHz = 100000000;
-  EXPECT_EQ(Press("0QDExz \n"), "");
-  EXPECT_EQ(g_runState, RunStateRunning);
-  EXPECT_EQ(session_.targetDevice, -1);
-  EXPECT_EQ(context_.workers[0]->targetClockHz, 100000000u);
-  EXPECT_TRUE(context_.workers[0]->enabled);
 }
 
 TEST_F(KeyCommandsTest, EnableStartsAWorkerThreadOnEachTargetedRecord) {

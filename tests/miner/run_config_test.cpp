@@ -77,28 +77,6 @@ class SetupRunTest : public ::testing::Test {
   std::unique_ptr<StreamCapture> capture_;
 };
 
-TEST_F(SetupRunTest, WithoutAForcedClockEveryWorkerStartsAtTheDefault) {
-  std::string log = Run({});
-  EXPECT_EQ(log.find("Forc"), std::string::npos) << log;
-  for (size_t i = 0; i < 2; i++) {
-    Worker &worker = *context_.workers[i];
-    EXPECT_EQ(worker.id, i);
-    EXPECT_EQ(worker.targetClockHz, 100000000u);
-  }
-}
-
-TEST_F(SetupRunTest, EveryWorkerIsEnabledAndGetsAThread) {
-  Run({});
-  for (auto &worker : context_.workers) EXPECT_NE(worker->threadHandle, std::thread::id());
-  ASSERT_TRUE(WorkerThreadsEnded());
-  std::string log = Log();
-  // Each thread announces itself under its own tag, and ends only because
-  // it has no board: it found itself enabled.
-  EXPECT_NE(log.find("I/Worker01     : Starting...\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("I/Worker02     : Starting...\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("E/Worker02     : Failed to initialize device, worker shutting down\n"), std::string::npos);
-}
-
 TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
   struct Row {
     const char *argument;
@@ -123,26 +101,6 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
     EXPECT_EQ(Target(1), row.wideHz);
     ASSERT_TRUE(WorkerThreadsEnded());
   }
-}
-
-TEST_F(SetupRunTest, PoolSettingsComeFromTheArgumentsWithThePortCutTo16Bits) {
-  std::string log = Run({}, "70000");
-  EXPECT_EQ(context_.algorithm, 0u);
-  EXPECT_STREQ(context_.poolHost, "pool.example.org");
-  EXPECT_EQ(context_.poolPort, 70000 % 65536);
-  EXPECT_STREQ(context_.account, "wallet");
-  EXPECT_STREQ(context_.password, "pw");
-  EXPECT_NE(log.find("I/Miner        : Stratum Config: stratum-tcp://pool.example.org:4464 wallet\n"),
-            std::string::npos)
-      << log;
-}
-
-TEST_F(SetupRunTest, FewArgumentsLeaveThePoolUnsetAndCheckNoAlgorithm) {
-  args_ = {"miner", "anything"};
-  std::string log = RunArgs();
-  EXPECT_EQ(context_.poolHost, nullptr);
-  EXPECT_EQ(log.find("Stratum Config"), std::string::npos);
-  EXPECT_EQ(context_.workers[0]->targetClockHz, 100000000u);
 }
 
 using SetupRunDeathTest = SetupRunTest;

@@ -89,22 +89,6 @@ TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
             "E/Miner        : Saved active configuration to config.json\n");
 }
 
-TEST_F(SaveConfigurationTest, ReplacesAnEarlierFileAndWritesAnEmptyListWithoutBoards) {
-  std::ofstream("config.json") << std::string(4096, 'x');
-  Save();
-  EXPECT_EQ(ReadFile("config.json"), "{\n  \"devices\":  [\n  ]\n}\n");
-}
-
-TEST_F(SaveConfigurationTest, AFileThatCannotBeWrittenIsReportedAndTheRunGoesOn) {
-  std::filesystem::create_directory("config.json");
-  Add("RK35", "dna", 100000000, true);
-  std::string log = Save();
-  EXPECT_NE(log.find("E/Miner        : Failed to save active configuration to config.json\n"), std::string::npos)
-      << log;
-  EXPECT_EQ(log.find("Saved active"), std::string::npos);
-  EXPECT_TRUE(std::filesystem::is_directory("config.json"));
-}
-
 VLRef Json(const std::string &text) { return VLRef(VLJsonRead(text.data(), static_cast<uint32_t>(text.size()))); }
 
 TEST(StoredSettingsTest, DeviceEntriesApplyByDnaAndSkipOtherShapes) {
@@ -126,56 +110,6 @@ TEST(StoredSettingsTest, DeviceEntriesApplyByDnaAndSkipOtherShapes) {
   MergeStoredDeviceSettings(*worker, disable.get());
   EXPECT_FALSE(worker->enabled);
   EXPECT_EQ(worker->targetClockHz, 275000000u);
-}
-
-TEST(StoredSettingsTest, AbsentOrMisshapenDocumentsChangeNothing) {
-  auto worker = MakeWorker("RK35", 7, "abc");
-  worker->enabled = true;
-  worker->targetClockHz = 100000000;
-  MergeStoredDeviceSettings(*worker, nullptr);
-  VLRef notAList = Json(R"({"dna": "abc", "clock": 300})");
-  MergeStoredDeviceSettings(*worker, notAList.get());
-  EXPECT_EQ(worker->targetClockHz, 100000000u);
-  EXPECT_TRUE(worker->enabled);
-
-  MiningContext context;
-  MergeStoredStratumSettings(context, nullptr);
-  VLRef wrongTypes = Json(R"({"host": 5, "port": "3333", "wallet": [], "password": null})");
-  MergeStoredStratumSettings(context, wrongTypes.get());
-  EXPECT_EQ(context.poolHost, nullptr);
-  EXPECT_EQ(context.poolPort, 0);
-  EXPECT_EQ(context.account, nullptr);
-  EXPECT_EQ(context.password, nullptr);
-}
-
-TEST(StoredSettingsTest, StratumSectionIsCopiedForTheRun) {
-  MiningContext context;
-  {
-    VLRef stratum = Json(R"({"host": "pool.example.org", "port": 70000, "wallet": "ckb1q", "password": "x"})");
-    MergeStoredStratumSettings(context, stratum.get());
-  }
-  // The document is gone; the texts remain.
-  EXPECT_STREQ(context.poolHost, "pool.example.org");
-  EXPECT_EQ(context.poolPort, 70000 % 65536);
-  EXPECT_STREQ(context.account, "ckb1q");
-  EXPECT_STREQ(context.password, "x");
-}
-
-TEST_F(SaveConfigurationTest, ASavedFileMergesBackToTheSameSettings) {
-  Add("RK35", "first", 215000000, true);
-  Add("RK35", "second", 90000000, false);
-  Save();
-  std::string text = ReadFile("config.json");
-  VLRef document = Json(text);
-  const VLObject *devices = VLDictionaryGetByName(document.get(), "devices");
-  ASSERT_EQ(VLArrayCount(devices), 2u);
-  for (const auto &saved : context_.workers) {
-    auto fresh = MakeWorker("RK35", 7, saved->dna);
-    fresh->enabled = true;
-    MergeStoredDeviceSettings(*fresh, devices);
-    EXPECT_EQ(fresh->targetClockHz, saved->targetClockHz);
-    EXPECT_EQ(fresh->enabled, saved->enabled);
-  }
 }
 
 }  // namespace

@@ -86,33 +86,6 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   EXPECT_EQ(result.out.substr(result.out.find(found) + found.size()), colours);
 }
 
-TEST(ScanRunTest, WhitelistOfAnUnknownPathLeavesNoBoard) {
-  SimBoardList boards("xdma0 model=7\nxdma1 model=3\n");
-  auto result = RunProcess({SimMiner(), "ckb", "pool.example.org", "3333", "wallet", "x", "0", "/sim/xdma9"},
-                           boards.Env());
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err,
-            "E/Miner        :   Device 1: Filtered due to whitelist\n"
-            "E/Miner        :   Device 2: Filtered due to whitelist\n"
-            "E/Miner        : No device is ready for mining, exiting\n");
-  EXPECT_EQ(result.out.find("Watchdog"), std::string::npos);
-}
-
-TEST(ScanRunTest, WhitelistedPathIsTheOnlyBoardThatMines) {
-  SimBoardList boards("xdma0 model=7\nxdma1 model=3\nxdma2 model=1\n");
-  auto child = StartOnTerminal(boards, {"ckb", "pool.example.org", "3333", "wallet", "x", "0", "/sim/xdma1"});
-  ASSERT_TRUE(child->WaitFor("Using Account: wallet"));
-  child->Type("q");
-  EXPECT_EQ(child->Wait(), 0);
-  const std::string &out = child->Output();
-  EXPECT_NE(out.find("E/Miner        :   Device 1: Filtered due to whitelist\r\n"), std::string::npos);
-  EXPECT_NE(out.find("E/Miner        :   Device 2: 215  ("), std::string::npos);
-  EXPECT_NE(out.find("E/Miner        :   Device 3: Filtered due to whitelist\r\n"), std::string::npos);
-  EXPECT_NE(out.find("E/Miner        : Device 2: Assigned to worker 1\r\n"), std::string::npos);
-  EXPECT_NE(out.find("1 devices are ready for mining"), std::string::npos);
-  EXPECT_EQ(out.find("Assigned to worker 2"), std::string::npos);
-}
-
 constexpr const char *kMiningBoards = R"(
 xdma0 model=7 dna=00000001,00000002,00000003
 xdma1 model=9 subdevices=1,2,3 dna=10000000,20000000,30000000
@@ -122,91 +95,5 @@ xdma1.3 dna=10000003,20000003,30000003
 xdma2 model=3 layout=0 dna=aaaa0001,bbbb0002
 xdma3 model=1 bitstream=0x00020101
 )";
-
-std::string ReadFile(const std::filesystem::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-TEST(ScanRunTest, ARunFromScanToQuitOnATerminal) {
-  SimBoardList boards(kMiningBoards);
-  auto child = StartOnTerminal(boards, {"ckb", "pool.example.org", "3333", "wallet", "x", "400"});
-  ASSERT_TRUE(child->WaitFor("Using Account: wallet"));
-  const std::string start = child->Output();
-  // Workers follow scan order: a card's sub-devices before its primary.
-  EXPECT_NE(start.find("E/Miner        : Device 1: Assigned to worker 1\r\n"
-                       "E/Miner        : Device 2: Assigned to worker 2\r\n"
-                       "E/Miner        : Device 2: Assigned to worker 3\r\n"
-                       "E/Miner        : Device 2: Assigned to worker 4\r\n"
-                       "E/Miner        : Device 3: Assigned to worker 5\r\n"),
-            std::string::npos)
-      << start;
-  EXPECT_NE(start.find("I/Miner        : 5 devices are ready for mining\r\n"), std::string::npos);
-  EXPECT_NE(start.find("I/Miner        : Forcing clock to 400 MHz\r\n"), std::string::npos);
-  EXPECT_NE(start.find("I/Miner        : Stratum Config: stratum-tcp://pool.example.org:3333 wallet\r\n"),
-            std::string::npos);
-  EXPECT_NE(start.find("\x1b[1;34mI/Miner        : Starting Stratum Connection to pool.example.org on port 3333\r\n"),
-            std::string::npos);
-
-  // Worker 3 (sub-device 1 of the second card) is switched off, then every
-  // board's settings are saved.
-  child->Type("3ds");
-  ASSERT_TRUE(child->WaitFor("Saved active configuration to config.json"));
-  EXPECT_EQ(ReadFile(boards.WorkDir() / "config.json"),
-            "{\n"
-            "  \"devices\":  [\n"
-            "    {\n"
-            "      \"model\":      \"RK35\",\n"
-            "      \"dna\":      \"000000010000000200000003\",\n"
-            "      \"clock\":      400.000000,\n"
-            "      \"disabled\":      false\n"
-            "    },\n"
-            "    {\n"
-            "      \"model\":      \"JC35\",\n"
-            "      \"dna\":      \"100000032000000330000003\",\n"
-            "      \"clock\":      400.000000,\n"
-            "      \"disabled\":      false\n"
-            "    },\n"
-            "    {\n"
-            "      \"model\":      \"JC35\",\n"
-            "      \"dna\":      \"100000012000000130000001\",\n"
-            "      \"clock\":      400.000000,\n"
-            "      \"disabled\":      true\n"
-            "    },\n"
-            "    {\n"
-            "      \"model\":      \"JC35\",\n"
-            "      \"dna\":      \"100000002000000030000000\",\n"
-            "      \"clock\":      400.000000,\n"
-            "      \"disabled\":      false\n"
-            "    },\n"
-            "    {\n"
-            "      \"model\":      \"215 \",\n"
-            "      \"dna\":      \"aaaa0001bbbb0002\",\n"
-            "      \"clock\":      250.000000,\n"
-            "      \"disabled\":      false\n"
-            "    }\n"
-            "  ]\n"
-            "}\n");
-
-  // '+' on worker 3 alone, and a table soon after it.
-  // The table is looked for after the key's own line: one already being
-  // printed when the key was typed would be cut in two.
-  size_t mark = child->Output().size();
-  child->Type("+");
-  ASSERT_TRUE(child->WaitFor("Increasing clocks", std::chrono::milliseconds(20000), mark));
-  size_t keyLine = child->Output().find("Increasing clocks", mark);
-  ASSERT_TRUE(child->WaitFor("Total Hashrate", std::chrono::milliseconds(20000), keyLine));
-  std::string table = child->Output().substr(keyLine);
-  EXPECT_NE(table.find("Worker 3: Offline (Disabled)"), std::string::npos) << table;
-
-  child->Type("q");
-  EXPECT_EQ(child->Wait(), 0);
-  const std::string &out = child->Output();
-  EXPECT_NE(out.find("I/Miner        : Quitting miner, shutting down devices...\r\n"), std::string::npos);
-  EXPECT_NE(out.find("I/Watchdog     : Exiting\r\n"), std::string::npos);
-  EXPECT_NE(out.find("E/Miner        : Exiting\r\n"), std::string::npos);
-}
 
 }  // namespace

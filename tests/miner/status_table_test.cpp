@@ -85,33 +85,6 @@ TEST_F(StatusTableTest, RowShowsReadingsClocksRateAndCountersWithGrowth) {
   EXPECT_EQ(worker.shownCounters.belowBoardTarget, 3u);
 }
 
-TEST_F(StatusTableTest, ColoursFollowTheThresholds) {
-  Worker &cool = Add("1525", 1);
-  cool.coreTemperature = 70.0;  // at a threshold is not above it
-  cool.vrmTemperature = 110.0;
-  cool.vccint = 0.5;  // narrow boards have no voltage colour at all
-  Worker &warm = Add("101 ", 2);
-  warm.coreTemperature = 70.5;
-  warm.vrmTemperature = 115.0;
-  warm.vccint = 0.735;
-  Worker &hot = Add("215 ", 3);
-  hot.coreTemperature = 75.5;
-  hot.vrmTemperature = 120.5;
-  hot.vccint = 0.72;
-  Worker &wideFine = Add("215+", 4);
-  wideFine.vccint = 0.74;
-
-  std::string text = Table();
-  EXPECT_NE(text.find(" 1 |  1525 | 70.0 C\x1b[0m | 110.0 C\x1b[0m | 0.50 V\x1b[0m |"), std::string::npos) << text;
-  EXPECT_NE(text.find(" 2 |  101  | \x1b[1;33m70.5 C\x1b[0m | \x1b[1;33m115.0 C\x1b[0m | \x1b[1;33m0.73 V\x1b[0m |"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find(" 3 |  215  | \x1b[1;31m75.5 C\x1b[0m | \x1b[1;31m120.5 C\x1b[0m | \x1b[1;31m0.72 V\x1b[0m |"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find(" 4 |  215+ |  0.0 C\x1b[0m |   0.0 C\x1b[0m | 0.74 V\x1b[0m |"), std::string::npos) << text;
-}
-
 TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTotal) {
   Worker &disabled = Add("1525", 1);
   disabled.enabled = false;
@@ -139,20 +112,6 @@ TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTota
   for (const char *line : expectedLines) EXPECT_NE(text.find(line), std::string::npos) << line;
   EXPECT_NE(text.find("I/Miner        :  8 |  1525 |"), std::string::npos);
   EXPECT_NE(text.find("Total Hashrate: 3.25 MH/s\n"), std::string::npos) << text;
-}
-
-TEST_F(StatusTableTest, AStateLineLeavesTheCountersSoTheNextRowShowsTheWholeGrowth) {
-  Worker &worker = Add("1525", 1);
-  worker.found = 4;
-  Table();
-  worker.found = 9;
-  worker.heartbeat = kNow - 30;
-  std::string staleText = Table();
-  EXPECT_EQ(staleText.find("|     9 (+"), std::string::npos);
-  EXPECT_EQ(worker.shownCounters.found, 4u);
-  worker.found = 10;
-  worker.heartbeat = kNow;
-  EXPECT_NE(Table().find("|    10 (+ 6) |"), std::string::npos);
 }
 
 // Runs `passes` console passes, returning the captured output and the pass
@@ -189,22 +148,6 @@ TEST_F(StatusTableTest, TableEveryFiftyPassesAndTheWatchdogFedEveryPass) {
   Passes run = RunPasses(session_, 150, counter);
   EXPECT_EQ(run.tables, (std::vector<uint64_t>{50, 100, 150}));
   EXPECT_EQ(counter.load(), 150u);
-}
-
-TEST_F(StatusTableTest, QuickRefreshBringsTheNextTableToAMultipleOfTwentyOnce) {
-  Add("1525", 1);
-  std::atomic<uint64_t> counter{0};
-  // Asked for at pass 41: the next multiple of 20 is 60, so pass 50 passes
-  // silently; then the usual 50-pass cadence resumes without a reset.
-  Passes run = RunPasses(session_, 160, counter, 41);
-  EXPECT_EQ(run.tables, (std::vector<uint64_t>{60, 100, 150}));
-  EXPECT_FALSE(session_.quickRefresh);
-
-  // Asked for right on a multiple of 20 the table comes in that same pass.
-  Passes soon = RunPasses(session_, 10, counter, 180);
-  EXPECT_EQ(soon.tables, (std::vector<uint64_t>{}));
-  Passes onTheDot = RunPasses(session_, 10, counter, 180);
-  EXPECT_EQ(onTheDot.tables, (std::vector<uint64_t>{180}));
 }
 
 TEST_F(StatusTableTest, VrmBannerComesOnlyWithATableThatShowsAHotRegulator) {

@@ -8,6 +8,7 @@
 
 #include "board/dma_device.h"
 #include "board/registers.h"
+#include "foundation/logger.h"
 #include "hash/eaglesong.h"
 #include "miner/dispatch.h"
 #include "miner/worker.h"
@@ -157,6 +158,61 @@ TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
   EXPECT_TRUE(Held());  // cores held
   bool stopped = card->WithFpga(0, [](sim::Fpga *fpga) { return !fpga->ClockEnabled() && !fpga->OutOfReset(); });
   EXPECT_TRUE(stopped);
+}
+
+// A job load holds the cores, clears, sets the target, the nonce block and
+// the midstate, and only then lets the cores run: in this order, nothing else.
+TEST_F(WorkerBoardTest, AJobLoadWritesItsRegistersInTheBoardsOrder) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  WorkerLoop loop;
+  loop.slots.resize(1);
+  loop.slots[0].base = JobSlotBase(0);
+  card->SetTracing(true);
+  LoadJob(loop, context, worker);
+  std::vector<sim::Access> trace = card->TakeTrace();
+
+  std::vector<uint64_t> expected = {kSlotControl, kSlotClear, kSlotTargetHigh, kSlotTargetLow};
+  for (uint32_t i = 0; i < 4; i++) expected.push_back(kSlotNonceBlock + 4 * i);
+  for (uint32_t i = 0; i < 16; i++) expected.push_back(kSlotMidstate + 4 * i);
+  expected.push_back(kSlotControl);
+  std::vector<uint64_t> written;
+  for (const sim::Access &access : trace) {
+    if (access.node == sim::Node::User && access.write) written.push_back(access.position - JobSlotBase(0));
+  }
+  EXPECT_EQ(written, expected);
+  EXPECT_FALSE(Held());
+}
+
+// A board that fell off the bus reports all ones. The crash rule takes it out
+// at the fourth such report and not before, and a tuning run ends there: it
+// falls by the pass's step for each invalid report.
+TEST_F(WorkerBoardTest, AllOnesReportsEndTuningAndCrashTheBoardAtTheFourth) {
+  Worker &worker = *context.workers[0];
+  worker.tuning = TuningActive;
+  worker.targetClockHz = 200000000;
+  static std::vector<std::string> events;
+  events.clear();
+  VLLogSetCallback(
+      [](uint32_t, const char *, const char *message, void *) {
+        std::string text = message;
+        if (text.find("share was invalid with nonce ffffffff") != std::string::npos) events.push_back("invalid");
+        if (text.find("has crashed") != std::string::npos) events.push_back("crash");
+      },
+      nullptr);
+  std::string error;
+  ASSERT_TRUE(boards.RunCommand("xdma0 all_ones=1", &error)) << error;
+  WorkerLoop loop;
+  loop.slots.resize(1);
+  loop.slots[0].base = JobSlotBase(0);
+  loop.passStep = 50000;
+  CollectNonces(loop, context, worker);
+  VLLogSetCallback(nullptr, nullptr);
+
+  EXPECT_EQ(events, (std::vector<std::string>{"invalid", "invalid", "invalid", "invalid", "crash"}));
+  EXPECT_FALSE(worker.enabled);
+  EXPECT_EQ(worker.tuning, TuningDone);
+  EXPECT_EQ(worker.targetClockHz, 200000000u - 4 * 50000u);
 }
 
 TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {

@@ -18,7 +18,6 @@ using net_test::Peer;
 
 VLRef Text(const char *text) { return VLRef(VLStringCreate(text, 0)); }
 VLRef Id(uint32_t id) { return VLRef(VLNumberCreateUInt32(id)); }
-VLRef Json(const std::string &text) { return VLRef(VLJsonRead(text.data(), static_cast<uint32_t>(text.size()))); }
 
 // The message's text; the message is released.
 std::string Wire(VLJsonRpcMessage *message) {
@@ -30,72 +29,6 @@ std::string Wire(VLJsonRpcMessage *message) {
 VLJsonRpcMessage *Parse(const std::string &line) {
   VLRef data(VLDataCreate(line.data(), static_cast<uint32_t>(line.size())));
   return VLJsonRpcMessageParse(data.get());
-}
-
-TEST(JsonRpcWire, EachShapeHasItsMembersInOrderOnOneCompactLine) {
-  VLRef method = Text("mining.subscribe");
-  VLRef one = Id(1);
-
-  VLJsonRpcMessage *request = VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion1);
-  VLJsonRpcMessageAddParam(request, Text("miner 1.0 \xC3\xA9x").get());  // blanks and high bytes go
-  VLJsonRpcMessageAddParam(request, VLRef(VLNumberCreateReal(1.5)).get());
-  EXPECT_EQ(Wire(request), "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[\"miner1.0x\",1.500000]}\n");
-
-  EXPECT_EQ(Wire(VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion1)),
-            "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[]}\n");
-  EXPECT_EQ(Wire(VLJsonRpcRequestCreate(one.get(), method.get(), VLJsonRpcVersion2)),
-            "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"mining.subscribe\"}\n");
-  VLJsonRpcMessage *named = VLJsonRpcRequestCreate(Text("a").get(), method.get(), VLJsonRpcVersion2);
-  VLJsonRpcMessageSetNamedParam(named, Text("k").get(), Id(7).get());
-  EXPECT_EQ(Wire(named), "{\"jsonrpc\":\"2.0\",\"id\":\"a\",\"method\":\"mining.subscribe\",\"params\":{\"k\":7}}\n");
-
-  EXPECT_EQ(Wire(VLJsonRpcNotificationCreate(method.get(), VLJsonRpcVersion1)),
-            "{\"id\":null,\"method\":\"mining.subscribe\",\"params\":[]}\n");
-  EXPECT_EQ(Wire(VLJsonRpcNotificationCreate(method.get(), VLJsonRpcVersion2)),
-            "{\"jsonrpc\":\"2.0\",\"method\":\"mining.subscribe\"}\n");
-
-  VLRef yes(VLNumberCreateBool(1));
-  EXPECT_EQ(Wire(VLJsonRpcResultCreate(one.get(), yes.get(), VLJsonRpcVersion1)),
-            "{\"id\":1,\"result\":true,\"error\":null}\n");
-  EXPECT_EQ(Wire(VLJsonRpcResultCreate(one.get(), yes.get(), VLJsonRpcVersion2)),
-            "{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":true}\n");
-
-  VLRef poolError = Json("[21,\"Job not found\",null]");
-  EXPECT_EQ(Wire(VLJsonRpcErrorCreateV1(one.get(), poolError.get())),
-            "{\"id\":1,\"error\":[21,\"Jobnotfound\",null],\"result\":null}\n");
-  EXPECT_EQ(Wire(VLJsonRpcErrorCreate(one.get(), -32601, Text("No such method").get(), Id(3).get())),
-            "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-32601,\"message\":\"Nosuchmethod\",\"data\":3}}\n");
-  EXPECT_EQ(Wire(VLJsonRpcErrorCreate(one.get(), 5, Text("x").get(), nullptr)),
-            "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":5,\"message\":\"x\"}}\n");
-}
-
-TEST(JsonRpcMessages, IdsParametersAndErrorsFollowTheirRules) {
-  VLRef method = Text("m");
-  VLRef invalid[] = {VLRef(VLNumberCreateReal(1.0)), VLRef(VLNumberCreateBool(1)), VLRef(VLNullCreate()), Text("")};
-  for (const VLRef &id : invalid) {
-    EXPECT_EQ(VLJsonRpcRequestCreate(id.get(), method.get(), VLJsonRpcVersion1), nullptr);
-    EXPECT_EQ(VLJsonRpcResultCreate(id.get(), method.get(), VLJsonRpcVersion1), nullptr);
-  }
-  EXPECT_TRUE(VLJsonRpcIdIsValid(VLRef(VLNumberCreateInt32(static_cast<uint32_t>(-4))).get()));
-  EXPECT_TRUE(VLJsonRpcIdIsValid(VLRef(VLNumberCreateUInt64(1ull << 40)).get()));
-
-  // Parameters belong to requests; a version 1 request takes no dictionary.
-  VLJsonRpcMessage *response = VLJsonRpcResultCreate(Id(1).get(), method.get(), VLJsonRpcVersion1);
-  VLJsonRpcMessageAddParam(response, method.get());
-  EXPECT_EQ(VLJsonRpcMessageParams(response), nullptr);
-  EXPECT_EQ(VLJsonRpcMessageError(response), nullptr);
-  VLJsonRpcMessage *request = VLJsonRpcRequestCreate(Id(1).get(), method.get(), VLJsonRpcVersion1);
-  VLJsonRpcMessageSetParams(request, Json("{\"a\":1}").get());
-  VLJsonRpcMessageSetNamedParam(request, method.get(), method.get());
-  EXPECT_EQ(VLJsonRpcMessageParams(request), nullptr);
-
-  // The error as one value: version 2 builds it from its fields.
-  VLJsonRpcMessage *two = VLJsonRpcErrorCreate(Id(1).get(), -1, Text("bad").get(), nullptr);
-  VLRef error(VLJsonRpcMessageError(two));
-  EXPECT_EQ(static_cast<int32_t>(VLNumberGetInt32(VLDictionaryGetByName(error.get(), "code"))), -1);
-  EXPECT_STREQ(VLStringChars(VLDictionaryGetByName(error.get(), "message")), "bad");
-  EXPECT_EQ(VLDictionaryCount(error.get()), 2u);
-  for (VLJsonRpcMessage *message : {response, request, two}) VLJsonRpcMessageRelease(message);
 }
 
 TEST(JsonRpcParse, MessagesAreRecognisedByTheirMembersAndKeepWhatTheirVersionCarries) {
@@ -211,22 +144,6 @@ TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
   EXPECT_TRUE(log.Contains("VLJSONRPC: Sending " + expected));
 }
 
-TEST_F(JsonRpcClientTest, ReadsAreJoinedIntoWholeLines) {
-  Peer peer = Connect();
-  // A line cut between two reads is delivered once its rest arrives; CRLF ends
-  // and long lines are taken.
-  peer.Write(Result(1) + Result(2) + "{\"id\":3,\"result\":tr");
-  ASSERT_EQ(WaitLines(2).size(), 2u);
-  std::string longLine = "{\"id\":4,\"result\":\"" + std::string(5000, 'a') + "\"}\n";
-  peer.Write("ue,\"error\":null}\n" + longLine + "{\"id\":5,\"result\":true,\"error\":null}\r\n");
-  std::vector<std::string> lines = WaitLines(5);
-  ASSERT_EQ(lines.size(), 5u);
-  EXPECT_EQ(lines[2], Result(3));
-  EXPECT_EQ(lines[3].size(), longLine.size() + std::string(",\"error\":null").size());
-  EXPECT_EQ(lines[4], Result(5));
-  EXPECT_TRUE(log.Contains("VLJSONRPC: Received Message: {\"id\":1"));
-}
-
 // The receive path on its own: the same bytes give the same messages however
 // they are cut into reads, and a line over the limit is dropped once.
 TEST(JsonRpcFraming, TheSameMessagesWhereverTheReadsAreCut) {
@@ -281,13 +198,6 @@ TEST_F(JsonRpcClientTest, LossIsReportedOnceAndDestroyAfterItIsHarmless) {
   EXPECT_EQ(record.disconnected, 1);
 }
 
-TEST_F(JsonRpcClientTest, ConnectFailureIsADisconnect) {
-  ASSERT_TRUE(VLJsonRpcClientConnectTcp(client, Text("127.0.0.1").get(), net_test::ClosedPort()));
-  EXPECT_TRUE(record.events.WaitFor([&] { return record.disconnected == 1; }));
-  EXPECT_EQ(record.connected, 0);
-  EXPECT_FALSE(VLJsonRpcClientConnectTcp(client, Text("127.0.0.1").get(), listener.Port()));
-}
-
 TEST_F(JsonRpcClientTest, DestroyFromInsideTheMessageCallbackEndsTheConnection) {
   record.onMessage = [](VLJsonRpcClient *c) { VLJsonRpcClientDestroy(c); };
   Peer peer = Connect();
@@ -296,14 +206,6 @@ TEST_F(JsonRpcClientTest, DestroyFromInsideTheMessageCallbackEndsTheConnection) 
   client = nullptr;
   EXPECT_EQ(WaitLines(1).size(), 1u);  // the second line of the read isn't delivered
   EXPECT_EQ(record.events.Get([&] { return record.disconnected; }), 0);
-}
-
-TEST_F(JsonRpcClientTest, DestroyWhileConnectedClosesWithoutCallbacks) {
-  Peer peer = Connect();
-  VLJsonRpcClientDestroy(client);
-  client = nullptr;
-  EXPECT_TRUE(peer.WaitForEnd());
-  EXPECT_EQ(record.disconnected, 0);
 }
 
 }  // namespace

@@ -70,18 +70,6 @@ class Client:
     def message(self):
         return json.loads(self.line())
 
-    def messages(self, count):
-        return [self.message() for _ in range(count)]
-
-    def until_closed(self):
-        """Lines until the pool closes; raises on a reset."""
-        lines = []
-        while True:
-            try:
-                lines.append(self.line())
-            except EOFError:
-                return lines
-
     def handshake(self, account="acct"):
         """Subscribe, extranonce subscribe, authorize; returns the subscribe
         result and the messages up to and including the first job."""
@@ -100,12 +88,6 @@ class Client:
             message = self.message()
             if message.get("id") == msg_id and "method" not in message:
                 return message
-
-    def next_job(self):
-        while True:
-            message = self.message()
-            if message.get("method") == "mining.notify":
-                return message["params"]
 
 
 class PoolTestCase(unittest.TestCase):

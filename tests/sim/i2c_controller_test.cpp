@@ -47,23 +47,6 @@ TEST(I2CTransfer, EachKindOfTransferPutsTheRightSequenceOnTheWire) {
   }
 }
 
-TEST(I2CTransfer, ReadsSetTheirAcknowledgeBeforeTheBusNeedsIt) {
-  // On a bus with no time per byte, an acknowledge setting made even one
-  // access late would already have been passed. (Sends need a slower bus:
-  // their last byte is written just after master is dropped.)
-  I2cBoard board("model=6 i2c_temp_1f=25.25");
-  I2CController &i2c = board.Controller();
-  i2c.Send(0x1F, {0x05}, kI2CEndWithStop);
-  board.Transcript();
-  board.Set("i2c_byte_ticks=0");
-  uint8_t bytes[2] = {};
-  EXPECT_EQ(i2c.Receive(0x1F, bytes, 1, kI2CEndWithStop), 1u);
-  EXPECT_EQ(i2c.Receive(0x1F, bytes, 2, kI2CEndWithStop), 2u);
-  EXPECT_EQ(bytes[1], 0x94);
-  EXPECT_EQ(board.Transcript(), std::string("S @3F+ r01- P S @3F+ ") + kRead2525 + " P");
-  EXPECT_EQ(board.ProtocolErrors(), std::vector<std::string>{});
-}
-
 TEST(I2CAcknowledge, AnUnansweredAddressEndsTheTransferAndLeavesNothingBehind) {
   I2cBoard board("model=6 i2c_nak=0x2C,0x19 i2c_temp_1f=40");
   I2CController &i2c = board.Controller();
@@ -124,30 +107,6 @@ TEST(I2CBusBusy, AWaitThatOutlastsASecondThrowsWithItsMessage) {
 
   board.Set("i2c_busy=off");
   EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
-}
-
-TEST(I2CDecode, SensorBytesToDegrees) {
-  EXPECT_EQ(DecodeBoardTemperature(0x01, 0x94), 25.25);
-  // Alert flags in the top three bits are not part of the value.
-  EXPECT_EQ(DecodeBoardTemperature(0xC1, 0x94), 25.25);
-  EXPECT_EQ(DecodeBoardTemperature(0x0F, 0xFF), 255.9375);
-  // Sign set: 256 less the value, so -1 C reads as 1.
-  EXPECT_EQ(DecodeBoardTemperature(0x1F, 0xF0), 1.0);
-  EXPECT_EQ(DecodeBoardTemperature(0xFF, 0xF0), 1.0);
-  EXPECT_EQ(DecodeBoardTemperature(0x10, 0x00), 256.0);
-}
-
-TEST(I2CDecode, AgreesWithTheSensorsOwnFormatAcrossItsRange) {
-  // Every sixteenth from 0 to 150 C, flags included, decodes to itself; a
-  // reading below zero decodes to its magnitude.
-  for (int sixteenths = 0; sixteenths <= 150 * 16; sixteenths++) {
-    double celsius = sixteenths / 16.0;
-    uint16_t word = sim::TemperatureSensor::Encode(celsius);
-    ASSERT_EQ(DecodeBoardTemperature(word >> 8, word & 0xFF), celsius) << celsius;
-    if (sixteenths == 0) continue;
-    word = sim::TemperatureSensor::Encode(-celsius);
-    ASSERT_EQ(DecodeBoardTemperature(word >> 8, word & 0xFF), celsius) << -celsius;
-  }
 }
 
 }  // namespace

@@ -35,32 +35,4 @@ TEST(SimEaglesongTest, PublishedVectors) {
   }
 }
 
-TEST(SimEaglesongTest, SearchFindsTheFirstCandidateWithinTheBound) {
-  std::mt19937 random(5);
-  uint32_t midstate[16];
-  for (uint32_t &word : midstate) word = random();
-  std::vector<sim::NonceTail> tails(1000);
-  for (auto &tail : tails) tail = {static_cast<uint32_t>(random()), static_cast<uint32_t>(random())};
-  // A bound that about one candidate in 64 meets, compared on its top word.
-  uint32_t bound[8] = {~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, 0x03FFFFFF};
-  size_t expected = tails.size();
-  for (size_t i = 0; i < tails.size() && expected == tails.size(); i++) {
-    const uint32_t nonce[4] = {7, 9, tails[i].word2, tails[i].word3};
-    uint32_t digest[8];
-    sim::HashAfterMidstate(midstate, nonce, digest);
-    if (__builtin_bswap32(digest[0]) <= bound[7]) expected = i;
-  }
-  ASSERT_LT(expected, tails.size());
-  for (size_t from : {size_t{0}, expected, expected + 1}) {
-    size_t hit = sim::SearchMidstate(midstate, 7, 9, tails.data() + from, tails.size() - from, bound);
-    if (from <= expected) {
-      EXPECT_EQ(from + hit, expected);
-    } else {
-      EXPECT_GT(from + hit, expected);
-    }
-  }
-  uint32_t none[8] = {};
-  EXPECT_EQ(sim::SearchMidstate(midstate, 7, 9, tails.data(), tails.size(), none), tails.size());
-}
-
 }  // namespace
