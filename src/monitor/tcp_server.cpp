@@ -13,6 +13,8 @@
 #include <cstring>
 #include <vector>
 
+#include "foundation/compat.h"
+
 namespace {
 
 double Now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
@@ -116,6 +118,7 @@ void TcpServer::Stop() {
 }
 
 void TcpServer::Serve() {
+  VLThreadSetName("monitor");
   std::vector<Client> clients;
   char buffer[4096];
   while (running_) {

@@ -82,7 +82,7 @@ uint32_t FindNonce(const uint8_t header[32], const uint32_t block[4], uint32_t c
   }
 }
 
-TEST(SubmitCandidateTest, SharesAreJudgedOnTheRebuiltMessageAndOnlySentWhileMining) {
+TEST(SubmitCandidateTest, SharesAreJudgedOnTheRebuiltMessageAndOnlySentWhileMiningTheirPool) {
   std::mt19937 random(7);
   auto job = std::make_shared<StratumJob>();
   for (auto &byte : job->headerHash) byte = static_cast<uint8_t>(random());
@@ -103,6 +103,12 @@ TEST(SubmitCandidateTest, SharesAreJudgedOnTheRebuiltMessageAndOnlySentWhileMini
   EXPECT_EQ(context.lastSubmitWorker, 99u);  // nothing was sent outside Mining
 
   context.stratumState = Mining;
+  context.activePool = 1;  // the job came from a pool the miner has left
+  SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 0, boardTarget, 5);
+  EXPECT_EQ(context.lastSubmitWorker, 99u);
+  EXPECT_EQ(context.sharesDroppedWhileDisconnected.load(), 2u);
+
+  context.activePool = 0;
   SubmitCandidate(result, context, 0, job, job->headerHash.data(), block, nonce, 0, boardTarget, 5);
   EXPECT_EQ(result.code, CandidateShare);
   EXPECT_EQ(context.lastSubmitWorker, 0u);
