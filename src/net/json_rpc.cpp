@@ -47,8 +47,6 @@ void FreeClient(VLJsonRpcClient *client) {
   delete client;
 }
 
-bool CloseConnection(VLJsonRpcClient *client);
-
 // Values from inside a peer's error member, used only when of the expected type.
 VLObject *MemberOfType(VLObject *dictionary, const char *name, uint32_t type) {
   if (!IsType(dictionary, VLTypeDictionary)) return nullptr;
@@ -57,12 +55,12 @@ VLObject *MemberOfType(VLObject *dictionary, const char *name, uint32_t type) {
 }
 
 // A TLS handshake or record that failed: said once, with the peer and the
-// reason, and reported as the connection's loss.
+// reason. The set fails once the callback that met it returns and reports the
+// loss as any other; until the owner closes it, the client stays attached, so
+// that the owner's close waits for this callback to end.
 void FailTls(VLJsonRpcClient *client) {
   VL_LOG(VLLogLevelError, kTag, "TLS with %s failed: %s", client->peerName.c_str(), client->tls->Error().c_str());
-  VLJsonRpcDisconnectedCallback disconnected = client->disconnected;
-  CloseConnection(client);
-  if (disconnected) disconnected(client, client->userData);
+  TRPSocketSetFail(client->socketSet, kSocketSetFailedByCaller);
 }
 
 void OnSetConnected(TRPSocketSet *set, uint32_t, void *user) {

@@ -346,10 +346,16 @@ bool CloseInternal(TRPSocketSet *set, uint32_t reason, bool notify) {
 // After a callback on a service thread: run the close that the callback asked
 // for. True when the thread must end (the record may be gone then).
 bool HonourDeferredClose(TRPSocketSet *set, const char *where) {
-  if (!set->deferClose) return false;
-  VL_LOG(VLLogLevelVerbose, kTag, "Socket set close internal from %s", where);
-  CloseInternal(set, 0, false);
-  return true;
+  if (set->deferClose) {
+    VL_LOG(VLLogLevelVerbose, kTag, "Socket set close internal from %s", where);
+    CloseInternal(set, 0, false);
+    return true;
+  }
+  if (uint32_t reason = set->failReason) {
+    CloseInternal(set, reason, true);
+    return true;
+  }
+  return false;
 }
 
 // A socket failed on a service thread: every socket of the set is needed, so
@@ -796,6 +802,10 @@ bool TRPSocketSetRemoveSocket(TRPSocketSet *set, uint32_t tag) {
   if (!slot) return false;
   RetireSlot(set, slot);
   return true;
+}
+
+void TRPSocketSetFail(TRPSocketSet *set, uint32_t reason) {
+  if (set && reason != 0) set->failReason = reason;
 }
 
 bool TRPSocketSetClose(TRPSocketSet *set) {

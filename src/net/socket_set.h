@@ -35,6 +35,7 @@ enum : uint32_t {
   kSocketSetConnectFailed = 12293,
   kSocketSetSendFailed = 12294,
   kSocketSetReadTimedOut = 12296,
+  kSocketSetFailedByCaller = 12297,
 };
 
 constexpr uint32_t kTRPSocketSetSlots = 96;
@@ -78,6 +79,11 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
 bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uint32_t tag);
 // Closes one socket and keeps the set.
 bool TRPSocketSetRemoveSocket(TRPSocketSet *set, uint32_t tag);
+// From inside a callback of this set: once the callback returns, the set
+// fails as if its socket had (one disconnected callback with `reason`), and
+// the record stays for the owner's close. For a failure that the bytes show
+// and the socket doesn't, such as a refused TLS handshake.
+void TRPSocketSetFail(TRPSocketSet *set, uint32_t reason);
 // The owner's close; the pointer is invalid afterwards. From inside a callback
 // of this set the close is deferred until the callback returns (result false).
 bool TRPSocketSetClose(TRPSocketSet *set);

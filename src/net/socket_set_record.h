@@ -62,6 +62,7 @@ struct TRPSocketSet {
   std::mutex sendBufferLock;  // the rings
 
   Relaxed<uint8_t> deferClose;
+  Relaxed<uint32_t> failReason;  // a failure asked for from a callback, 0 for none
   Relaxed<uint8_t> disconnecting;
   Relaxed<uint8_t> running;
   Relaxed<int32_t> highestSlot{-1};
