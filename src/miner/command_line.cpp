@@ -114,10 +114,10 @@ const std::vector<OptionSpec> kOptions = {
        line.options.tlsCaFile = value;
        return true;
      }},
-    {"api-listen", "HOST:PORT", "serve the JSON API here (off unless given; 127.0.0.1:4028 is usual)", SetApiListen},
+    {"api-listen", "HOST:PORT", "serve the JSON API here (off unless given; a port alone is on 127.0.0.1, e.g. 4028)", SetApiListen},
     {"api-allow", "ADDRESS", "this IPv4 address may enable, disable, switchpool and quit (repeatable)",
      AddApiAllow, true},
-    {"metrics-listen", "HOST:PORT", "serve Prometheus metrics at /metrics here (off unless given)",
+    {"metrics-listen", "HOST:PORT", "serve Prometheus metrics at /metrics here (off unless given; a port alone is on 127.0.0.1)",
      SetMetricsListen},
     {"log-file", "PATH", "also write every line to this file, time-stamped; reopened on SIGUSR1",
      [](CommandLine &line, const std::string &value, std::string &) {

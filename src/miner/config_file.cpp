@@ -39,6 +39,24 @@ bool WordOf(const Json &value, std::string &word) {
   return false;
 }
 
+bool AllDigits(const std::string &word) {
+  return !word.empty() && word.size() <= 9 && word.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// What a positional word must be, so that a file's mistake is named before
+// anything starts; empty when the word will do.
+std::string PositionalProblem(const std::string &key, const std::string &word) {
+  if (key == "algorithm" && word != "ckb" && word != "recovery" && word != "dump") {
+    return "must be ckb, recovery or dump";
+  }
+  if (key == "port" && (!AllDigits(word) || std::stoul(word) == 0 || std::stoul(word) > 65535)) {
+    return "must be a port number from 1 to 65535";
+  }
+  if (key == "clock" && !AllDigits(word)) return "must be a whole number of MHz";
+  if ((key == "host" || key == "wallet") && word.empty()) return "must not be empty";
+  return "";
+}
+
 }  // namespace
 
 bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::string &error) {
@@ -68,6 +86,10 @@ bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::
       std::string word;
       if (!WordOf(value, word)) {
         error = where + ": needs a string or a number";
+        return false;
+      }
+      if (std::string problem = PositionalProblem(key, word); !problem.empty()) {
+        error = where + " '" + word + "': " + problem;
         return false;
       }
       settings.positional[position] = word;

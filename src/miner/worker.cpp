@@ -182,6 +182,9 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
     worker.enabled = false;
     return nullptr;
   }
+  // A board enabled again after a wait ran out gets a fresh chance: it is
+  // taken out again only if the hardware stays stuck.
+  device->stuckWait = nullptr;
   if (IsWideFamily(worker.model)) EnableRegulatorChannel(device);
 
   worker.active = true;

@@ -24,36 +24,41 @@ struct Client {
   std::string peer;
   std::string request;
   double started;
+  // Once the request is whole: the answer and how much of it went out. It
+  // goes out as the client reads, never holding up the other clients.
+  bool answering = false;
+  std::string answer;
+  size_t sent = 0;
+  double answerDeadline = 0;
 };
 
-void SendAll(int fd, const std::string &answer) {
-  // The answer goes out in the server's own time, but a client that doesn't
-  // read can only hold it for the request limit.
-  size_t sent = 0;
-  double deadline = Now() + 5;
-  while (sent < answer.size() && Now() < deadline) {
-    ssize_t n = send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+// Sends what the socket takes now; true once the answer is out or the client
+// is gone, false while more is to go.
+bool SendSome(Client &client) {
+  while (client.sent < client.answer.size()) {
+    ssize_t n = send(client.fd, client.answer.data() + client.sent, client.answer.size() - client.sent,
+                     MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
-      sent += static_cast<size_t>(n);
-    } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      pollfd entry{fd, POLLOUT, 0};
-      poll(&entry, 1, 100);
+      client.sent += static_cast<size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
     } else {
-      return;
+      return !(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
     }
   }
+  return true;
 }
 
 }  // namespace
 
 bool SplitHostPort(const std::string &text, std::string &host, uint16_t &port) {
   size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return false;
-  std::string number = text.substr(colon + 1);
+  std::string number = colon == std::string::npos ? text : text.substr(colon + 1);
   char *end = nullptr;
   long value = strtol(number.c_str(), &end, 10);
   if (number.empty() || *end != '\0' || value < 0 || value > 65535) return false;
-  host = text.substr(0, colon);
+  // A port alone stays on this machine.
+  host = colon == std::string::npos || colon == 0 ? "127.0.0.1" : text.substr(0, colon);
   port = static_cast<uint16_t>(value);
   return true;
 }
@@ -67,7 +72,7 @@ bool CheckListenAddress(const std::string &text, std::string &error) {
   std::string host;
   uint16_t port = 0;
   if (!SplitHostPort(text, host, port)) {
-    error = "'" + text + "' is not HOST:PORT";
+    error = "'" + text + "' is not HOST:PORT or PORT";
     return false;
   }
   if (host != "localhost" && !IsIPv4Address(host)) {
@@ -123,7 +128,7 @@ void TcpServer::Serve() {
   char buffer[4096];
   while (running_) {
     std::vector<pollfd> entries = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
-    for (const Client &client : clients) entries.push_back({client.fd, POLLIN, 0});
+    for (const Client &client : clients) entries.push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
     poll(entries.data(), entries.size(), 100);
     if (!running_) break;
     double now = Now();
@@ -145,23 +150,30 @@ void TcpServer::Serve() {
     for (size_t i = 0; i < clients.size(); i++) {
       Client &client = clients[i];
       bool done = false;
-      bool ended = false;
       short events = i + 2 < entries.size() ? entries[i + 2].revents : 0;
-      if (events & (POLLIN | POLLHUP | POLLERR)) {
-        ssize_t n = recv(client.fd, buffer, sizeof buffer, 0);
-        if (n > 0) {
-          client.request.append(buffer, static_cast<size_t>(n));
-        } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
-          ended = true;  // the client finished writing, or went away
+      if (!client.answering) {
+        bool ended = false;
+        if (events & (POLLIN | POLLHUP | POLLERR)) {
+          ssize_t n = recv(client.fd, buffer, sizeof buffer, 0);
+          if (n > 0) {
+            client.request.append(buffer, static_cast<size_t>(n));
+          } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+            ended = true;  // the client finished writing, or went away
+          }
         }
-      }
-      if (client.request.size() > limits_.requestBytes || now - client.started > limits_.requestSeconds) {
-        done = true;  // cut off, unanswered
-      } else if ((ended && !client.request.empty()) || complete_(client.request)) {
-        SendAll(client.fd, answer_(client.request, client.peer));
-        done = true;
-      } else if (ended) {
-        done = true;
+        if (client.request.size() > limits_.requestBytes || now - client.started > limits_.requestSeconds) {
+          done = true;  // cut off, unanswered
+        } else if ((ended && !client.request.empty()) || complete_(client.request)) {
+          client.answer = answer_(client.request, client.peer);
+          client.answering = true;
+          client.answerDeadline = now + limits_.requestSeconds;
+          done = SendSome(client);
+        } else if (ended) {
+          done = true;
+        }
+      } else {
+        // A client that doesn't read its answer is let go after the limit.
+        done = SendSome(client) || now > client.answerDeadline;
       }
       if (done) {
         close(client.fd);

@@ -1,8 +1,8 @@
 // A small request-and-answer server for monitoring: one thread of its own,
 // one request per connection, the answer, then the connection closes. It
 // holds at most 16 connections; a request larger than 64 KiB or slower than
-// 5 s is cut off. Nothing it does waits on mining, and mining never waits on
-// it.
+// 5 s is cut off, and so is a client that leaves its answer unread for 5 s.
+// Nothing it does waits on mining, and mining never waits on it.
 #pragma once
 
 #include <atomic>
@@ -29,7 +29,8 @@ class TcpServer {
   TcpServer(const TcpServer &) = delete;
   TcpServer &operator=(const TcpServer &) = delete;
 
-  // Listens on "HOST:PORT" (IPv4; port 0 picks one) and starts serving.
+  // Listens on "HOST:PORT" (IPv4; port 0 picks one), or on 127.0.0.1 for
+  // "PORT" or ":PORT", and starts serving.
   // False with `error` when the address is bad or taken.
   bool Start(const std::string &hostPort, std::string &error);
   uint16_t Port() const { return port_; }
@@ -48,7 +49,8 @@ class TcpServer {
   std::thread thread_;
 };
 
-// Splits "HOST:PORT"; false when it isn't one.
+// Splits "HOST:PORT"; a port alone ("PORT", ":PORT") is on 127.0.0.1. False
+// when it isn't one.
 bool SplitHostPort(const std::string &text, std::string &host, uint16_t &port);
 // Whether `text` is an address a server can listen on: an IPv4 address (or
 // "localhost") and a port. False with `error` saying why not.

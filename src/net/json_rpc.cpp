@@ -163,18 +163,26 @@ bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t
   return VLJsonRpcClientConnectTcp(client, host, port);
 }
 
-void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
-  TRPSocketSet *set = client ? client->socketSet.load() : nullptr;
-  if (!set || client->transport != VLJsonRpcTransportLine) return;
+bool VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
+  if (!client || client->transport != VLJsonRpcTransportLine) return false;
   VLObject *text = VLJsonRpcMessageSerialize(message);
-  if (!text) return;
-  VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
-  if (client->tls) {
-    client->tls->Send(reinterpret_cast<const uint8_t *>(VLStringChars(text)), VLStringLength(text));
-  } else {
-    TRPSocketSetSend(set, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+  if (!text) return false;
+  bool queued = false;
+  {
+    // The set can't be closed under a sender: the close takes it away under
+    // this lock first.
+    std::lock_guard<std::mutex> guard(client->sendLock);
+    if (TRPSocketSet *set = client->socketSet) {
+      VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
+      if (client->tls) {
+        queued = client->tls->Send(reinterpret_cast<const uint8_t *>(VLStringChars(text)), VLStringLength(text));
+      } else {
+        queued = TRPSocketSetSend(set, VLStringChars(text), VLStringLength(text), kVLJsonRpcSocketTag);
+      }
+    }
   }
   VLObjectRelease(text);
+  return queued;
 }
 
 namespace {
@@ -182,12 +190,17 @@ namespace {
 // Ends the connection without callbacks. False when called from inside one of
 // the client's own callbacks: the set then closes after that callback.
 bool CloseConnection(VLJsonRpcClient *client) {
-  TRPSocketSet *set = client->socketSet;
+  TRPSocketSet *set;
+  {
+    // Once no sender holds the set, new ones find none.
+    std::lock_guard<std::mutex> guard(client->sendLock);
+    set = client->socketSet;
+    client->socketSet = nullptr;
+  }
   if (!set) return true;
   // No callback may start during the close. One already running finishes
   // before the close returns, with the client still alive.
   TRPSocketSetSetCallbacks(set, nullptr, nullptr, nullptr, nullptr, client);
-  client->socketSet = nullptr;
   return TRPSocketSetClose(set);
 }
 

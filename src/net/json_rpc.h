@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "foundation/object.h"
@@ -58,7 +59,8 @@ using VLJsonRpcMessageCallback = void (*)(VLJsonRpcClient *client, VLJsonRpcMess
 
 struct VLJsonRpcClient {
   uint32_t transport = VLJsonRpcTransportNone;
-  Relaxed<TRPSocketSet *> socketSet{nullptr};  // owned; senders on any thread read it
+  Relaxed<TRPSocketSet *> socketSet{nullptr};  // owned; senders use it under sendLock
+  std::mutex sendLock;
   VLObject *path = nullptr;           // request path of the HTTP transports
   void *userData = nullptr;
   VLJsonRpcConnectedCallback connected = nullptr;
@@ -100,8 +102,10 @@ bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t
 // certificate checked, on the receive thread. A failed handshake or check is
 // logged with the peer and the reason and reported as a disconnect.
 bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t port, const TlsSettings &settings);
-// Serialises and queues the message; never waits on the network. From any thread.
-void VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
+// Serialises and queues the message; never waits on the network. From any
+// thread, also while another closes the client. True when the message was
+// queued whole; false once the connection is closed or its queue is full.
+bool VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message);
 // Ends the connection, without callbacks, and frees the client. Safe after the
 // connection failed, and from inside the client's own callbacks.
 void VLJsonRpcClientDestroy(VLJsonRpcClient *client);

@@ -131,12 +131,14 @@ bool StratumFailOver(StratumContext &context) {
     link.failuresInARow = 0;
     return false;
   }
+  if (mined) link.switchesSinceMined = 0;
   if (!mined) link.failuresInARow++;
   if (reason.empty() && link.failuresInARow >= kFailuresBeforeSwitch) {
     reason = "its connection failed " + std::to_string(kFailuresBeforeSwitch) + " times in a row";
   }
   if (reason.empty() || context.pools.size() < 2) return false;
   link.failuresInARow = 0;
+  link.switchesSinceMined++;
   Switch(context, static_cast<uint32_t>((context.activePool + 1) % context.pools.size()), reason);
   return true;
 }
@@ -147,7 +149,7 @@ void StratumStopProbe(StratumContext &context) {
   if (client) VLJsonRpcClientClose(client.get());
 }
 
-bool StratumWatchPrimary(StratumContext &context, double now) {
+bool StratumWatchPrimary(StratumContext &context, double now, std::string &reason) {
   PrimaryProbe &probe = context.probe;
   if (context.activePool == 0 || context.pools.size() < 2 || context.failbackDelay <= 0) {
     StratumStopProbe(context);
@@ -170,7 +172,7 @@ bool StratumWatchPrimary(StratumContext &context, double now) {
     probe.nextAttempt = -1;
     char seconds[32];
     snprintf(seconds, sizeof seconds, "%.0f s", context.failbackDelay);
-    Switch(context, 0, std::string("the primary pool has been back for ") + seconds);
+    reason = std::string("the primary pool has been back for ") + seconds;
     return true;
   }
   return false;

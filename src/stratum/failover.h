@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "net/json_rpc.h"
 #include "stratum/stratum_context.h"
@@ -23,14 +24,15 @@ bool StratumOpen(VLJsonRpcClient *client, const PoolEndpoint &pool);
 // The console loop's verdict on a lost connection: counts it against the
 // active pool and, when the pool is to be given up and there is another,
 // switches with one line naming both and the reason. True when it switched;
-// the caller then connects at once.
+// the caller then connects at once, unless every pool has been tried since a
+// connection last mined (switchesSinceMined), when the pauses go on growing.
 bool StratumFailOver(StratumContext &context);
 
 // While a backup mines: tries the primary every primaryRetryInterval in the
-// background (connect, subscribe, authorize) and, once it has stayed up for
-// failbackDelay, switches back to it. Returns true when it switched; the
-// caller then reconnects at once.
-bool StratumWatchPrimary(StratumContext &context, double now);
+// background (connect, subscribe, authorize). True once it has stayed up for
+// failbackDelay, with the reason to give: the caller then closes the
+// backup's connection and switches back (StratumSwitchTo).
+bool StratumWatchPrimary(StratumContext &context, double now, std::string &reason);
 
 // Ends a background try of the primary, if one runs.
 void StratumStopProbe(StratumContext &context);

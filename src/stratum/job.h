@@ -20,6 +20,9 @@ struct StratumJob {
   // The pool (its index in the run's list) that sent the job: its shares go
   // to that pool or nowhere.
   uint32_t pool = 0;
+  // The connection that brought it (see StratumContext::LinkNumber): its
+  // shares go out on that connection or not at all.
+  uint64_t link = 0;
   // Source of every job load's nonce word, so that no two loads share a
   // nonce space.
   std::atomic<uint64_t> nonceCounter{0};

@@ -80,6 +80,7 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
   DifficultyToTarget(job->difficulty, job->target);
   job->extranonce = context.extranonce1;
   job->pool = context.activePool;
+  job->link = context.LinkNumber();
   // A job id that isn't a string is taken as empty.
   const char *jobIdText = VLObjectType(jobId) == VLTypeString ? VLStringChars(jobId) : "";
   job->jobId = jobIdText ? jobIdText : "";

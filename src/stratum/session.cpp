@@ -70,6 +70,7 @@ const char *ErrorText(VLJsonRpcMessage *message) {
 void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, const VLObject *result) {
   auto emptyJob = std::make_shared<StratumJob>();
   emptyJob->pool = context.activePool;
+  emptyJob->link = context.LinkNumber();
   // Nonce words go on from the last job's, so that a job the pool sends again
   // after a reconnect is not searched over the same nonces twice.
   if (std::shared_ptr<StratumJob> previous = context.CurrentJob()) {
@@ -107,10 +108,13 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
 void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
   std::optional<PendingShare> answered;
   {
+    uint64_t link = context.LinkNumber();
     std::lock_guard<std::mutex> guard(context.link.pendingLock);
-    if (!context.link.pendingShares.empty()) {
-      answered = context.link.pendingShares.front();
-      context.link.pendingShares.pop_front();
+    auto &pending = context.link.pendingShares;
+    while (!pending.empty() && pending.front().link != link) pending.pop_front();
+    if (!pending.empty()) {
+      answered = pending.front();
+      pending.pop_front();
     }
   }
   bool accepted = !VLJsonRpcMessageIsError(message);
@@ -391,14 +395,18 @@ void ReconnectAtOnce(StratumContext &context, double now) {
   link.retryAt = now;
 }
 
-double OldestPendingShare(StratumLink &link) {
+double OldestPendingShare(StratumContext &context) {
+  uint64_t current = context.LinkNumber();
+  StratumLink &link = context.link;
   std::lock_guard<std::mutex> guard(link.pendingLock);
-  return link.pendingShares.empty() ? -1 : link.pendingShares.front().sentAt;
+  auto &pending = link.pendingShares;
+  while (!pending.empty() && pending.front().link != current) pending.pop_front();
+  return pending.empty() ? -1 : pending.front().sentAt;
 }
 
 void KeepMining(StratumContext &context, double now) {
   StratumLink &link = context.link;
-  double oldestShare = OldestPendingShare(link);
+  double oldestShare = OldestPendingShare(context);
   if (now - link.lastLineAt > link.silenceLimit) {
     link.giveUpReason = "it went silent";
     DropLink(context, "No line from the pool for " + Seconds(link.silenceLimit));
@@ -413,10 +421,12 @@ void KeepMining(StratumContext &context, double now) {
 
 }  // namespace
 
+// The old connection is closed before the switch, so that none of its
+// callbacks sees the new pool's settings.
 void StratumSwitchPool(StratumContext &context, uint32_t index) {
   if (index >= context.pools.size() || index == context.activePool) return;
-  StratumSwitchTo(context, index, "the operator asked for it");
   ReconnectAtOnce(context, context.link.clock());
+  StratumSwitchTo(context, index, "the operator asked for it");
 }
 
 void StratumPoll(StratumContext &context) {
@@ -431,7 +441,11 @@ void StratumPoll(StratumContext &context) {
   }
   // Back to the primary: the backup's connection ends and the primary's
   // starts at once.
-  if (StratumWatchPrimary(context, now)) ReconnectAtOnce(context, now);
+  std::string failback;
+  if (StratumWatchPrimary(context, now, failback)) {
+    ReconnectAtOnce(context, now);
+    StratumSwitchTo(context, 0, failback);
+  }
   switch (context.stratumState.load()) {
     case Idle: {
       std::shared_ptr<VLJsonRpcClient> client = NewClient();
@@ -462,8 +476,9 @@ void StratumPoll(StratumContext &context) {
       break;
     case Disconnected:
       if (link.retryAt < 0) {
-        if (StratumFailOver(context)) {
-          link.retryDelay = 0;
+        // A new pool is tried at once; once every pool has failed since the
+        // last session that mined, the pauses grow as for one pool.
+        if (StratumFailOver(context) && link.switchesSinceMined < context.pools.size()) {
           link.retryAt = now;
         } else {
           ScheduleRetry(link, now);

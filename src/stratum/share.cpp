@@ -83,8 +83,7 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
   // miner has left, is lost; the loss is counted and told once the session
   // mines again.
   if (context.stratumState != Mining || job->pool != context.activePool) {
-    context.sharesDroppedWhileDisconnected.fetch_add(1);
-    context.link.droppedSinceLoss.fetch_add(1);
+    CountDroppedShare(context);
     return;
   }
 

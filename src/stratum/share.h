@@ -42,5 +42,10 @@ void SubmitCandidate(CandidateResult &result, StratumContext &context, uint64_t 
 // pool's extranonce on, two lower-case hex digits each.
 void NonceSubmitText(const uint32_t words[4], size_t extranonceLength, char text_out[33]);
 
-// Queues the mining.submit line for a share; the pool connection's part.
+// Counts a share that was found and could not be sent; the count is told
+// once the session mines again.
+void CountDroppedShare(StratumContext &context);
+
+// Queues the mining.submit line for a share on the connection that brought
+// its job; when that connection is gone the share is counted as dropped.
 void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText, uint64_t worker);

@@ -1,24 +1,51 @@
+#include <algorithm>
+
 #include "net/json_rpc.h"
 #include "stratum/share.h"
 
+void CountDroppedShare(StratumContext &context) {
+  context.sharesDroppedWhileDisconnected.fetch_add(1);
+  context.link.droppedSinceLoss.fetch_add(1);
+}
+
 void SendShare(StratumContext &context, const StratumJob &job, const char *nonceText, uint64_t worker) {
+  // Only the connection that brought the job may take its share: a later one,
+  // even to the same pool, is another session with other jobs.
+  std::shared_ptr<VLJsonRpcClient> client = context.ClientOfLink(job.link);
+  if (!client) {
+    CountDroppedShare(context);
+    return;
+  }
+  // The account of the job's pool; the run's pool list never changes.
+  const char *account = job.pool < context.pools.size() ? context.pools[job.pool].user.c_str() : context.account;
   VLObject *id = VLNumberCreateUInt32(4);
   VLObject *method = VLStringCreate("mining.submit", 0);
   VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion2);
   VLObjectRelease(id);
   VLObjectRelease(method);
-  for (const char *text : {context.account ? context.account : "", job.jobId.c_str(), nonceText}) {
+  for (const char *text : {account ? account : "", job.jobId.c_str(), nonceText}) {
     VLObject *value = VLStringCreateFormat("%s", text);
     VLJsonRpcMessageAddParam(submit, value);
     VLObjectRelease(value);
   }
-  if (std::shared_ptr<VLJsonRpcClient> client = context.Client()) {
+  StratumLink &link = context.link;
+  uint64_t number;
+  {
+    // Booked before the line leaves, so that a fast answer finds it.
+    std::lock_guard<std::mutex> guard(link.pendingLock);
+    number = ++link.sharesBooked;
+    link.pendingShares.push_back({link.clock(), worker, job.pool, job.difficulty, job.link, number});
+  }
+  if (!VLJsonRpcClientSend(client.get(), submit)) {
+    // Closed meanwhile: no answer will come, and the share is lost.
     {
-      // Booked before the line leaves, so that a fast answer finds it.
-      std::lock_guard<std::mutex> guard(context.link.pendingLock);
-      context.link.pendingShares.push_back({context.link.clock(), worker, job.pool, job.difficulty});
+      std::lock_guard<std::mutex> guard(link.pendingLock);
+      auto &pending = link.pendingShares;
+      pending.erase(std::remove_if(pending.begin(), pending.end(),
+                                   [number](const PendingShare &share) { return share.number == number; }),
+                    pending.end());
     }
-    VLJsonRpcClientSend(client.get(), submit);
+    CountDroppedShare(context);
   }
   VLJsonRpcMessageRelease(submit);
 }

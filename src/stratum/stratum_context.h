@@ -42,6 +42,8 @@ struct PendingShare {
   uint64_t worker = 0;
   uint32_t pool = 0;
   double difficulty = 0;
+  uint64_t link = 0;    // the connection it was sent on
+  uint64_t number = 0;  // counts the run's shares, to tell entries apart
 };
 
 // How the link keeps itself alive: its time limits and the state its upkeep
@@ -60,9 +62,11 @@ struct StratumLink {
   // When the state last changed and when the pool last sent a line.
   Relaxed<double> stateSince;
   Relaxed<double> lastLineAt;
-  // Shares sent and not yet answered, oldest first.
+  // Shares sent and not yet answered, oldest first. Entries of an earlier
+  // connection are stale and skipped.
   std::mutex pendingLock;
   std::deque<PendingShare> pendingShares;
+  uint64_t sharesBooked = 0;  // under pendingLock
   // Shares found since the connection was lost, told once at reconnect.
   std::atomic<uint64_t> droppedSinceLoss{0};
   Relaxed<bool> connectedBefore;
@@ -75,6 +79,7 @@ struct StratumLink {
   // miner move to the next pool at once (a silent pool, a refused login).
   std::string giveUpReason;
   uint32_t failuresInARow = 0;  // connections that never reached Mining
+  uint32_t switchesSinceMined = 0;  // pool switches since a connection last mined
 
   // The console loop's own: the retry schedule.
   double retryDelay = 0;  // the next delay; 0 before the first loss
@@ -141,8 +146,21 @@ struct StratumContext {
     std::lock_guard<std::mutex> guard(clientLock_);
     return client_;
   }
+  // Each client put in numbers a new connection. Read on a client's own
+  // callbacks, it is that client's number: a client is closed before the next
+  // one is put in.
+  uint64_t LinkNumber() const {
+    std::lock_guard<std::mutex> guard(clientLock_);
+    return linkNumber_;
+  }
+  // The client of connection `link` while it is the current one, else null.
+  std::shared_ptr<VLJsonRpcClient> ClientOfLink(uint64_t link) const {
+    std::lock_guard<std::mutex> guard(clientLock_);
+    return link == linkNumber_ ? client_ : nullptr;
+  }
   std::shared_ptr<VLJsonRpcClient> ExchangeClient(std::shared_ptr<VLJsonRpcClient> client) {
     std::lock_guard<std::mutex> guard(clientLock_);
+    if (client) linkNumber_++;
     client_.swap(client);
     return client;
   }
@@ -172,4 +190,5 @@ struct StratumContext {
   std::shared_ptr<StratumJob> currentJob_;
   mutable std::mutex clientLock_;
   std::shared_ptr<VLJsonRpcClient> client_;
+  uint64_t linkNumber_ = 0;
 };

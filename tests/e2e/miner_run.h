@@ -24,6 +24,34 @@ using namespace std::chrono_literals;
 // Runs longer than any row should take end in a failure, not a hung suite.
 constexpr std::chrono::seconds kHangGuard{180};
 
+// A count from a pool's statistics file; a reason of rejection counts too.
+inline uint64_t PoolCount(const testing_support::TestPool &pool, const std::string &name) {
+  std::string stats = pool.Stats();
+  size_t at = stats.find("\"" + name + "\":");
+  return at == std::string::npos ? 0 : std::strtoull(stats.c_str() + at + name.size() + 3, nullptr, 10);
+}
+
+// Rejections that say the miner got something wrong. A share that crosses a
+// new job on the way is "stale", which no miner can avoid.
+inline uint64_t WrongfullyRejected(const testing_support::TestPool &pool) {
+  return PoolCount(pool, "rejected") - PoolCount(pool, "stale");
+}
+
+// The job ids of every share a pool was sent: the second parameter.
+inline std::set<std::string> SubmittedJobIds(const testing_support::TestPool &pool) {
+  static const std::string kSubmit = "\"mining.submit\",\"params\":[\"";
+  std::set<std::string> jobs;
+  for (const std::string &line : pool.ClientLines()) {
+    size_t at = line.find(kSubmit);
+    if (at == std::string::npos) continue;
+    size_t account = line.find('"', at + kSubmit.size());  // end of the account
+    size_t job = line.find('"', account + 1);             // start of the job id
+    size_t end = job == std::string::npos ? job : line.find('"', job + 1);
+    if (end != std::string::npos) jobs.insert(line.substr(job + 1, end - job - 1));
+  }
+  return jobs;
+}
+
 class MinerRun {
  public:
   MinerRun(const std::string &boardList, std::vector<std::string> poolOptions)
@@ -31,12 +59,13 @@ class MinerRun {
 
   // Starts the miner against the pool, with `options` after the positional
   // words; true once it has said whom it mines for. `scheme` makes the pool
-  // word a URL, e.g. "stratum+ssl".
-  bool Start(const std::vector<std::string> &options = {}, const std::string &scheme = "") {
+  // word a URL, e.g. "stratum+ssl", with `hostName` as its host.
+  bool Start(const std::vector<std::string> &options = {}, const std::string &scheme = "",
+             const std::string &hostName = "127.0.0.1") {
     if (pool_.Port() == 0) return false;
     control_ = (boards_.WorkDir() / "control").string();
     std::string port = std::to_string(pool_.Port());
-    std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://127.0.0.1:" + port;
+    std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://" + hostName + ":" + port;
     std::vector<std::string> args = {"ckb", host, port, "wallet.rig", "x"};
     args.insert(args.end(), options.begin(), options.end());
     std::vector<std::string> env = env_;
@@ -76,26 +105,9 @@ class MinerRun {
   void Pump(std::chrono::milliseconds time) { child_->WaitFor("\x01 never printed", time, Output().size()); }
 
   // A count from the pool's statistics file.
-  uint64_t Pool(const std::string &name) const {
-    std::string stats = pool_.Stats();
-    size_t at = stats.find("\"" + name + "\":");
-    return at == std::string::npos ? 0 : std::strtoull(stats.c_str() + at + name.size() + 3, nullptr, 10);
-  }
+  uint64_t Pool(const std::string &name) const { return PoolCount(pool_, name); }
 
-  // The job ids of every share the pool was sent: the second parameter.
-  std::set<std::string> SubmittedJobs() const {
-    static const std::string kSubmit = "\"mining.submit\",\"params\":[\"";
-    std::set<std::string> jobs;
-    for (const std::string &line : pool_.ClientLines()) {
-      size_t at = line.find(kSubmit);
-      if (at == std::string::npos) continue;
-      size_t account = line.find('"', at + kSubmit.size());  // end of the account
-      size_t job = line.find('"', account + 1);             // start of the job id
-      size_t end = job == std::string::npos ? job : line.find('"', job + 1);
-      if (end != std::string::npos) jobs.insert(line.substr(job + 1, end - job - 1));
-    }
-    return jobs;
-  }
+  std::set<std::string> SubmittedJobs() const { return SubmittedJobIds(pool_); }
 
   size_t Count(const std::string &text, size_t from = 0) const {
     size_t count = 0;

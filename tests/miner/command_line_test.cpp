@@ -95,6 +95,7 @@ TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
   EXPECT_EQ(overridden.line.positional[3], "3333");
   EXPECT_EQ(overridden.line.options.poolSilenceSeconds, 60);
   EXPECT_EQ(overridden.line.options.shareTimeoutSeconds, 20);
+  std::remove(path.c_str());
 }
 
 TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
@@ -110,9 +111,15 @@ TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
       {R"({"pool-silence":-3})", "key 'pool-silence' '-3'"},
       {R"({"share-timeout":[1,2]})", "key 'share-timeout': takes one value"},
       {R"({"port":{"n":1}})", "key 'port': needs a string or a number"},
+      {R"({"port":"33x3"})", "key 'port' '33x3': must be a port number"},
+      {R"({"port":70000})", "key 'port' '70000': must be a port number"},
+      {R"({"algorithm":"sha256"})", "key 'algorithm' 'sha256': must be ckb"},
+      {R"({"clock":"fast"})", "key 'clock' 'fast': must be a whole number"},
   };
   for (const Case &c : cases) {
-    Parsed parsed = Parse({"--config", WriteSettings(c.text)});
+    std::string path = WriteSettings(c.text);
+    Parsed parsed = Parse({"--config", path});
+    std::remove(path.c_str());
     EXPECT_FALSE(parsed.ok) << c.text;
     EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
   }

@@ -19,6 +19,7 @@
 
 #include "foundation/logger.h"
 #include "hash/eaglesong.h"
+#include "stratum/failover.h"
 #include "stratum/job_intake.h"
 #include "stratum/share.h"
 #include "stratum/targets.h"
@@ -208,6 +209,27 @@ TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {
   pool.reset();  // the pool goes away
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
   EXPECT_LE(context.link.retryAt - context.link.clock(), 1.0);
+}
+
+TEST_F(SessionTest, PoolsThatAllRefuseAreLeftAtOnceUntilEachHasRefusedThenThePausesGrow) {
+  Start({"--authorize", "error", "--notify-interval", "600"});
+  for (const char *user : {"w.first", "w.second"}) context.pools.push_back({"127.0.0.1", context.poolPort, user, "x"});
+  StratumUsePool(context, 0);
+  std::vector<double> delays;
+  for (int attempt = 0; attempt < 5; attempt++) {
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
+    double wait = std::max(0.0, context.link.retryAt - context.link.clock());
+    delays.push_back(wait);
+    Skip(wait);
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState != Disconnected; }));
+  }
+  EXPECT_LT(delays[0], 0.5);  // the second pool at once
+  const double longest[] = {1, 2, 4, 8};
+  for (size_t i = 1; i < delays.size(); i++) {
+    EXPECT_GE(delays[i], longest[i - 1] / 2) << i;
+    EXPECT_LE(delays[i], longest[i - 1]) << i;
+  }
+  EXPECT_TRUE(log.Has("Pool refused authorisation for w.second: Unauthorized worker (24)"));
 }
 
 TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {

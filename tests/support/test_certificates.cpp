@@ -14,8 +14,16 @@ namespace {
 
 bool Run(const std::string &command) { return system(("(" + command + ") >/dev/null 2>&1").c_str()) == 0; }
 
-TestCertificates Make() {
-  TestCertificates made;
+// The files go with the test process.
+struct MadeCertificates : TestCertificates {
+  ~MadeCertificates() {
+    std::error_code ignored;
+    if (!directory.empty()) std::filesystem::remove_all(directory, ignored);
+  }
+};
+
+MadeCertificates Make() {
+  MadeCertificates made;
   auto directory = std::filesystem::temp_directory_path() / ("ombry-certs-" + std::to_string(getpid()));
   std::filesystem::create_directories(directory);
   made.directory = directory.string();
@@ -38,7 +46,7 @@ TestCertificates Make() {
 }  // namespace
 
 const TestCertificates &MakeTestCertificates() {
-  static const TestCertificates made = Make();
+  static const MadeCertificates made = Make();
   EXPECT_EQ(made.fingerprint.size(), 64u) << "openssl could not make the test certificates";
   return made;
 }

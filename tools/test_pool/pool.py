@@ -242,7 +242,7 @@ class Stats:
 
 class Pool:
     def __init__(self, options=None, connection_settings=(), stats_path="", transcript_path="",
-                 seed=None, port=0, quiet=False, refuse_for=0.0, tls_cert="", tls_key=""):
+                 seed=None, port=0, quiet=False, refuse_for=0.0, tls_cert="", tls_key="", job_prefix=""):
         self.options = options or SessionOptions()
         self.options.validate()
         self.connection_options = [apply_settings(self.options, s, f"connection {i + 1}")
@@ -260,6 +260,7 @@ class Pool:
         self.transcript = open(transcript_path, "w", encoding="utf-8") if transcript_path else None
         self.accepted_shares = set()
         self.job_counter = 0
+        self.job_prefix = job_prefix
         self.newest_job = None  # (Job, notify params), for resend_job
         self.connection_counter = 0
         self.stopping = threading.Event()
@@ -283,7 +284,7 @@ class Pool:
     def next_job_id(self):
         with self.lock:
             self.job_counter += 1
-            return f"{self.job_counter:x}"
+            return f"{self.job_prefix}{self.job_counter:x}"
 
     def random_sample(self, population, count):
         with self.lock:
@@ -738,6 +739,7 @@ def build_parser():
     add("--transcript", default="", help="file that records every line in (<) and out (>)")
     add("--duration", type=float, default=0.0, help="exit after this many seconds (0: run until signalled)")
     add("--seed", type=int, default=None, help="seed for the job hashes")
+    add("--job-prefix", default="", help="text in front of every job id, so that pools' jobs differ")
     add("--script", default="", help="JSON file with settings; its \"connections\" list applies per connection")
     add("--quiet", action="store_true", default=False, help="no log lines")
     add("--extranonce1", help="hex, or auto (4 bytes: the connection number)")
@@ -785,7 +787,7 @@ def _notify_id(text):
 
 
 GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet", "refuse_for", "tls_cert",
-               "tls_key")
+               "tls_key", "job_prefix")
 
 
 def options_from_arguments(argv):
@@ -813,7 +815,7 @@ def main(argv=None):
         pool = Pool(options, connections, stats_path=settings["stats"], transcript_path=settings["transcript"],
                     seed=settings["seed"], port=settings["port"], quiet=settings["quiet"],
                     refuse_for=settings["refuse_for"], tls_cert=settings["tls_cert"],
-                    tls_key=settings["tls_key"])
+                    tls_key=settings["tls_key"], job_prefix=settings["job_prefix"])
     except (ValueError, OSError) as error:
         print(f"pool: {error}", file=sys.stderr)
         return 2

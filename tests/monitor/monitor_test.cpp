@@ -1,0 +1,94 @@
+// The monitoring server's limits against real loop-back clients, and the
+// effective rate's windows.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "monitor/effective_rate.h"
+#include "monitor/tcp_server.h"
+#include "net/loopback_peer.h"
+
+namespace {
+
+using net_test::Peer;
+
+Peer Connect(uint16_t port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = net_test::Loopback(port);
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    close(fd);
+    fd = -1;
+  }
+  return Peer(fd);
+}
+
+// Answers a request that ends in a line feed with `size` bytes.
+struct Server {
+  Server(size_t size, TcpServer::Limits limits)
+      : server([](const std::string &request) { return !request.empty() && request.back() == '\n'; },
+               [size](const std::string &, const std::string &) { return std::string(size, 'a'); }, limits) {
+    std::string error;
+    EXPECT_TRUE(server.Start("0", error)) << error;  // a port alone: loop-back
+  }
+  TcpServer server;
+};
+
+TEST(MonitorServerTest, FullSilentOrFloodingClientsAreCutOffUnanswered) {
+  Server small(5, {2, 1024, 0.5});
+  Peer first = Connect(small.server.Port());
+  Peer second = Connect(small.server.Port());
+  Peer third = Connect(small.server.Port());
+  EXPECT_TRUE(third.WaitForEnd());  // two are served at once, the newcomer goes
+  EXPECT_EQ(third.Read(1), "");
+  // The silent two are let go after the time limit, without a word.
+  EXPECT_TRUE(first.WaitForEnd());
+  EXPECT_TRUE(second.WaitForEnd());
+  EXPECT_EQ(first.Read(1) + second.Read(1), "");
+
+  Peer flood = Connect(small.server.Port());
+  flood.Write(std::string(2048, 'x'));
+  EXPECT_TRUE(flood.WaitForEnd());
+  EXPECT_EQ(flood.Read(1), "");
+
+  Peer asking = Connect(small.server.Port());
+  asking.Write("summary\n");
+  EXPECT_EQ(asking.Read(5), "aaaaa");
+  EXPECT_TRUE(asking.WaitForEnd());
+}
+
+TEST(MonitorServerTest, AClientThatDoesNotReadItsAnswerHoldsUpNoOther) {
+  // Answers far larger than a socket's buffers, and a limit longer than the
+  // readers wait: a server that sent inline would serve nobody meanwhile.
+  constexpr size_t kAnswer = 16 << 20;
+  Server large(kAnswer, {4, 1024, 120});
+  Peer stalled = Connect(large.server.Port());
+  stalled.Write("devs\n");
+  Peer reader = Connect(large.server.Port());
+  reader.Write("devs\n");
+  EXPECT_EQ(reader.Read(kAnswer).size(), kAnswer);
+  EXPECT_TRUE(reader.WaitForEnd());
+}
+
+TEST(EffectiveRateTest, AcceptedSharesStandForTheirDifficultyOverEachWindow) {
+  const double perShare = std::ldexp(1.0, 48) / 65535.0;
+  EXPECT_DOUBLE_EQ(HashesPerShare(2), 2 * perShare);
+
+  EffectiveRate rate;
+  rate.Add(10, 1);
+  rate.Add(50, 2);
+  rate.Add(58, 0.5);
+  // A run 60 s old: the minute window is the whole run, the 15 minutes too.
+  EXPECT_DOUBLE_EQ(rate.PerSecond(60, 60, 0), 3.5 * perShare / 60);
+  EXPECT_DOUBLE_EQ(rate.PerSecond(60, 900, 0), 3.5 * perShare / 60);
+  EXPECT_DOUBLE_EQ(rate.PerSecond(60, 5, 0), 0.5 * perShare / 5);
+  EXPECT_DOUBLE_EQ(rate.PerSecond(60, 5, 60), 0);  // no time has passed
+
+  // Shares older than 15 minutes leave the windows, not the total.
+  rate.Add(1000, 1);
+  EXPECT_DOUBLE_EQ(rate.PerSecond(1000, 900, 0), perShare / 900);
+  EXPECT_DOUBLE_EQ(rate.TotalHashes(), 4.5 * perShare);
+}
+
+}  // namespace
