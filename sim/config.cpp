@@ -81,6 +81,7 @@ void ApplyModel(FpgaSpec &fpga, const ModelInfo &info) {
   fpga.cores = info.cores;
   fpga.referenceHz = info.referenceHz;
   fpga.multiplier = info.multiplier;
+  fpga.coolLimitMHz = info.coolLimitMHz;
   fpga.thermal.vccintNominal = info.wide ? 1.0 : 0.85;
 }
 

@@ -102,6 +102,7 @@ struct FpgaSpec {
   // The highest clock that gives correct nonces, in MHz; 0: from the model,
   // the core temperature and VCCINT.
   double maxClockMHz = 0.0;
+  double coolLimitMHz = 250.0;  // the model's limit when cool, at nominal VCCINT
   uint32_t model = 0;
   uint32_t identityWord = 0;  // register 0x0000
   bool wide = false;          // XADC family rather than SYSMON

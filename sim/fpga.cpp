@@ -102,10 +102,9 @@ double Fpga::VccInt() const {
 double Fpga::MaxGoodClockHz() const {
   if (spec_.maxClockMHz > 0) return spec_.maxClockMHz * 1e6;
   // Hotter silicon and a sagging supply both slow the logic down.
-  constexpr double kCoolLimitHz = 250e6;
   double heat = std::max(0.0, CoreTemperature() - 60.0) * 1e6;
   double sag = std::max(0.0, spec_.thermal.vccintNominal - VccInt()) * 400e6;
-  return std::max(0.0, kCoolLimitHz - heat - sag);
+  return std::max(0.0, spec_.coolLimitMHz * 1e6 - heat - sag);
 }
 
 bool Fpga::SensorGlitch() {

@@ -5,18 +5,18 @@ namespace sim {
 namespace {
 
 constexpr ModelInfo kModels[] = {
-    // model identity wide cores reference multiplier
-    {1, "1525", false, 12, 300000000, 16},
-    {2, "101 ", true, 1, 125000000, 8},
-    {3, "215 ", true, 1, 125000000, 8},
-    {4, "215+", true, 1, 125000000, 8},
-    {5, "OMPR", false, 3, 200000000, 5},
-    {6, "RK33", false, 5, 200000000, 9},
-    {7, "RK35", false, 10, 200000000, 9},
-    {8, "JC33", false, 5, 200000000, 9},
-    {9, "JC35", false, 10, 200000000, 9},
-    {10, "CV13", false, 20, 125000000, 8},
-    {11, "RK37", false, 1, 200000000, 5},
+    // model identity wide cores reference multiplier cool limit
+    {1, "1525", false, 12, 300000000, 16, 240},
+    {2, "101 ", true, 1, 125000000, 8, 330},
+    {3, "215 ", true, 1, 125000000, 8, 320},
+    {4, "215+", true, 1, 125000000, 8, 340},
+    {5, "OMPR", false, 3, 200000000, 5, 260},
+    {6, "RK33", false, 5, 200000000, 9, 250},
+    {7, "RK35", false, 10, 200000000, 9, 240},
+    {8, "JC33", false, 5, 200000000, 9, 250},
+    {9, "JC35", false, 10, 200000000, 9, 240},
+    {10, "CV13", false, 20, 125000000, 8, 220},
+    {11, "RK37", false, 1, 200000000, 5, 260},
 };
 
 struct IdentityModel {

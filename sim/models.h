@@ -15,6 +15,9 @@ struct ModelInfo {
   uint32_t cores;
   uint64_t referenceHz;
   uint32_t multiplier;  // MMCM feedback multiplier at power-on
+  // The highest clock that still gives correct nonces on a cool board (60 C
+  // and below) at its nominal VCCINT, in MHz.
+  uint32_t coolLimitMHz;
 };
 
 // Null for a number that is no model.

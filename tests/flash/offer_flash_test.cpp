@@ -2,6 +2,9 @@
 // hot board, a model without an image, and the closing power-cycle notice.
 // Each run is a child on a pseudo-terminal with its own simulated boards,
 // offering every board in turn as the scan does, and ending as the scan ends.
+#include <poll.h>
+#include <unistd.h>
+
 #include <fstream>
 
 #include "board/registers.h"
@@ -60,6 +63,9 @@ class OfferFlashTest : public ::testing::Test {
       VLLogEnableConsole();
       VLLogInit(VLLogLevelInfo);
       VLConsoleBeginKeys();
+      // A key typed ahead is pending before the question is asked.
+      pollfd input{STDIN_FILENO, POLLIN, 0};
+      if (keyTypedAhead_ && poll(&input, 1, 10000) != 1) return 2;
       sim::InProcessBoards boards("/ombry-offer-test");
       std::string error;
       if (!boards.AddList(boards_, &error)) return 2;
@@ -81,6 +87,7 @@ class OfferFlashTest : public ::testing::Test {
 
   std::filesystem::path root_;
   std::string boards_;
+  bool keyTypedAhead_ = false;
   std::vector<uint8_t> narrowImage_;
   std::vector<uint8_t> wideImage_;
 };
@@ -132,6 +139,16 @@ TEST_F(OfferFlashTest, AFailedOrImpossibleFlashIsNeverReportedAsDone) {
     EXPECT_NE(child->Output().find(c.told), std::string::npos) << child->Output();
     EXPECT_EQ(child->Output().find("Successfully flashed"), std::string::npos);
   }
+}
+
+TEST_F(OfferFlashTest, AKeyTypedBeforeTheQuestionIsNoConsent) {
+  keyTypedAhead_ = true;
+  auto child = Run();
+  child->Type("y");
+  ASSERT_TRUE(child->WaitFor(kConsentPrompt)) << child->Output();
+  child->Type("n");
+  EXPECT_EQ(child->Wait(), 3) << child->Output();
+  EXPECT_FALSE(std::filesystem::exists(Flash(0)));
 }
 
 TEST_F(OfferFlashTest, HotBoardIsRefusedAndOthersGoOn) {

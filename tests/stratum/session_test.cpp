@@ -236,12 +236,16 @@ TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   Start({"--close-after", "4", "--notify-interval", "600"});
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));
-  uint64_t before = context.CurrentJob()->nonceCounter.fetch_add(5) + 5;
-  SendShare(context, *context.CurrentJob(), "00", 0);
+  std::shared_ptr<StratumJob> earlier = context.CurrentJob();
+  uint64_t before = earlier->nonceCounter.fetch_add(5) + 5;
+  SendShare(context, *earlier, "00", 0);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));
   EXPECT_GT(context.CurrentJob()->nonceCounter.load(), before);
+  // A share of the earlier connection's job is not the new session's to send.
+  SendShare(context, *earlier, "00", 0);
+  EXPECT_EQ(context.sharesDroppedWhileDisconnected.load(), 1u);
 }
 
 }  // namespace
