@@ -11,9 +11,11 @@
 #if defined(__x86_64__)
 
 // g++ 12's headers leave the "don't care" source of vprold deliberately
-// uninitialised, and then warn about it.
+// uninitialised, and then warn about it. (clang knows no such warning.)
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #define OMBRY_AVX512 __attribute__((target("avx512f")))

@@ -1,5 +1,5 @@
-// Shared by the board tests: a log recorder, and simulated boards installed
-// behind the device-file seam for the length of a test.
+// Shared by the board tests: simulated boards installed behind the
+// device-file seam for the length of a test, and the log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,50 +11,12 @@
 
 #include "board/dma_device.h"
 #include "foundation/logger.h"
+#include "support/log_lines.h"
 #include "sim/in_process.h"
 
 namespace board_test {
 
-struct LogLine {
-  uint32_t level;
-  std::string tag;
-  std::string message;
-};
-
-// Records every log line, at every level, while it lives.
-class LogRecorder {
- public:
-  LogRecorder() {
-    VLLogSetLevel(VLLogLevelTrace);
-    VLLogSetCallback(Record, this);
-  }
-  ~LogRecorder() {
-    VLLogSetCallback(nullptr, nullptr);
-    VLLogSetLevel(VLLogLevelInfo);
-  }
-  bool Has(const std::string &tag, const std::string &message, uint32_t level = 0) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    for (const LogLine &line : lines_) {
-      if (line.tag == tag && line.message == message && (level == 0 || line.level == level)) return true;
-    }
-    return false;
-  }
-  size_t Count(const std::string &message) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    size_t count = 0;
-    for (const LogLine &line : lines_) count += line.message.find(message) != std::string::npos;
-    return count;
-  }
-
- private:
-  static void Record(uint32_t level, const char *tag, const char *message, void *context) {
-    auto *self = static_cast<LogRecorder *>(context);
-    std::lock_guard<std::mutex> guard(self->lock_);
-    self->lines_.push_back({level, tag, message});
-  }
-  mutable std::mutex lock_;
-  std::vector<LogLine> lines_;
-};
+using LogRecorder = testing_support::LogLines;
 
 struct DeviceCloser {
   void operator()(BRYLDMADevice *device) const { BRYLDMADeviceClose(device); }
@@ -64,7 +26,7 @@ using Device = std::unique_ptr<BRYLDMADevice, DeviceCloser>;
 // Boards from a board list, installed for the test's lifetime.
 class Boards {
  public:
-  explicit Boards(const std::string &list, sim::TimeSource time = nullptr) : boards_("/ombry-test", std::move(time)) {
+  explicit Boards(const std::string &list) : boards_("/ombry-test") {
     std::string error;
     if (!boards_.AddList(list, &error)) ADD_FAILURE() << "board list: " << error;
     boards_.Install();
@@ -80,7 +42,6 @@ class Boards {
     std::string error;
     if (!boards_.RunCommand(command, &error)) ADD_FAILURE() << command << ": " << error;
   }
-  sim::InProcessBoards &InProcess() { return boards_; }
 
  private:
   sim::InProcessBoards boards_;
@@ -94,13 +55,5 @@ inline std::vector<sim::Access> Filter(const std::vector<sim::Access> &trace, si
   }
   return out;
 }
-
-// A clock for the simulator that moves only when told to.
-struct ManualClock {
-  double now = 0.0;
-  sim::TimeSource Source() {
-    return [this] { return now; };
-  }
-};
 
 }  // namespace board_test

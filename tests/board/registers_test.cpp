@@ -11,10 +11,6 @@
 
 using board_test::Boards;
 using board_test::Device;
-using board_test::Filter;
-using board_test::LogRecorder;
-using board_test::ManualClock;
-using sim::Node;
 
 namespace {
 

@@ -8,9 +8,6 @@
 #include "sim/blocks.h"
 #include "sim/config.h"
 
-using board_test::Boards;
-using board_test::ManualClock;
-using sim::Node;
 
 namespace {
 

@@ -78,13 +78,6 @@ TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
   }
 }
 
-TEST(PoolLink, AShareLeftUnansweredEndsTheConnection) {
-  MinerRun run(kTwoBoards, FirstConnection(R"({"silent_after":3})", {"--difficulty", "0.0005", "--notify-interval", "2"}));
-  ASSERT_TRUE(run.Start({"--share-timeout", "2", "--pool-silence", "60"}));
-  ASSERT_TRUE(run.Until([&] { return run.Pool("connections") >= 2 && run.Pool("accepted") >= 2; })) << run.Output();
-  EXPECT_EQ(run.Count("The pool left a share unanswered for 2 s; reconnecting"), 1u);
-}
-
 // A pool that drops the connection every few lines sends the same job again
 // each time: the search goes on in fresh nonces, so shares are not repeated.
 TEST(PoolLink, DropsEveryFewLinesCostNoDuplicates) {

@@ -97,9 +97,9 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
   }
   ASSERT_LT(expected, tails.size()) << "seed gives no hit; pick another";
 
-  // From every start offset across one group of eight, so the hit lands in
-  // each lane position.
-  for (size_t skip = 0; skip < 8 && skip <= expected; ++skip) {
+  // From every start offset across one group of sixteen, so the hit lands in
+  // each lane position of every path.
+  for (size_t skip = 0; skip < 16 && skip <= expected; ++skip) {
     Words8 digest{};
     const size_t found = EaglesongSearch48(header, word0, word1, tails.data() + skip, tails.size() - skip,
                                            bound.data(), digest.data(), GetParam());

@@ -11,7 +11,6 @@
 
 using miner_testing::SimBoardList;
 using miner_testing::SimMiner;
-using miner_testing::StartOnTerminal;
 using testing_support::RunProcess;
 
 namespace {

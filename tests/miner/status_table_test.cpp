@@ -13,7 +13,6 @@
 #include "miner/status_console.h"
 #include "support/capture.h"
 
-using miner_testing::AddWorkers;
 using miner_testing::MakeWorker;
 using testing_support::StreamCapture;
 

@@ -42,17 +42,21 @@ void StopWorker(MiningContext &context, std::thread &thread) {
 
 class WorkerBoardTest : public ::testing::Test {
  protected:
+  // The board, a model 7 unless a suite says otherwise.
+  virtual const char *BoardList() const { return "xdma0 model=7\n"; }
+  virtual BoardModel Model() const { return 7; }
+
   void SetUp() override {
     boards.Install();
     std::string error;
-    ASSERT_TRUE(boards.AddList("xdma0 model=7\n", &error)) << error;
+    ASSERT_TRUE(boards.AddList(BoardList(), &error)) << error;
     card = boards.Find("xdma0");
     ASSERT_NE(card, nullptr);
 
     auto worker = std::make_unique<Worker>();
     worker->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
     ASSERT_NE(worker->device, nullptr);
-    worker->model = 7;
+    worker->model = Model();
     worker->layoutVersion = 1;
     worker->enabled = true;
     worker->targetClockHz = 100000000;
@@ -225,47 +229,30 @@ TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
   EXPECT_FALSE(worker.active);
 }
 
-}  // namespace
-
-namespace {
-
 // Model 6 keeps its regulator sensors on the I2C bus: the worker shows what
 // 0x1F reads and throttles when it runs hot.
-TEST(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {
-  sim::InProcessBoards boards{"/ombry-worker-i2c-test"};
-  boards.Install();
-  std::string error;
-  ASSERT_TRUE(boards.AddList("xdma0 model=6 i2c_temp_1f=110\n", &error)) << error;
+class WorkerRegulatorTest : public WorkerBoardTest {
+ protected:
+  const char *BoardList() const override { return "xdma0 model=6 i2c_temp_1f=110\n"; }
+  BoardModel Model() const override { return 6; }
+};
 
-  MiningContext context;
-  auto owned = std::make_unique<Worker>();
-  owned->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
-  ASSERT_NE(owned->device, nullptr);
-  owned->model = 6;
-  owned->layoutVersion = 1;
-  owned->enabled = true;
-  owned->targetClockHz = 100000000;
-  context.workers.push_back(std::move(owned));
+TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {
   Worker &worker = *context.workers[0];
-
-  auto job = std::make_shared<StratumJob>();
-  job->jobId = "job";
-  DifficultyToTarget(1.0, job->target);
   context.SetCurrentJob(job);
-  std::thread thread = RunWorker(context);
+  thread = RunWorker(context);
 
   EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature >= 109.0; }));
   // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
   EXPECT_TRUE(WaitUntil([&] { return worker.currentClockHz < 100000000; }, 60000ms));
 
   // The sensor cools; the reading shown never falls while the worker runs.
+  std::string error;
   ASSERT_TRUE(boards.RunCommand("xdma0 i2c_temp_1f=40", &error)) << error;
   std::this_thread::sleep_for(300ms);
   EXPECT_GE(worker.vrmTemperature, 109.0);
-
   StopWorker(context, thread);
   EXPECT_FALSE(worker.active);
-  boards.Uninstall();
 }
 
 }  // namespace

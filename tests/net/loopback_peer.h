@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/logger.h"
+#include "support/log_lines.h"
 
 namespace net_test {
 
@@ -44,11 +44,6 @@ class Peer {
   bool WaitForEnd() {
     Read(SIZE_MAX);
     return ended_;
-  }
-  void Reset() {  // an abortive close: the other side sees a reset
-    linger option{1, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &option, sizeof option);
-    Close();
   }
   void Close() {
     if (fd_ >= 0) close(fd_);
@@ -118,30 +113,6 @@ class Events {
   std::condition_variable changed_;
 };
 
-// Collects every log line, as "TAG: message".
-class LogLines {
- public:
-  LogLines() {
-    VLLogSetCallback(Record, this);
-    VLLogSetLevel(VLLogLevelTrace);
-  }
-  ~LogLines() { VLLogSetCallback(nullptr, nullptr); }
-  bool Contains(const std::string &text) {
-    return lines_.Get([&] {
-      for (const std::string &line : all_) {
-        if (line.find(text) != std::string::npos) return true;
-      }
-      return false;
-    });
-  }
-
- private:
-  static void Record(uint32_t, const char *tag, const char *message, void *context) {
-    auto *self = static_cast<LogLines *>(context);
-    self->lines_.Update([&] { self->all_.push_back(std::string(tag) + ": " + message); });
-  }
-  Events lines_;
-  std::vector<std::string> all_;
-};
+using LogLines = testing_support::LogLines;
 
 }  // namespace net_test

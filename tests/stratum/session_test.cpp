@@ -36,38 +36,14 @@ struct PoolContext : StratumContext {
   StratumShareCounters *ShareCounters(uint64_t worker) override { return worker == 0 ? &counters : nullptr; }
 };
 
-// Every log line, for the state changes and the session's words.
-class LogLines {
- public:
-  LogLines() {
-    VLLogSetCallback(Record, this);
+// The state changes in the order they were logged.
+std::vector<std::string> States(const testing_support::LogLines &log) {
+  std::vector<std::string> states;
+  for (const auto &line : log.All()) {
+    if (line.message.rfind("Stratum state ", 0) == 0) states.push_back(line.message.substr(14));
   }
-  ~LogLines() { VLLogSetCallback(nullptr, nullptr); }
-  bool Has(const std::string &text) {
-    std::lock_guard<std::mutex> guard(lock_);
-    for (auto &line : lines_) {
-      if (line == text) return true;
-    }
-    return false;
-  }
-  std::vector<std::string> States() {
-    std::lock_guard<std::mutex> guard(lock_);
-    std::vector<std::string> states;
-    for (auto &line : lines_) {
-      if (line.rfind("Stratum state ", 0) == 0) states.push_back(line.substr(14));
-    }
-    return states;
-  }
-
- private:
-  static void Record(uint32_t, const char *, const char *message, void *self) {
-    auto *lines = static_cast<LogLines *>(self);
-    std::lock_guard<std::mutex> guard(lines->lock_);
-    lines->lines_.push_back(message);
-  }
-  std::mutex lock_;
-  std::vector<std::string> lines_;
-};
+  return states;
+}
 
 class SessionTest : public ::testing::Test {
  protected:
@@ -100,7 +76,7 @@ class SessionTest : public ::testing::Test {
     return false;
   }
 
-  LogLines log;
+  testing_support::LogLines log{VLLogLevelInfo};
   std::unique_ptr<TestPool> pool;
   PoolContext context;
   std::atomic<double> skipped{0};
@@ -119,7 +95,7 @@ TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
                                        "Connecting -> Subscribing", "Subscribing -> Subscribed",
                                        "Subscribed -> Authorizing", "Authorizing -> Authorized",
                                        "Authorized -> Mining"};
-  EXPECT_EQ(log.States(), expected);
+  EXPECT_EQ(States(log), expected);
   EXPECT_GE(context.jobGeneration.load(), 1u);
   EXPECT_FALSE(context.extranonce1.empty());
 }
@@ -151,10 +127,10 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     SCOPED_TRACE(c.line);
     context.link.retryDelay = 0;
     Start(c.pool);
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == c.stalledIn || log.Has(c.line); }));
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == c.stalledIn || log.Has("Miner", c.line); }));
     Skip(c.skip);
     ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
-    EXPECT_TRUE(log.Has(c.line));
+    EXPECT_TRUE(log.Has("Miner", c.line));
     // Tried again with a fresh client and a fresh subscribe.
     ASSERT_TRUE(PollUntil([&] { return Count(pool->ClientLines(), "mining.subscribe") == 2; }));
     StratumShutdown(context);
@@ -172,14 +148,14 @@ TEST_F(SessionTest, ASharesUnansweredAnswerAndTheOptionsLimitsEndTheConnection) 
   EXPECT_EQ(context.stratumState, Mining);  // within both limits
   Skip(16);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
-  EXPECT_TRUE(log.Has("The pool left a share unanswered for 30 s; reconnecting"));
+  EXPECT_TRUE(log.Has("Miner", "The pool left a share unanswered for 30 s; reconnecting"));
 
   context.link.silenceLimit = 20;
   Skip(2);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining; }));
   Skip(21);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
-  EXPECT_TRUE(log.Has("No line from the pool for 20 s; reconnecting"));
+  EXPECT_TRUE(log.Has("Miner", "No line from the pool for 20 s; reconnecting"));
 }
 
 TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {
@@ -229,7 +205,7 @@ TEST_F(SessionTest, PoolsThatAllRefuseAreLeftAtOnceUntilEachHasRefusedThenThePau
     EXPECT_GE(delays[i], longest[i - 1] / 2) << i;
     EXPECT_LE(delays[i], longest[i - 1]) << i;
   }
-  EXPECT_TRUE(log.Has("Pool refused authorisation for w.second: Unauthorized worker (24)"));
+  EXPECT_TRUE(log.Has("Miner", "Pool refused authorisation for w.second: Unauthorized worker (24)"));
 }
 
 TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
