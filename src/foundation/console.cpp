@@ -57,7 +57,9 @@ void *SignalThread(void *) {
 
 // Keys such as Delete, F5 or the arrows arrive as escape sequences
 // (ESC [ ... final, ESC O final): read whole and dropped, so that their
-// letters and digits never act as keys. The state carries over between reads.
+// letters and digits never act as keys. A sequence under way carries over to
+// the next read; an ESC that ends a read is the Esc key alone, and the key
+// after it counts.
 enum class EscapeState { None, Escape, Csi, Ss3 };
 EscapeState g_escape = EscapeState::None;
 
@@ -85,6 +87,7 @@ size_t DropEscapeSequences(char *keys, size_t count) {
         break;
     }
   }
+  if (g_escape == EscapeState::Escape) g_escape = EscapeState::None;
   return kept;
 }
 

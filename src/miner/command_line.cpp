@@ -262,7 +262,8 @@ void PrintUsage(FILE *out) {
           "\n"
           "Exit codes:\n"
           "  0  a normal end, a dump run, a recovery run, --help, --version\n"
-          "  1  bad or too few arguments, no board ready, an unknown algorithm, a watchdog termination\n");
+          "  1  bad or too few arguments, a log file that cannot be opened, a missing bitstreams/ folder,\n"
+          "     no board ready, an unknown algorithm, a watchdog termination\n");
 }
 
 void PrintVersion(FILE *out) {

@@ -142,11 +142,18 @@ std::mutex g_gateLock;
 std::condition_variable g_gate;
 bool g_gateOpen = false;
 bool g_answeredAfterAdd = false;
+int g_lookupsDone = 0;
 uint32_t GatedResolve(const char *, in_addr *addresses, uint32_t) {
   std::unique_lock<std::mutex> guard(g_gateLock);
-  g_answeredAfterAdd = g_gate.wait_for(guard, std::chrono::seconds(5), [] { return g_gateOpen; });
+  g_answeredAfterAdd = g_gate.wait_for(guard, std::chrono::seconds(30), [] { return g_gateOpen; });
+  g_lookupsDone++;
   inet_pton(AF_INET, "127.0.0.1", &addresses[0]);
   return 1;
+}
+void SetGate(bool open) {
+  std::lock_guard<std::mutex> guard(g_gateLock);
+  g_gateOpen = open;
+  g_gate.notify_all();
 }
 
 TEST(SocketSetResolve, ASlowResolverHoldsUpNeitherTheCallerNorTheClose) {
@@ -156,25 +163,22 @@ TEST(SocketSetResolve, ASlowResolverHoldsUpNeitherTheCallerNorTheClose) {
   ASSERT_TRUE(TRPSocketSetCreate(&set));
   // Returns while the lookup is still waiting at the gate.
   ASSERT_TRUE(TRPSocketSetAddSocket(set, "pool.test", 0, listener.Port(), kSocketTypeConnect, 1, false, 0));
-  {
-    std::lock_guard<std::mutex> guard(g_gateLock);
-    g_gateOpen = true;
-  }
-  g_gate.notify_all();
+  SetGate(true);
   EXPECT_TRUE(listener.Accept().Valid());
   EXPECT_TRUE(g_answeredAfterAdd);
 
-  // A set closed while its lookup hangs closes at once; the lookup ends alone.
-  g_gateOpen = false;
+  // A set closed while its lookup hangs closes without waiting for it; the
+  // lookup ends alone.
+  SetGate(false);
   TRPSocketSet *stuck = nullptr;
   ASSERT_TRUE(TRPSocketSetCreate(&stuck));
   ASSERT_TRUE(TRPSocketSetAddSocket(stuck, "pool.test", 0, listener.Port(), kSocketTypeConnect, 1, false, 0));
   TRPSocketSetClose(stuck);
   {
     std::lock_guard<std::mutex> guard(g_gateLock);
-    g_gateOpen = true;
+    EXPECT_EQ(g_lookupsDone, 1);
   }
-  g_gate.notify_all();
+  SetGate(true);
   TRPSocketSetClose(set);
   TRPSocketSetSetResolver(nullptr);
 }
