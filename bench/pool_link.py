@@ -33,6 +33,7 @@ CASES = {
     "split": (["--split-lines", "2", "--split-random", "--split-delay", "0.03"], None, None),
     "stalled-subscribe": ([], {"subscribe": "silent"}, None),
     "silent": ([], {"silent_after": 8}, 120),
+    "silent-no-shares": (["--difficulty", "1000"], {"silent_after": 8}, 120),
     "refused-login": ([], {"authorize": "error"}, None),
     "drops": (["--close-after", "12", "--resend-job", "--extranonce1", "a1a2a3a4"], None, None),
     "refused-connections": (["--refuse-for", "10"], None, None),
@@ -58,7 +59,8 @@ def seconds_of(stamp):
 
 
 def silence_detected_after(log):
-    """Seconds from the pool's last line to the miner's verdict that it went silent."""
+    """Seconds from the pool's last line to the miner's verdict that it went
+    silent (no line for a while, or a share left unanswered), and which."""
     last_line = None
     for line in log:
         stamp = STAMP.match(line)
@@ -66,8 +68,10 @@ def silence_detected_after(log):
             continue
         if b"Received Message" in line:
             last_line = seconds_of(stamp.group(1))
-        elif b"No line from the pool for" in line and last_line is not None:
-            return seconds_of(stamp.group(1)) - last_line
+        elif last_line is not None:
+            for text, cause in ((b"No line from the pool for", "no line"), (b"left a share unanswered", "share")):
+                if text in line:
+                    return seconds_of(stamp.group(1)) - last_line, cause
     return None
 
 
@@ -122,12 +126,12 @@ def main():
     parser.add_argument("--cases", default=",".join(CASES))
     options = parser.parse_args()
     print(f"{'case':<20} {'s':>4} {'accepted':>8} {'rejected':>8} {'dupl.':>5} {'submits':>7} "
-          f"{'conns':>5} {'reconn.':>7} {'silence found after':>19}")
+          f"{'conns':>5} {'reconn.':>7} {'silence found after':>21}")
     for name in options.cases.split(","):
         r = run(name, options.seconds)
-        silence = f"{r['silence']:.1f} s" if r["silence"] is not None else "-"
+        silence = f"{r['silence'][0]:.1f} s ({r['silence'][1]})" if r["silence"] is not None else "-"
         print(f"{name:<20} {r['seconds']:>4.0f} {r['accepted']:>8} {r['rejected']:>8} {r['duplicate']:>5} "
-              f"{r['submits']:>7} {r['connections']:>5} {r['reconnects']:>7} {silence:>19}")
+              f"{r['submits']:>7} {r['connections']:>5} {r['reconnects']:>7} {silence:>21}")
         sys.stdout.flush()
 
 
