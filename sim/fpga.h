@@ -77,8 +77,8 @@ class Fpga {
   double VrmTemperature() const;
   double VccInt() const;
   // The highest clock that still gives correct nonces: the board list's
-  // max_clock, or one from the temperature and VCCINT (250 MHz for a cool
-  // board at its nominal voltage).
+  // max_clock, or the model's limit for a cool board at its nominal voltage,
+  // lowered by heat and by a sagging VCCINT.
   double MaxGoodClockHz() const;
   // True for the sensor reads that the sensor_glitch fault spoils.
   bool SensorGlitch();

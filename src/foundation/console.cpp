@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 
 #include "foundation/compat.h"
@@ -58,12 +59,16 @@ void *SignalThread(void *) {
 // Keys such as Delete, F5 or the arrows arrive as escape sequences
 // (ESC [ ... final, ESC O final): read whole and dropped, so that their
 // letters and digits never act as keys. A sequence under way carries over to
-// the next read; an ESC that ends a read is the Esc key alone, and the key
-// after it counts.
+// the next read; an ESC that ended a read and had nothing after it for a
+// moment was the Esc key alone, and the key after it counts.
 enum class EscapeState { None, Escape, Csi, Ss3 };
 EscapeState g_escape = EscapeState::None;
+std::chrono::steady_clock::time_point g_escapeAt;
+constexpr auto kLoneEscape = std::chrono::milliseconds(50);
 
 size_t DropEscapeSequences(char *keys, size_t count) {
+  auto now = std::chrono::steady_clock::now();
+  if (g_escape == EscapeState::Escape && now - g_escapeAt > kLoneEscape) g_escape = EscapeState::None;
   size_t kept = 0;
   for (size_t i = 0; i < count; i++) {
     auto byte = static_cast<unsigned char>(keys[i]);
@@ -87,7 +92,7 @@ size_t DropEscapeSequences(char *keys, size_t count) {
         break;
     }
   }
-  if (g_escape == EscapeState::Escape) g_escape = EscapeState::None;
+  g_escapeAt = now;
   return kept;
 }
 

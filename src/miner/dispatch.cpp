@@ -176,6 +176,9 @@ void LoadJob(WorkerLoop &loop, MiningContext &context, Worker &worker) {
 
 void CollectNonces(WorkerLoop &loop, MiningContext &context, Worker &worker) {
   BRYLDMADevice *device = worker.device.get();
+  // A board that fell off the bus reports nothing real while it is ramped
+  // down; reading on would log an all-ones nonce every pass.
+  if (loop.crashCount >= kCrashReports) return;
   for (const JobSlot &slot : loop.slots) {
     uint32_t control = BRYLDMADeviceRead(device, Registers(device), slot.base + kSlotControl);
     uint32_t flags = (control & kSlotFlagsMask) >> 12;

@@ -127,11 +127,12 @@ bool StratumFailOver(StratumContext &context) {
   link.mined = false;
   std::string reason;
   reason.swap(link.giveUpReason);
+  // A connection that mined starts a new round of the pools.
+  if (mined) link.switchesSinceMined = 0;
   if (mined && reason.empty()) {
     link.failuresInARow = 0;
     return false;
   }
-  if (mined) link.switchesSinceMined = 0;
   if (!mined) link.failuresInARow++;
   if (reason.empty() && link.failuresInARow >= kFailuresBeforeSwitch) {
     reason = "its connection failed " + std::to_string(kFailuresBeforeSwitch) + " times in a row";

@@ -391,6 +391,7 @@ void ReconnectAtOnce(StratumContext &context, double now) {
   StratumSetState(context, Disconnected);
   link.mined = false;
   link.failuresInARow = 0;
+  link.switchesSinceMined = 0;
   link.retryDelay = 0;
   link.retryAt = now;
 }
@@ -479,6 +480,7 @@ void StratumPoll(StratumContext &context) {
         // A new pool is tried at once; once every pool has failed since the
         // last session that mined, the pauses grow as for one pool.
         if (StratumFailOver(context) && link.switchesSinceMined < context.pools.size()) {
+          link.retryDelay = 0;
           link.retryAt = now;
         } else {
           ScheduleRetry(link, now);

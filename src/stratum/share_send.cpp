@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "net/json_rpc.h"
 #include "stratum/share.h"
 
@@ -29,23 +27,17 @@ void SendShare(StratumContext &context, const StratumJob &job, const char *nonce
     VLObjectRelease(value);
   }
   StratumLink &link = context.link;
-  uint64_t number;
+  bool sent;
   {
-    // Booked before the line leaves, so that a fast answer finds it.
+    // Booked and queued under one lock: shares leave in the order of the
+    // list, so each answer finds its own share, and a fast answer finds it
+    // booked. Queuing never waits on the network.
     std::lock_guard<std::mutex> guard(link.pendingLock);
-    number = ++link.sharesBooked;
-    link.pendingShares.push_back({link.clock(), worker, job.pool, job.difficulty, job.link, number});
+    link.pendingShares.push_back({link.clock(), worker, job.pool, job.difficulty, job.link});
+    sent = VLJsonRpcClientSend(client.get(), submit);
+    // Closed meanwhile: no answer will come.
+    if (!sent) link.pendingShares.pop_back();
   }
-  if (!VLJsonRpcClientSend(client.get(), submit)) {
-    // Closed meanwhile: no answer will come, and the share is lost.
-    {
-      std::lock_guard<std::mutex> guard(link.pendingLock);
-      auto &pending = link.pendingShares;
-      pending.erase(std::remove_if(pending.begin(), pending.end(),
-                                   [number](const PendingShare &share) { return share.number == number; }),
-                    pending.end());
-    }
-    CountDroppedShare(context);
-  }
+  if (!sent) CountDroppedShare(context);
   VLJsonRpcMessageRelease(submit);
 }

@@ -42,8 +42,7 @@ struct PendingShare {
   uint64_t worker = 0;
   uint32_t pool = 0;
   double difficulty = 0;
-  uint64_t link = 0;    // the connection it was sent on
-  uint64_t number = 0;  // counts the run's shares, to tell entries apart
+  uint64_t link = 0;  // the connection it was sent on
 };
 
 // How the link keeps itself alive: its time limits and the state its upkeep
@@ -66,7 +65,6 @@ struct StratumLink {
   // connection are stale and skipped.
   std::mutex pendingLock;
   std::deque<PendingShare> pendingShares;
-  uint64_t sharesBooked = 0;  // under pendingLock
   // Shares found since the connection was lost, told once at reconnect.
   std::atomic<uint64_t> droppedSinceLoss{0};
   Relaxed<bool> connectedBefore;

@@ -66,8 +66,6 @@ class SetupRunTest : public ::testing::Test {
     return capture_->Out().substr(outBefore) + capture_->Err().substr(errBefore);
   }
 
-  std::string Log() { return capture_->Out() + capture_->Err(); }
-
   uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
 
   RunStateGuard runState_;

@@ -1,6 +1,7 @@
 // The monitoring server's limits against real loop-back clients, and the
 // effective rate's windows.
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <cmath>
 #include <string>
@@ -58,17 +59,45 @@ TEST(MonitorServerTest, FullSilentOrFloodingClientsAreCutOffUnanswered) {
   EXPECT_TRUE(asking.WaitForEnd());
 }
 
+// The TCP state of our end: established while the server holds the
+// connection, close-wait once the server has closed it.
+int TcpState(int fd) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 ? info.tcpi_state : -1;
+}
+
 TEST(MonitorServerTest, AClientThatDoesNotReadItsAnswerHoldsUpNoOther) {
-  // Answers far larger than a socket's buffers, and a limit longer than the
-  // readers wait: a server that sent inline would serve nobody meanwhile.
+  // Answers far larger than a socket's buffers and a long limit: a server
+  // that sent inline would serve the reader only after giving up on the
+  // stalled client.
   constexpr size_t kAnswer = 16 << 20;
   Server large(kAnswer, {4, 1024, 120});
-  Peer stalled = Connect(large.server.Port());
-  stalled.Write("devs\n");
+  int stalled = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = net_test::Loopback(large.server.Port());
+  ASSERT_EQ(connect(stalled, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  ASSERT_EQ(send(stalled, "devs\n", 5, 0), 5);
   Peer reader = Connect(large.server.Port());
   reader.Write("devs\n");
   EXPECT_EQ(reader.Read(kAnswer).size(), kAnswer);
   EXPECT_TRUE(reader.WaitForEnd());
+  EXPECT_EQ(TcpState(stalled), TCP_ESTABLISHED);  // still being served
+  close(stalled);
+}
+
+TEST(MonitorServerTest, APortAloneListensOnThisMachineOnly) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"4028", "127.0.0.1"}, {":4028", "127.0.0.1"}, {"0.0.0.0:4028", "0.0.0.0"}, {"localhost:4028", "localhost"}};
+  for (const auto &[text, host] : rows) {
+    std::string split;
+    uint16_t port = 0;
+    ASSERT_TRUE(SplitHostPort(text, split, port)) << text;
+    EXPECT_EQ(split, host) << text;
+    EXPECT_EQ(port, 4028) << text;
+  }
+  std::string error;
+  EXPECT_FALSE(CheckListenAddress("pool.example:4028", error));
+  EXPECT_FALSE(CheckListenAddress("127.0.0.1:70000", error));
 }
 
 TEST(EffectiveRateTest, AcceptedSharesStandForTheirDifficultyOverEachWindow) {

@@ -9,6 +9,7 @@
 #include "foundation/json.h"
 #include "loopback_peer.h"
 #include "net/socket_set_record.h"
+#include "net/tls_link.h"
 
 namespace {
 
@@ -196,6 +197,25 @@ TEST_F(JsonRpcClientTest, LossIsReportedOnceAndDestroyAfterItIsHarmless) {
   VLJsonRpcClientDestroy(client);
   client = nullptr;
   EXPECT_EQ(record.disconnected, 1);
+}
+
+// A peer that answers the TLS handshake in plain text: one line naming the
+// peer and the reason, one loss and no connection; the owner may destroy
+// the client as soon as it hears of the loss.
+TEST_F(JsonRpcClientTest, ARefusedTlsHandshakeIsOneLossAndOneLine) {
+  net_test::LogLines log;
+  TlsSettings settings;
+  settings.serverName = "127.0.0.1";
+  ASSERT_TRUE(VLJsonRpcClientConnectTls(client, Text("127.0.0.1").get(), listener.Port(), settings));
+  Peer peer = listener.Accept();
+  EXPECT_FALSE(peer.Read(1).empty());  // the client's first flight
+  peer.Write("HTTP/1.0 400 Bad Request\r\n\r\n");
+  ASSERT_TRUE(record.events.WaitFor([&] { return record.disconnected == 1; }));
+  VLJsonRpcClientDestroy(client);
+  client = nullptr;
+  EXPECT_EQ(record.connected, 0);
+  EXPECT_EQ(record.disconnected, 1);
+  EXPECT_EQ(log.Count("TLS with 127.0.0.1:" + std::to_string(listener.Port()) + " failed: "), 1u);
 }
 
 TEST_F(JsonRpcClientTest, DestroyFromInsideTheMessageCallbackEndsTheConnection) {

@@ -77,6 +77,20 @@ class SessionTest : public ::testing::Test {
   }
 
   testing_support::LogLines log{VLLogLevelInfo};
+  // The waits the session schedules before its next `count` attempts, each
+  // skipped on the link's clock.
+  std::vector<double> RetryWaits(int count) {
+    std::vector<double> waits;
+    for (int attempt = 0; attempt < count; attempt++) {
+      if (!PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; })) break;
+      double wait = std::max(0.0, context.link.retryAt - context.link.clock());
+      waits.push_back(wait);
+      size_t attempts = Attempts();
+      Skip(wait);
+      if (!PollUntil([&] { return Attempts() > attempts; })) break;
+    }
+    return waits;
+  }
   // Connection attempts so far; an attempt may fail before a poll sees it.
   size_t Attempts() {
     std::vector<std::string> states = States(log);
@@ -167,15 +181,8 @@ TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {
   Start({"--notify-interval", "600"});
   uint16_t port = context.poolPort;
   context.poolPort = net_test::ClosedPort();
-  std::vector<double> delays;
-  for (int attempt = 0; attempt < 8; attempt++) {
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
-    double now = context.link.clock();
-    delays.push_back(context.link.retryAt - now);
-    size_t attempts = Attempts();
-    Skip(context.link.retryAt - now);
-    ASSERT_TRUE(PollUntil([&] { return Attempts() > attempts; }));
-  }
+  std::vector<double> delays = RetryWaits(8);
+  ASSERT_EQ(delays.size(), 8u);
   const double longest[] = {1, 2, 4, 8, 16, 32, 60, 60};
   for (size_t i = 0; i < delays.size(); i++) {
     EXPECT_GE(delays[i], longest[i] / 2) << i;
@@ -197,15 +204,8 @@ TEST_F(SessionTest, PoolsThatAllRefuseAreLeftAtOnceUntilEachHasRefusedThenThePau
   Start({"--authorize", "error", "--notify-interval", "600"});
   for (const char *user : {"w.first", "w.second"}) context.pools.push_back({"127.0.0.1", context.poolPort, user, "x"});
   StratumUsePool(context, 0);
-  std::vector<double> delays;
-  for (int attempt = 0; attempt < 5; attempt++) {
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
-    double wait = std::max(0.0, context.link.retryAt - context.link.clock());
-    delays.push_back(wait);
-    size_t attempts = Attempts();
-    Skip(wait);
-    ASSERT_TRUE(PollUntil([&] { return Attempts() > attempts; }));
-  }
+  std::vector<double> delays = RetryWaits(5);
+  ASSERT_EQ(delays.size(), 5u);
   EXPECT_LT(delays[0], 0.5);  // the second pool at once
   const double longest[] = {1, 2, 4, 8};
   for (size_t i = 1; i < delays.size(); i++) {
@@ -213,6 +213,21 @@ TEST_F(SessionTest, PoolsThatAllRefuseAreLeftAtOnceUntilEachHasRefusedThenThePau
     EXPECT_LE(delays[i], longest[i - 1]) << i;
   }
   EXPECT_TRUE(log.Has("Miner", "Pool refused authorisation for w.second: Unauthorized worker (24)"));
+}
+
+// A connection that mined starts a new round: the next refusal moves on at once.
+TEST_F(SessionTest, ARefusalAfterASessionThatMinedMovesOnAtOnce) {
+  std::string script = testing::TempDir() + "ombry-round-" + std::to_string(getpid()) + ".json";
+  std::ofstream(script) << R"({"connections":[{"authorize":"error"},{"close_at":0.5},{"authorize":"error"}]})";
+  Start({"--script", script, "--notify-interval", "600"});
+  for (const char *user : {"w.first", "w.second"}) context.pools.push_back({"127.0.0.1", context.poolPort, user, "x"});
+  StratumUsePool(context, 0);
+  std::vector<double> delays = RetryWaits(3);  // refused, mined and closed, refused
+  std::remove(script.c_str());
+  ASSERT_EQ(delays.size(), 3u);
+  EXPECT_LT(delays[0], 0.5);
+  EXPECT_GE(delays[1], 0.5);  // the same pool again, after a pause
+  EXPECT_LT(delays[2], 0.5);
 }
 
 TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
