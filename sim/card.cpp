@@ -369,14 +369,15 @@ std::string Card::Describe() {
     const Faults &faults = setup.faults;
     snprintf(line, sizeof line,
              "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
-             " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s\n",
+             " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s%s\n",
              spec_.name.c_str(), i, setup.model, setup.layout, setup.bitstream, fpga->HashClockHz(),
              fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(),
              fpga->VccInt(), faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
              faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",
              faults.vrmTemperature ? " vrm_hot" : "", faults.vccintSag > 0 ? " sag" : "",
              faults.mmcmStuck ? " mmcm_stuck" : "", faults.flashStuck ? " flash_stuck" : "",
-             faults.eraseError ? " erase_error" : "", faults.programError ? " program_error" : "");
+             faults.eraseError ? " erase_error" : "", faults.programError ? " program_error" : "",
+             faults.wornCells ? " worn" : "");
     text += line;
     if (const HashCoreBlock *core = fpga->HashCore()) {
       const HashCoreBlock::SearchStats &stats = core->Stats();

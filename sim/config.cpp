@@ -161,7 +161,7 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     return true;
   }
   if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck" ||
-      key == "flash_stuck" || key == "erase_error" || key == "program_error") {
+      key == "flash_stuck" || key == "erase_error" || key == "program_error" || key == "worn") {
     if (!ParseBool(value, &flag)) return BadValue(error, key, value);
     if (key == "read_fail") faults.readFail = flag;
     if (key == "read_error") faults.readError = flag;
@@ -170,6 +170,7 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     if (key == "flash_stuck") faults.flashStuck = flag;
     if (key == "erase_error") faults.eraseError = flag;
     if (key == "program_error") faults.programError = flag;
+    if (key == "worn") faults.wornCells = flag;
     return true;
   }
   if (key == "hot" || key == "vrm_hot") {

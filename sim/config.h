@@ -41,6 +41,7 @@ struct Faults {
   bool flashStuck = false;    // the flash chip reads busy for ever
   bool eraseError = false;    // a sector erase sets the erase error bit
   bool programError = false;  // a page program sets the program error bit
+  bool wornCells = false;     // a page program leaves its last byte as it was, with no error bit
   // The hash core's reports: this share of them (0 to 1) replaced by values
   // that no core found, or every one of them reported as all ones.
   double invalidNonces = 0.0;

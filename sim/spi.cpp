@@ -216,7 +216,10 @@ void FlashChip::Execute(const FpgaSpec &setup) {
       uint64_t base = (address_ & ~uint64_t(kPageBytes - 1)) % size_;
       uint8_t *contents = Contents();
       // A failing program leaves the second half of the page as it was.
-      uint32_t programmed = setup.faults.programError ? kPageBytes / 2 : kPageBytes;
+      // Worn cells fail silently: only a read back finds them.
+      uint32_t programmed = setup.faults.programError ? kPageBytes / 2
+                            : setup.faults.wornCells  ? kPageBytes - 1
+                                                      : kPageBytes;
       for (uint32_t i = 0; i < programmed; i++) contents[base + i] &= page_[i];
       Persist(base, kPageBytes);
       startBusy(setup.flash.programBusyPolls);

@@ -135,6 +135,7 @@ TEST_F(FlashDeviceTest, FailuresAreNeverReportedAsSuccess) {
        "error while writing"},
       {"xdma0 model=7 flash_size=0x800000 erase_error=1", 4096, 1, true, FlashOutcome::Incomplete,
        "error while erasing"},
+      {"xdma0 model=7 flash_size=0x800000 worn=1", 4096, 2, true, FlashOutcome::Incomplete, "read back differently"},
       {"xdma0 model=7 flash_size=0x800000 flash_stuck=1", 4096, 1, true, FlashOutcome::NotStarted,
        "Timeout waiting for flash ready"},
   };

@@ -241,6 +241,7 @@ TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
                                      !context.CurrentJob()->jobId.empty(); }));
   EXPECT_GT(context.CurrentJob()->nonceCounter.load(), before);
+  EXPECT_EQ(context.reconnects.load(), 1u);
   // A share of the earlier connection's job is not the new session's to send.
   SendShare(context, *earlier, "00", 0);
   EXPECT_EQ(context.sharesDroppedWhileDisconnected.load(), 1u);
