@@ -30,8 +30,11 @@ std::string ReadFile(const std::filesystem::path &path) {
 TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
   MinerRun run(kTwoBoards, kEasyPool);
   ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 6 && run.SubmittedJobs().size() >= 2; }))
-      << run.Output();
+  // Both boards find shares (the slower one may take a while under a sanitizer).
+  ASSERT_TRUE(run.Until([&] {
+    return run.Pool("accepted") >= 6 && run.SubmittedJobs().size() >= 2 && run.Count("Worker 1 - YAY") >= 1 &&
+           run.Count("Worker 2 - YAY") >= 1;
+  })) << run.Output();
 
   // Searches all but stop; once the answers in flight are in, the table and
   // the pool agree.
@@ -47,8 +50,6 @@ TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
   EXPECT_EQ(run.Child().Wait(), 0);
   EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u) << run.PoolProcess().Stats();
   EXPECT_EQ(run.Count("share was invalid"), 0u);
-  EXPECT_GE(run.Count("Worker 1 - YAY"), 1u);
-  EXPECT_GE(run.Count("Worker 2 - YAY"), 1u);
   EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
   EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
 }
