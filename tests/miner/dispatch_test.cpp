@@ -19,7 +19,7 @@ TEST(RefreshPeriodTest, TrimsAtTheBoundaries) {
   constexpr uint64_t kCores = 1000000;  // keeps the arithmetic exact
   EXPECT_EQ(RefreshPeriodMs(RateForPeriod(1000, kCores), kCores), 950u);
   EXPECT_EQ(RefreshPeriodMs(RateForPeriod(1020, kCores), kCores), 520u);
-  EXPECT_EQ(RefreshPeriodMs(RateForPeriod(85, kCores), kCores), 35u);
+  EXPECT_EQ(RefreshPeriodMs(RateForPeriod(71, kCores), kCores), 21u);
   EXPECT_EQ(RefreshPeriodMs(RateForPeriod(51, kCores), kCores), 51u);
   EXPECT_EQ(RefreshPeriodMs(RateForPeriod(15, kCores), kCores), 20u);
   // 200 MHz on 20 cores: 21474 ms less 500.

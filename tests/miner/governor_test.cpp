@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -20,18 +22,10 @@ const Worker &MakeWorker(BoardModel model) {
 }
 
 TEST(GovernorTablesTest, ClocksMultipliersAndCoresFollowTheModel) {
-  EXPECT_EQ(RefClockHz(MakeWorker(1)), 300000000u);
-  EXPECT_EQ(RefClockHz(MakeWorker(10)), 125000000u);
-  EXPECT_EQ(RefClockHz(MakeWorker(6)), 200000000u);
-  EXPECT_EQ(RefClockHz(MakeWorker(3)), 125000000u);
-  EXPECT_EQ(MmcmMultiplier(MakeWorker(1)), 16);
-  EXPECT_EQ(MmcmMultiplier(MakeWorker(8)), 9);
-  EXPECT_EQ(MmcmMultiplier(MakeWorker(2)), 0);
-  EXPECT_EQ(CoreCount(10), 20u);
-  EXPECT_EQ(CoreCount(7), 10u);
-  EXPECT_EQ(CoreCount(8), 5u);
-  EXPECT_EQ(CoreCount(5), 3u);
-  EXPECT_EQ(CoreCount(4), 1u);
+  for (auto [model, hz] : {std::pair{1u, 300000000u}, {10u, 125000000u}, {6u, 200000000u}, {3u, 125000000u}})
+    EXPECT_EQ(RefClockHz(MakeWorker(model)), hz);
+  for (auto [model, times] : {std::pair{1u, 16}, {8u, 9}, {2u, 0}}) EXPECT_EQ(MmcmMultiplier(MakeWorker(model)), times);
+  for (auto [model, count] : {std::pair{10u, 20u}, {7u, 10u}, {8u, 5u}, {5u, 3u}, {4u, 1u}}) EXPECT_EQ(CoreCount(model), count);
   EXPECT_DOUBLE_EQ(CookingVccintLimit(MakeWorker(2)), 0.75);
   EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(2)), 0.8);
   EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(10)), 0.0);
@@ -53,7 +47,7 @@ TEST(GovernorTablesTest, TuningStepsOnlyWhileEnabledAndActive) {
 TEST(ThermalRuleTest, ThrottleRisesWhileCookingAndFallsOnlyPastTheDeadBand) {
   ThermalLimits wide{0.75, 0.8};
   SensorReadings cool{70.0, 90.0, 0.85};
-  SensorReadings hot{86.0, 90.0, 0.85};
+  SensorReadings hot{85.5, 90.0, 0.85};
   SensorReadings warm{82.0, 90.0, 0.85};      // dead band: neither cooking nor recovered
   SensorReadings vrmEdge{70.0, 105.0, 0.85};  // exactly 105 isn't cooking
   SensorReadings vrmNoRecovery{70.0, 98.0, 0.85};
@@ -71,6 +65,13 @@ TEST(ThermalRuleTest, ThrottleRisesWhileCookingAndFallsOnlyPastTheDeadBand) {
   // The throttle stops growing once it covers the whole target.
   EXPECT_EQ(NextThrottleMHz(hot, wide, 100, 100000000), 100u);
   EXPECT_EQ(NextThrottleMHz(hot, wide, 99, 100000000), 100u);
+}
+
+TEST(SensorValidityTest, AReadingTheHardwareCannotGiveIsNone) {
+  for (double celsius : {-279.4, -40.5, 125.5}) EXPECT_TRUE(std::isnan(ValidCoreTemperature(celsius))) << celsius;
+  for (double volts : {0.0, 0.49, 1.51}) EXPECT_TRUE(std::isnan(ValidVccint(volts))) << volts;
+  EXPECT_EQ(ValidCoreTemperature(125.0), 125.0);
+  EXPECT_EQ(ValidVccint(0.5), 0.5);
 }
 
 TEST(ClockWalkTest, StepsUpToTheTargetAndOvershootsOnTheWayDown) {
