@@ -157,7 +157,10 @@ class MiningRig {
     serve.join();
     WaitFor([&] { return context_.stratumState == Mining; });
     pool_.Notify(0);
-    WaitFor([&] { auto job = context_.CurrentJob(); return job && !job->jobId.empty(); });
+    WaitFor([&] {
+      auto job = context_.CurrentJob();
+      return job && !job->jobId.empty();
+    });
 
     for (int i = 0; i < boards; i++) {
       auto worker = std::make_unique<Worker>();
@@ -240,7 +243,8 @@ void NotifyToJobLoad(benchmark::State &state) {
   for (auto _ : state) {
     // The header of the coming job, to know its midstate in advance.
     char headerText[65];
-    for (int i = 0; i < 8; i++) snprintf(headerText + 8 * i, 9, "%08x", serial * 2654435761u + static_cast<uint32_t>(i));
+    for (int i = 0; i < 8; i++)
+      snprintf(headerText + 8 * i, 9, "%08x", serial * 2654435761u + static_cast<uint32_t>(i));
     auto expected = std::make_shared<StratumJob>();
     for (int i = 0; i < 32; i++) {
       unsigned byte;
@@ -310,7 +314,8 @@ void FlagToSubmit(benchmark::State &state) {
       uint32_t block[4];
       auto readBlock = [&](uint32_t words[4]) {
         card.WithFpga(0, [&](sim::Fpga *fpga) {
-          for (uint32_t i = 0; i < 4; i++) words[i] = fpga->HashCore()->Latched(sim::HashCoreBlock::kNonceBlock + 4 * i);
+          for (uint32_t i = 0; i < 4; i++)
+            words[i] = fpga->HashCore()->Latched(sim::HashCoreBlock::kNonceBlock + 4 * i);
           return 0;
         });
       };

@@ -101,23 +101,24 @@ void Scrape(benchmark::State &state, TcpServer::Complete complete, TcpServer::An
 
 void BM_ApiDevsScrapeOverLoopback(benchmark::State &state) {
   ApiActions actions = NoActions();
-  Scrape(state, ApiRequestComplete,
-         [&](const std::string &request, const std::string &) {
-           return ApiReply(request, false, TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), actions,
-                           "ombry-miner", 0);
-         },
-         "{\"command\":\"devs\"}");
+  Scrape(
+      state, ApiRequestComplete,
+      [&](const std::string &request, const std::string &) {
+        return ApiReply(request, false, TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), actions,
+                        "ombry-miner", 0);
+      },
+      "{\"command\":\"devs\"}");
 }
 BENCHMARK(BM_ApiDevsScrapeOverLoopback)->Unit(benchmark::kMicrosecond);
 
 void BM_MetricsScrapeOverLoopback(benchmark::State &state) {
-  Scrape(state, HttpRequestComplete,
-         [](const std::string &request, const std::string &) {
-           return MetricsHttpAnswer(request, [] {
-             return MetricsText(TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), "1");
-           });
-         },
-         "GET /metrics HTTP/1.1\r\nHost: rig\r\n\r\n");
+  Scrape(
+      state, HttpRequestComplete,
+      [](const std::string &request, const std::string &) {
+        return MetricsHttpAnswer(
+            request, [] { return MetricsText(TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), "1"); });
+      },
+      "GET /metrics HTTP/1.1\r\nHost: rig\r\n\r\n");
 }
 BENCHMARK(BM_MetricsScrapeOverLoopback)->Unit(benchmark::kMicrosecond);
 

@@ -53,8 +53,7 @@ class Peer {
   void Serve() {
     std::string buffer(1 << 16, '\0');
     pollfd entry{listener_, POLLIN, 0};
-    while (!stop_ && poll(&entry, 1, 50) <= 0) {
-    }
+    while (!stop_ && poll(&entry, 1, 50) <= 0) {}
     if (stop_) return;
     int fd = accept(listener_, nullptr, nullptr);
     pollfd peer{fd, POLLIN, 0};

@@ -285,8 +285,9 @@ void MapStandardBlocks(Fpga &fpga) {
   bool layout1 = fpga.Layout1();
   fpga.Map(0x0000, 0x1000, std::make_unique<IdentityBlock>(fpga));
   if (!layout1) {
-    fpga.Map(0x1000, 0x1000, std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{
-                                 {0x000, setup.dna[0]}, {0x008, setup.dna[1]}}));
+    fpga.Map(
+        0x1000, 0x1000,
+        std::make_unique<ConstantBlock>(std::map<uint32_t, uint32_t>{{0x000, setup.dna[0]}, {0x008, setup.dna[1]}}));
   }
   if (!layout1 || setup.wide) fpga.Map(0x2000, 0x1000, std::make_unique<BoardControlBlock>(fpga));
   if (setup.wide) {

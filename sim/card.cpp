@@ -240,8 +240,10 @@ int64_t Card::ReadMemory(uint64_t address, uint8_t *buffer, uint64_t size) {
     uint64_t offset = at % kPageBytes;
     uint64_t chunk = std::min(size - done, kPageBytes - offset);
     auto it = memory_.find(at / kPageBytes);
-    if (it == memory_.end()) memset(buffer + done, 0, chunk);
-    else memcpy(buffer + done, it->second->data() + offset, chunk);
+    if (it == memory_.end())
+      memset(buffer + done, 0, chunk);
+    else
+      memcpy(buffer + done, it->second->data() + offset, chunk);
     done += chunk;
   }
   return static_cast<int64_t>(size);
@@ -358,8 +360,8 @@ std::string Card::Describe() {
   std::lock_guard<std::mutex> guard(lock_);
   std::string text;
   char line[512];
-  snprintf(line, sizeof line, "%s user=%d h2c=%d c2h=%d channels=%u streaming=%d\n", spec_.name.c_str(),
-           spec_.userFile, spec_.h2c, spec_.c2h, spec_.channels, spec_.streaming);
+  snprintf(line, sizeof line, "%s user=%d h2c=%d c2h=%d channels=%u streaming=%d\n", spec_.name.c_str(), spec_.userFile,
+           spec_.h2c, spec_.c2h, spec_.channels, spec_.streaming);
   text += line;
   for (uint32_t i = 0; i < kMaxFpgas; i++) {
     Fpga *fpga = fpgas_[i].get();
@@ -371,8 +373,8 @@ std::string Card::Describe() {
              "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
              " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s%s\n",
              spec_.name.c_str(), i, setup.model, setup.layout, setup.bitstream, fpga->HashClockHz(),
-             fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(),
-             fpga->VccInt(), faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
+             fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(), fpga->VccInt(),
+             faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
              faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",
              faults.vrmTemperature ? " vrm_hot" : "", faults.vccintSag > 0 ? " sag" : "",
              faults.mmcmStuck ? " mmcm_stuck" : "", faults.flashStuck ? " flash_stuck" : "",
@@ -383,7 +385,7 @@ std::string Card::Describe() {
       const HashCoreBlock::SearchStats &stats = core->Stats();
       const char *engine = setup.search.engine == SearchEngine::Own      ? "own"
                            : setup.search.engine == SearchEngine::Shared ? "shared"
-                                                                        : "off";
+                                                                         : "off";
       snprintf(line, sizeof line,
                "    search engine=%s ratecap=%g skew=%s held=%d position=%llu hashes=%llu reported=%llu"
                " dropped=%llu flags=0x%x invalid_nonces=%g ones_nonces=%d\n",

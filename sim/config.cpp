@@ -160,8 +160,8 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     if (key == "max_clock") fpga.maxClockMHz = number;
     return true;
   }
-  if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck" ||
-      key == "flash_stuck" || key == "erase_error" || key == "program_error" || key == "worn") {
+  if (key == "read_fail" || key == "read_error" || key == "all_ones" || key == "mmcm_stuck" || key == "flash_stuck" ||
+      key == "erase_error" || key == "program_error" || key == "worn") {
     if (!ParseBool(value, &flag)) return BadValue(error, key, value);
     if (key == "read_fail") faults.readFail = flag;
     if (key == "read_error") faults.readError = flag;
@@ -210,15 +210,15 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
     faults = Faults{};
     return true;
   }
-  double *field = key == "sag"        ? &faults.vccintSag
-                  : key == "ambient"  ? &thermal.ambient
-                  : key == "heat"     ? &thermal.coreHeat
-                  : key == "vrmheat"  ? &thermal.vrmHeat
-                  : key == "lag"      ? &thermal.lagSeconds
-                  : key == "vccint"   ? &thermal.vccintNominal
-                  : key == "sagrate"  ? &thermal.vccintSagRate
-                  : key == "vccaux"   ? &thermal.vccaux
-                                      : nullptr;
+  double *field = key == "sag"       ? &faults.vccintSag
+                  : key == "ambient" ? &thermal.ambient
+                  : key == "heat"    ? &thermal.coreHeat
+                  : key == "vrmheat" ? &thermal.vrmHeat
+                  : key == "lag"     ? &thermal.lagSeconds
+                  : key == "vccint"  ? &thermal.vccintNominal
+                  : key == "sagrate" ? &thermal.vccintSagRate
+                  : key == "vccaux"  ? &thermal.vccaux
+                                     : nullptr;
   if (!field) return Fail(error, "unknown setting: " + key);
   if (!ParseDouble(value, &number)) return BadValue(error, key, value);
   if (key == "lag" && number < 0) return BadValue(error, key, value);
@@ -279,8 +279,10 @@ bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string 
     if (!ParseU32(value, &number)) return BadValue(error, key, value);
     if (key == "mult" && number > 0xFF) return BadValue(error, key, value);
     if (key == "divclk" && number > 0xFF) return BadValue(error, key, value);
-    (key == "layout" ? fpga.layout : key == "cores" ? fpga.cores : key == "mult" ? fpga.multiplier
-                                                                                    : fpga.inputDivider) = number;
+    (key == "layout"  ? fpga.layout
+     : key == "cores" ? fpga.cores
+     : key == "mult"  ? fpga.multiplier
+                      : fpga.inputDivider) = number;
     return true;
   }
   if (key == "flash" || key == "ckb_image") {
@@ -303,10 +305,14 @@ bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string 
     return true;
   }
   if (key == "engine") {
-    if (value == "own") fpga.search.engine = SearchEngine::Own;
-    else if (value == "shared") fpga.search.engine = SearchEngine::Shared;
-    else if (value == "off") fpga.search.engine = SearchEngine::Off;
-    else return BadValue(error, key, value);
+    if (value == "own")
+      fpga.search.engine = SearchEngine::Own;
+    else if (value == "shared")
+      fpga.search.engine = SearchEngine::Shared;
+    else if (value == "off")
+      fpga.search.engine = SearchEngine::Off;
+    else
+      return BadValue(error, key, value);
     return true;
   }
   if (key == "refclock") {
@@ -327,11 +333,16 @@ bool ApplyCardSetting(CardSpec &card, const std::string &key, const std::string 
     return true;
   }
   if (key == "dma") {
-    if (value == "both") card.h2c = card.c2h = true;
-    else if (value == "none") card.h2c = card.c2h = false;
-    else if (value == "h2c") card.h2c = true, card.c2h = false;
-    else if (value == "c2h") card.h2c = false, card.c2h = true;
-    else return BadValue(error, key, value);
+    if (value == "both")
+      card.h2c = card.c2h = true;
+    else if (value == "none")
+      card.h2c = card.c2h = false;
+    else if (value == "h2c")
+      card.h2c = true, card.c2h = false;
+    else if (value == "c2h")
+      card.h2c = false, card.c2h = true;
+    else
+      return BadValue(error, key, value);
     return true;
   }
   if (key == "channels") {
@@ -436,8 +447,10 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
   for (CardSpec &card : cards) {
     for (uint32_t i = 1; i < kMaxFpgas; i++) {
       card.fpga[i] = card.fpga[0];
-      if (card.fpga[0].dnaSet) card.fpga[i].dna[0] += i;
-      else DeriveDna(card.fpga[i], card.name, i);
+      if (card.fpga[0].dnaSet)
+        card.fpga[i].dna[0] += i;
+      else
+        DeriveDna(card.fpga[i], card.name, i);
       // Each FPGA has its own flash chip, so its own contents file. Appended
       // in two steps: g++ 12 at -O3 sees a false overlap in "." + number.
       if (!card.fpga[i].flash.file.empty()) {

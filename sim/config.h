@@ -30,13 +30,13 @@ struct I2cFaults {
 };
 
 struct Faults {
-  bool readFail = false;   // reads transfer 0 bytes
-  bool readError = false;  // reads fail with EIO
-  bool allOnes = false;    // reads return all ones: fallen off the bus
+  bool readFail = false;                  // reads transfer 0 bytes
+  bool readError = false;                 // reads fail with EIO
+  bool allOnes = false;                   // reads return all ones: fallen off the bus
   std::optional<double> coreTemperature;  // forced, degrees Celsius
   std::optional<double> vrmTemperature;   // forced, degrees Celsius
-  double vccintSag = 0.0;  // volts taken off VCCINT on top of the load sag
-  bool mmcmStuck = false;  // the MMCM load register stays busy
+  double vccintSag = 0.0;                 // volts taken off VCCINT on top of the load sag
+  bool mmcmStuck = false;                 // the MMCM load register stays busy
   I2cFaults i2c;
   bool flashStuck = false;    // the flash chip reads busy for ever
   bool eraseError = false;    // a sector erase sets the erase error bit
@@ -72,11 +72,11 @@ bool SplitTimedValue(const std::string &text, std::string *value, TimedSetting *
 
 // The configuration flash behind the SPI controller at 0x10000.
 struct FlashSpec {
-  std::string file;                 // contents, kept across restarts; empty: memory only
-  uint64_t size = 32ull << 20;      // bytes
-  std::string ckbImage;             // an image that, at the boot address, comes up as CKB 0.004
-  uint32_t eraseBusyPolls = 6;      // status reads that a sector erase stays busy for
-  uint32_t programBusyPolls = 2;    // the same for a page program
+  std::string file;               // contents, kept across restarts; empty: memory only
+  uint64_t size = 32ull << 20;    // bytes
+  std::string ckbImage;           // an image that, at the boot address, comes up as CKB 0.004
+  uint32_t eraseBusyPolls = 6;    // status reads that a sector erase stays busy for
+  uint32_t programBusyPolls = 2;  // the same for a page program
 };
 
 // How the hash core's search runs: on a thread of its own, on the one thread

@@ -23,6 +23,7 @@ constexpr int kRotations[16][2] = {{2, 4},   {13, 22}, {4, 19}, {3, 14}, {27, 31
                                    {18, 22}, {12, 18}, {4, 7},  {4, 31}, {12, 27}, {7, 17}, {7, 8},   {1, 13}};
 
 // The published injection constants, 16 words a round.
+// clang-format off
 constexpr uint32_t kInjection[kRounds * 16] = {
     0x6e9e40ae, 0x71927c02, 0x9a13d3b1, 0xdaec32ad, 0x3d8951cf, 0xe1c9fe9a, 0xb806b54c, 0xacbbf417, 0xd3622b3b, 0xa082762a, 0x9edcf1c0, 0xa9bada77, 0x7f91e46c, 0xcb0f6e4f, 0x265d9241, 0xb7bdeab0,
     0x6260c9e6, 0xff50dd2a, 0x9036aa71, 0xce161879, 0xd1307cdf, 0x89e456df, 0xf83133e2, 0x65f55c3d, 0x94871b01, 0xb5d204cd, 0x583a3264, 0x5e165957, 0x4cbda964, 0x675fca47, 0xf4a3033e, 0x2a417322,
@@ -68,6 +69,7 @@ constexpr uint32_t kInjection[kRounds * 16] = {
     0x7795a125, 0xf0842455, 0x499af99d, 0x565cc7fa, 0xa3b1278d, 0x3f27ce74, 0x96ca058e, 0x8a497443, 0xa6fb8cae, 0xc115aa21, 0x17504923, 0xe4932402, 0xaea886c2, 0x8eb79af5, 0xebd5ea6b, 0xc7980d3b,
     0x71369315, 0x796e6a66, 0x3a7ec708, 0xb05175c8, 0xe02b74e7, 0xeb377ad3, 0x6c8c1f54, 0xb980c374, 0x59aee281, 0x449cb799, 0xe01f5605, 0xed0e085e, 0xc9a1a3b4, 0xaac481b1, 0xc935c39c, 0xb7d8ce7f,
 };
+// clang-format on
 
 // Eight candidates side by side in one vector; the compiler maps it onto
 // whatever vector unit the function is built for.
@@ -122,24 +124,24 @@ size_t SearchLanes(const uint32_t midstate[16], uint32_t word0, uint32_t word1, 
 
 // The same source twice: once for the baseline and once for AVX2, chosen
 // when the search starts.
-#define OMBRY_SIM_SEARCH_BODY                                                         \
-  for (size_t base = 0; base < count; base += 8) {                                    \
-    Lanes s[16];                                                                      \
-    for (int i = 0; i < 16; i++) s[i] = Lanes{} + midstate[i];                        \
-    s[0] ^= word0;                                                                    \
-    s[1] ^= word1;                                                                    \
-    for (size_t lane = 0; lane < 8; lane++) {                                         \
-      const NonceTail &tail = tails[base + lane < count ? base + lane : base];        \
-      s[2][lane] ^= tail.word2;                                                       \
-      s[3][lane] ^= tail.word3;                                                       \
-    }                                                                                 \
-    Permute(s);                                                                       \
-    for (size_t lane = 0; lane < 8 && base + lane < count; lane++) {                  \
-      uint32_t digest[8];                                                             \
-      for (int w = 0; w < 8; w++) digest[w] = s[w][lane];                             \
-      if (Within(digest, bound)) return base + lane;                                  \
-    }                                                                                 \
-  }                                                                                   \
+#define OMBRY_SIM_SEARCH_BODY                                                  \
+  for (size_t base = 0; base < count; base += 8) {                             \
+    Lanes s[16];                                                               \
+    for (int i = 0; i < 16; i++) s[i] = Lanes{} + midstate[i];                 \
+    s[0] ^= word0;                                                             \
+    s[1] ^= word1;                                                             \
+    for (size_t lane = 0; lane < 8; lane++) {                                  \
+      const NonceTail &tail = tails[base + lane < count ? base + lane : base]; \
+      s[2][lane] ^= tail.word2;                                                \
+      s[3][lane] ^= tail.word3;                                                \
+    }                                                                          \
+    Permute(s);                                                                \
+    for (size_t lane = 0; lane < 8 && base + lane < count; lane++) {           \
+      uint32_t digest[8];                                                      \
+      for (int w = 0; w < 8; w++) digest[w] = s[w][lane];                      \
+      if (Within(digest, bound)) return base + lane;                           \
+    }                                                                          \
+  }                                                                            \
   return count;
 
 template <>
@@ -150,8 +152,8 @@ size_t SearchLanes<false>(const uint32_t midstate[16], uint32_t word0, uint32_t 
 
 #if defined(__x86_64__)
 template <>
-__attribute__((target("avx2"))) size_t SearchLanes<true>(const uint32_t midstate[16], uint32_t word0,
-                                                         uint32_t word1, const NonceTail *tails, size_t count,
+__attribute__((target("avx2"))) size_t SearchLanes<true>(const uint32_t midstate[16], uint32_t word0, uint32_t word1,
+                                                         const NonceTail *tails, size_t count,
                                                          const uint32_t bound[8]) {
   OMBRY_SIM_SEARCH_BODY
 }
@@ -171,8 +173,8 @@ bool HasAvx2() { return false; }
 
 }  // namespace
 
-size_t SearchMidstate(const uint32_t midstate[16], uint32_t word0, uint32_t word1, const NonceTail *tails,
-                      size_t count, const uint32_t bound[8]) {
+size_t SearchMidstate(const uint32_t midstate[16], uint32_t word0, uint32_t word1, const NonceTail *tails, size_t count,
+                      const uint32_t bound[8]) {
   return HasAvx2() ? SearchLanes<true>(midstate, word0, word1, tails, count, bound)
                    : SearchLanes<false>(midstate, word0, word1, tails, count, bound);
 }

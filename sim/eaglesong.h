@@ -20,8 +20,8 @@ struct NonceTail {
 // after the 32-byte header with the delimiter already added to word 4, in
 // order, and returns the first i whose hash, read as a 256-bit number, is at
 // most `bound` (eight words, word 0 least significant). `count` when none is.
-size_t SearchMidstate(const uint32_t midstate[16], uint32_t word0, uint32_t word1, const NonceTail *tails,
-                      size_t count, const uint32_t bound[8]);
+size_t SearchMidstate(const uint32_t midstate[16], uint32_t word0, uint32_t word1, const NonceTail *tails, size_t count,
+                      const uint32_t bound[8]);
 
 // The digest words of one 48-byte message after its midstate, for tests.
 void HashAfterMidstate(const uint32_t midstate[16], const uint32_t nonce[4], uint32_t digest[8]);

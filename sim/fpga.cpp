@@ -15,8 +15,7 @@ double SteadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-Fpga::Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time,
-           std::shared_ptr<FlashChip> flash)
+Fpga::Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time, std::shared_ptr<FlashChip> flash)
     : spec_(setup),
       primary_(primary),
       subDevices_(subDevices),
@@ -95,9 +94,7 @@ double Fpga::VrmTemperature() const {
   return spec_.faults.vrmTemperature ? *spec_.faults.vrmTemperature : thermal_.VrmTemperature();
 }
 
-double Fpga::VccInt() const {
-  return Thermal::VccInt(spec_.thermal, LoadGHz(), spec_.faults.vccintSag);
-}
+double Fpga::VccInt() const { return Thermal::VccInt(spec_.thermal, LoadGHz(), spec_.faults.vccintSag); }
 
 double Fpga::MaxGoodClockHz() const {
   if (spec_.maxClockMHz > 0) return spec_.maxClockMHz * 1e6;

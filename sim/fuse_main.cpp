@@ -135,8 +135,7 @@ int Read(const char *, char *buffer, size_t size, off_t offset, fuse_file_info *
 int Write(const char *, const char *buffer, size_t size, off_t offset, fuse_file_info *fi) {
   OpenFile *file = FileOf(fi);
   if (file->card) {
-    return static_cast<int>(
-        file->card->Write(file->node, file->channel, static_cast<uint64_t>(offset), buffer, size));
+    return static_cast<int>(file->card->Write(file->node, file->channel, static_cast<uint64_t>(offset), buffer, size));
   }
   // Each write carries whole command lines.
   std::istringstream lines(std::string(buffer, size));

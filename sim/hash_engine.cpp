@@ -141,8 +141,7 @@ class HashEngine::Batch {
         uint32_t counter = value + static_cast<uint32_t>(d) - kReportDistance;
         for (uint32_t c = 0; c < kMaxCores; c++) tails.push_back({job.nonce[2] ^ c, job.nonce[3] ^ counter});
       }
-      if (SearchMidstate(job.midstate, job.nonce[0], job.nonce[1], tails.data(), tails.size(), bound) ==
-          tails.size()) {
+      if (SearchMidstate(job.midstate, job.nonce[0], job.nonce[1], tails.data(), tails.size(), bound) == tails.size()) {
         break;
       }
       value = static_cast<uint32_t>(Mix(value));
@@ -162,9 +161,8 @@ HashEngine::~HashEngine() { Stop(); }
 void HashEngine::Add(Card &card) {
   if (started_) return;
   for (uint32_t index = 0; index < kMaxFpgas; index++) {
-    SearchEngine mode = card.WithFpga(index, [](Fpga *fpga) {
-      return fpga && fpga->HashCore() ? fpga->Setup().search.engine : SearchEngine::Off;
-    });
+    SearchEngine mode = card.WithFpga(
+        index, [](Fpga *fpga) { return fpga && fpga->HashCore() ? fpga->Setup().search.engine : SearchEngine::Off; });
     if (mode == SearchEngine::Off) continue;
     uint64_t salt = Mix(reinterpret_cast<uintptr_t>(&card) ^ index);
     Core core{&card, index, salt};
@@ -228,7 +226,8 @@ bool HashEngine::Step(Core &core, Batch &batch) {
     core.budget += (now - core.lastSeconds) * job.positionsPerSecond;
   }
   core.lastSeconds = now;
-  core.budget = std::min(core.budget, std::max(static_cast<double>(batchPositions), job.positionsPerSecond * kBurstSeconds));
+  core.budget =
+      std::min(core.budget, std::max(static_cast<double>(batchPositions), job.positionsPerSecond * kBurstSeconds));
   uint64_t positions = std::min<uint64_t>(batchPositions, static_cast<uint64_t>(std::floor(core.budget)));
   if (positions == 0) return false;
   core.budget -= static_cast<double>(positions);

@@ -257,8 +257,7 @@ void IicBlock::Step() {
   // With no time per byte the bus runs until it waits for the host; the
   // bound only guards against a loop in the model itself.
   if (fpga_.Setup().i2cByteTicks == 0) {
-    for (int i = 0; i < 1000 && Advance(); i++) {
-    }
+    for (int i = 0; i < 1000 && Advance(); i++) {}
   } else {
     Advance();
   }

@@ -35,21 +35,25 @@ std::vector<std::string> NodeNames(const CardSpec &card) {
   return names;
 }
 
-bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<Card>> &cards, Card **card,
-                     Node *node, uint32_t *channel) {
+bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<Card>> &cards, Card **card, Node *node,
+                     uint32_t *channel) {
   for (const auto &candidate : cards) {
     const std::string &prefix = candidate->Name();
-    if (name.size() <= prefix.size() + 1 || name.compare(0, prefix.size(), prefix) != 0 ||
-        name[prefix.size()] != '_') {
+    if (name.size() <= prefix.size() + 1 || name.compare(0, prefix.size(), prefix) != 0 || name[prefix.size()] != '_') {
       continue;
     }
     std::string suffix = name.substr(prefix.size() + 1);
     *channel = 0;
-    if (suffix == "control") *node = Node::Control;
-    else if (suffix == "user") *node = Node::User;
-    else if (suffix.rfind("h2c_", 0) == 0 && ParseChannel(suffix.substr(4), channel)) *node = Node::H2C;
-    else if (suffix.rfind("c2h_", 0) == 0 && ParseChannel(suffix.substr(4), channel)) *node = Node::C2H;
-    else continue;
+    if (suffix == "control")
+      *node = Node::Control;
+    else if (suffix == "user")
+      *node = Node::User;
+    else if (suffix.rfind("h2c_", 0) == 0 && ParseChannel(suffix.substr(4), channel))
+      *node = Node::H2C;
+    else if (suffix.rfind("c2h_", 0) == 0 && ParseChannel(suffix.substr(4), channel))
+      *node = Node::C2H;
+    else
+      continue;
     if (!candidate->HasNode(*node, *channel)) continue;
     *card = candidate.get();
     return true;

@@ -74,7 +74,7 @@ class InProcessBoards final : public BRYLDMAFileBackend {
 std::vector<std::string> NodeNames(const CardSpec &card);
 // Which node of which card a name below the device directory means; false
 // when it names none.
-bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<Card>> &cards, Card **card,
-                     Node *node, uint32_t *channel);
+bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<Card>> &cards, Card **card, Node *node,
+                     uint32_t *channel);
 
 }  // namespace sim

@@ -176,8 +176,7 @@ uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
     case kWriteConfiguration:
       if (after == 0) configurationByte_ = out;
       return kIdleLine;
-    default:
-      return kIdleLine;
+    default: return kIdleLine;
   }
 }
 
@@ -301,8 +300,10 @@ void SpiBlock::Shift() {
       frame_->out.push_back(out);
       frame_->in.push_back(in);
     }
-    if (receive_.size() < kFifoDepth) receive_.push_back(in);
-    else interruptStatus_ |= kReceiveOverrun;
+    if (receive_.size() < kFifoDepth)
+      receive_.push_back(in);
+    else
+      interruptStatus_ |= kReceiveOverrun;
   }
   interruptStatus_ |= kTransmitDrained;
   UpdateSelect(false);
@@ -352,8 +353,10 @@ void SpiBlock::Write(uint32_t offset, uint32_t value) {
       Shift();
       return;
     case kTransmit:
-      if (transmit_.size() < kFifoDepth) transmit_.push_back(static_cast<uint8_t>(value));
-      else interruptStatus_ |= kTransmitOverrun;
+      if (transmit_.size() < kFifoDepth)
+        transmit_.push_back(static_cast<uint8_t>(value));
+      else
+        interruptStatus_ |= kTransmitOverrun;
       Shift();
       return;
     case kSlaveSelect:

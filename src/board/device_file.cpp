@@ -154,9 +154,7 @@ BRYLDMAFile *BRYLDMAFileOpen(const std::string &devicePath, BRYLDMAFileType type
     case BRYLDMAFileUser: access = BRYLDMAAccess::ReadWrite; break;
     case BRYLDMAFileH2C: access = BRYLDMAAccess::Write; break;
     case BRYLDMAFileC2H: access = BRYLDMAAccess::Read; break;
-    default:
-      VL_LOG(VLLogLevelInfo, kTag, "Unknown BRYLDMAFileType.");
-      return nullptr;
+    default: VL_LOG(VLLogLevelInfo, kTag, "Unknown BRYLDMAFileType."); return nullptr;
   }
   auto *file = new BRYLDMAFile{};
   file->type = type;

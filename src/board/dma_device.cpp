@@ -157,8 +157,7 @@ uint64_t BRYLDMADeviceDmaWrite(BRYLDMADevice *device, uint32_t channel, uint64_t
   return total;
 }
 
-uint64_t BRYLDMADeviceDmaRead(BRYLDMADevice *device, uint32_t channel, uint64_t address, void *buffer,
-                              uint64_t size) {
+uint64_t BRYLDMADeviceDmaRead(BRYLDMADevice *device, uint32_t channel, uint64_t address, void *buffer, uint64_t size) {
   address += device->subDeviceIndex << kSubDeviceDmaShift;
   auto *bytes = static_cast<uint8_t *>(buffer);
   uint64_t total = 0;

@@ -62,5 +62,4 @@ bool BRYLDMADeviceWrite(BRYLDMADevice *device, BRYLDMAFile *file, uint64_t addre
 // total transferred; a failed chunk shows only as a total below `size`.
 uint64_t BRYLDMADeviceDmaWrite(BRYLDMADevice *device, uint32_t channel, uint64_t address, const void *buffer,
                                uint64_t size);
-uint64_t BRYLDMADeviceDmaRead(BRYLDMADevice *device, uint32_t channel, uint64_t address, void *buffer,
-                              uint64_t size);
+uint64_t BRYLDMADeviceDmaRead(BRYLDMADevice *device, uint32_t channel, uint64_t address, void *buffer, uint64_t size);

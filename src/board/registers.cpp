@@ -17,7 +17,7 @@ struct ModelName {
   BoardModel model;
 };
 constexpr ModelName kModelNames[] = {
-    {"1525", 1}, {"101 ", 2}, {"215 ", 3}, {"215+", 4}, {"OMPR", 5},  {"RK33", 6},  {"RK35", 7},
+    {"1525", 1},  {"101 ", 2}, {"215 ", 3}, {"215+", 4},  {"OMPR", 5},  {"RK33", 6},  {"RK35", 7},
     {"RK37", 11}, {"JC33", 8}, {"JC35", 9}, {"JC37", 11}, {"JC39", 11}, {"CV13", 10}, {"NV01", 11},
 };
 
@@ -35,9 +35,7 @@ constexpr uint32_t kCompatibleMinor = 4;
 // Output divider, in thousandths, within 0.001 and 255.999.
 constexpr uint64_t kDividerSlowest = 255999;
 
-uint32_t Read(BRYLDMADevice *device, uint64_t address) {
-  return BRYLDMADeviceRead(device, device->userFile, address);
-}
+uint32_t Read(BRYLDMADevice *device, uint64_t address) { return BRYLDMADeviceRead(device, device->userFile, address); }
 
 bool Write(BRYLDMADevice *device, uint64_t address, uint32_t value) {
   return BRYLDMADeviceWrite(device, device->userFile, address, value);

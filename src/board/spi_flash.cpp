@@ -61,9 +61,7 @@ uint8_t SPIFlash::ReadStatus() {
   uint8_t out[2] = {kReadStatus, 0};
   uint8_t in[2] = {};
   int status = XSpi_Transfer(&spi, out, in, sizeof out);
-  if (status != XST_SUCCESS) {
-    Fail("SPI transaction failed getting status register code " + std::to_string(status));
-  }
+  if (status != XST_SUCCESS) { Fail("SPI transaction failed getting status register code " + std::to_string(status)); }
   return in[1];
 }
 

@@ -12,7 +12,9 @@ Xil_AssertCallback g_assertCallback = nullptr;
 
 // The driver's 32-bit addresses become file positions the way a signed
 // register address widens.
-uint64_t Position(uint32_t address) { return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(address))); }
+uint64_t Position(uint32_t address) {
+  return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(address)));
+}
 
 }  // namespace
 

@@ -24,7 +24,7 @@ void Xil_AssertSetCallback(Xil_AssertCallback routine);
 // Valid calls never get here.
 [[noreturn]] void Xil_Assert(const char *file, int line);
 
-#define Xil_AssertCheck(expression)                       \
-  do {                                                    \
-    if (!(expression)) Xil_Assert(__FILE__, __LINE__);    \
+#define Xil_AssertCheck(expression)                    \
+  do {                                                 \
+    if (!(expression)) Xil_Assert(__FILE__, __LINE__); \
   } while (0)

@@ -21,10 +21,8 @@ struct OptionMap {
   uint32_t mask;
 };
 constexpr OptionMap kOptions[] = {
-    {XSP_LOOPBACK_OPTION, XSP_CR_LOOPBACK_MASK},
-    {XSP_CLK_ACTIVE_LOW_OPTION, XSP_CR_CLK_POLARITY_MASK},
-    {XSP_CLK_PHASE_1_OPTION, XSP_CR_CLK_PHASE_MASK},
-    {XSP_MASTER_OPTION, XSP_CR_MASTER_MODE_MASK},
+    {XSP_LOOPBACK_OPTION, XSP_CR_LOOPBACK_MASK},        {XSP_CLK_ACTIVE_LOW_OPTION, XSP_CR_CLK_POLARITY_MASK},
+    {XSP_CLK_PHASE_1_OPTION, XSP_CR_CLK_PHASE_MASK},    {XSP_MASTER_OPTION, XSP_CR_MASTER_MODE_MASK},
     {XSP_MANUAL_SSELECT_OPTION, XSP_CR_MANUAL_SS_MASK},
 };
 
@@ -123,8 +121,10 @@ int XSpi_SetOptions(XSpi *spi, uint32_t options) {
   if ((options & XSP_MASTER_OPTION) && spi->SlaveOnly) return XST_SPI_SLAVE_ONLY;
   uint32_t control = In(spi, XSP_CR_OFFSET);
   for (const OptionMap &row : kOptions) {
-    if (options & row.option) control |= row.mask;
-    else control &= ~row.mask;
+    if (options & row.option)
+      control |= row.mask;
+    else
+      control &= ~row.mask;
   }
   Out(spi, XSP_CR_OFFSET, control);
   return XST_SUCCESS;

@@ -82,7 +82,7 @@ struct XSpi_Config {
   uint8_t AxiInterface;
   uint32_t AxiFullBaseAddress;
   uint8_t XipMode;
-  uint8_t Use_Startup;  // 1: wake the startup block with a dummy read first
+  uint8_t Use_Startup;     // 1: wake the startup block with a dummy read first
   const char *DevicePath;  // carried along for the caller; the driver doesn't use it
 };
 

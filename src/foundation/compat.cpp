@@ -25,9 +25,7 @@ uint32_t NoExecutionState(uint32_t flags) { return flags | 1; }
 
 std::atomic<VLExecutionStateHook> g_executionStateHook{NoExecutionState};
 
-uint32_t SetExecutionState(uint32_t flags) {
-  return g_executionStateHook.load(std::memory_order_relaxed)(flags);
-}
+uint32_t SetExecutionState(uint32_t flags) { return g_executionStateHook.load(std::memory_order_relaxed)(flags); }
 
 }  // namespace
 
@@ -76,13 +74,11 @@ uint32_t VLSocketPair(VLSocket sockets[2]) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = 0;
   socklen_t length = sizeof address;
-  bool ok = bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-            listen(listener, 1) == 0 &&
+  bool ok = bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(listener, 1) == 0 &&
             getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) == 0;
   if (ok) {
     sockets[1] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ok = sockets[1] >= 0 &&
-         connect(sockets[1], reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    ok = sockets[1] >= 0 && connect(sockets[1], reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
   }
   if (ok) {
     sockets[0] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

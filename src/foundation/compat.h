@@ -17,7 +17,7 @@ using VLExecutionStateHook = uint32_t (*)(uint32_t flags);
 void VLSetExecutionStateHook(VLExecutionStateHook hook);
 
 struct VLSystemSleepManager {
-  uint32_t mode = 1;          // 0 keeps the display on too, 1 only the system
+  uint32_t mode = 1;           // 0 keeps the display on too, 1 only the system
   bool sleepDisabled = false;  // whether prevention is active now
 };
 

@@ -87,9 +87,7 @@ size_t DropEscapeSequences(char *keys, size_t count) {
       case EscapeState::Csi:
         if (byte >= 0x40 && byte <= 0x7e) g_escape = EscapeState::None;
         break;
-      case EscapeState::Ss3:
-        g_escape = EscapeState::None;
-        break;
+      case EscapeState::Ss3: g_escape = EscapeState::None; break;
     }
   }
   g_escapeAt = now;
@@ -149,9 +147,7 @@ void VLConsoleDiscardInput() {
 }
 
 size_t VLConsoleReadKeys(char *keys, size_t capacity) {
-  if (!g_terminalSaved.load(std::memory_order_relaxed) || g_keysEnded.load(std::memory_order_relaxed)) {
-    return 0;
-  }
+  if (!g_terminalSaved.load(std::memory_order_relaxed) || g_keysEnded.load(std::memory_order_relaxed)) { return 0; }
   pollfd input{STDIN_FILENO, POLLIN, 0};
   if (poll(&input, 1, 0) <= 0) return 0;
   if (input.revents & (POLLHUP | POLLERR | POLLNVAL) && !(input.revents & POLLIN)) {

@@ -10,9 +10,9 @@
 enum : uint32_t {
   VLConsoleEventInterrupt = 0,  // control-C
   VLConsoleEventBreak = 1,
-  VLConsoleEventClose = 2,      // the terminal hung up
+  VLConsoleEventClose = 2,  // the terminal hung up
   VLConsoleEventLogoff = 5,
-  VLConsoleEventShutdown = 6,   // termination request
+  VLConsoleEventShutdown = 6,  // termination request
 };
 
 using VLConsoleCtrlHandler = bool (*)(uint32_t event);

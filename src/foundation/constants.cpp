@@ -69,18 +69,10 @@ VLObject *VLNumberConstant(uint32_t kind, uint64_t value, uint32_t int32_value, 
   uint64_t bits = 0;
   uint32_t high = 0;
   switch (kind) {
-    case VLNumberUInt32:
-      bits = static_cast<uint32_t>(value);
-      break;
-    case VLNumberInt32:
-      bits = int32_value;
-      break;
-    case VLNumberReal:
-      bits = std::bit_cast<uint64_t>(real_value);
-      break;
-    case VLNumberBool:
-      bits = value != 0;
-      break;
+    case VLNumberUInt32: bits = static_cast<uint32_t>(value); break;
+    case VLNumberInt32: bits = int32_value; break;
+    case VLNumberReal: bits = std::bit_cast<uint64_t>(real_value); break;
+    case VLNumberBool: bits = value != 0; break;
     case VLNumberUInt64:
       bits = static_cast<uint32_t>(value);
       high = static_cast<uint32_t>(value >> 32);

@@ -17,10 +17,8 @@ bool Copyable(const VLObject *obj) {
     case VLTypeArray:
     case VLTypeDictionary:
     case VLTypeNull:
-    case VLTypeRange:
-      return true;
-    default:
-      return false;  // edit strings and rich text copy to nothing
+    case VLTypeRange: return true;
+    default: return false;  // edit strings and rich text copy to nothing
   }
 }
 
@@ -44,12 +42,9 @@ VLObject *Start(const VLObject *obj, std::vector<Frame> &stack) {
       VLStringAppendBytes(copy, obj->string.chars, obj->string.length);
       return copy;
     }
-    case VLTypeData:
-      return VLDataCreate(obj->data.bytes, obj->data.length);
-    case VLTypeNull:
-      return VLNullCreate();
-    case VLTypeRange:
-      return VLRangeCreate(obj->range.location, obj->range.length);
+    case VLTypeData: return VLDataCreate(obj->data.bytes, obj->data.length);
+    case VLTypeNull: return VLNullCreate();
+    case VLTypeRange: return VLRangeCreate(obj->range.location, obj->range.length);
     case VLTypeArray: {
       VLObject *copy = VLArrayCreate(obj->array.capacity);
       stack.push_back({obj, VLObjectRetain(copy), 0});
@@ -60,8 +55,7 @@ VLObject *Start(const VLObject *obj, std::vector<Frame> &stack) {
       stack.push_back({obj, VLObjectRetain(copy), 0});
       return copy;
     }
-    default:
-      return nullptr;
+    default: return nullptr;
   }
 }
 

@@ -26,37 +26,24 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, std::vector<Fra
     case VLTypeNumber: {
       uint64_t bits = value->number.bits;
       switch (value->number.kind) {
-        case VLNumberUInt32:
-          VLStringAppendFormat(out, "%u", static_cast<uint32_t>(bits));
-          break;
-        case VLNumberInt32:
-          VLStringAppendFormat(out, "%i", static_cast<int32_t>(static_cast<uint32_t>(bits)));
-          break;
-        case VLNumberReal:
-          VLStringAppendFormat(out, "%f", std::bit_cast<double>(bits));
-          break;
-        case VLNumberBool:
-          Append(out, bits ? "true" : "false");
-          break;
+        case VLNumberUInt32: VLStringAppendFormat(out, "%u", static_cast<uint32_t>(bits)); break;
+        case VLNumberInt32: VLStringAppendFormat(out, "%i", static_cast<int32_t>(static_cast<uint32_t>(bits))); break;
+        case VLNumberReal: VLStringAppendFormat(out, "%f", std::bit_cast<double>(bits)); break;
+        case VLNumberBool: Append(out, bits ? "true" : "false"); break;
         case VLNumberUInt64:
           VLStringAppendFormat(out, "%" PRIu64, (uint64_t{value->number.high} << 32) | (bits & 0xFFFFFFFF));
           break;
-        default:
-          break;
+        default: break;
       }
       return true;
     }
     case VLTypeString:
-    case VLTypeEditString:
-      VLStringAppendBytes(out, value->string.chars, value->string.length);
-      return true;
+    case VLTypeEditString: VLStringAppendBytes(out, value->string.chars, value->string.length); return true;
     case VLTypeData:
       VLStringAppendFormat(out, "<Data(%u)>: 0x", value->data.length);
       for (uint32_t i = 0; i < value->data.length; ++i) VLStringAppendFormat(out, "%02hhx", value->data.bytes[i]);
       return true;
-    case VLTypeNull:
-      Append(out, "(null)");
-      return true;
+    case VLTypeNull: Append(out, "(null)"); return true;
     case VLTypeRange:
       VLStringAppendFormat(out, "{%i, %i}", static_cast<int32_t>(value->range.location),
                            static_cast<int32_t>(value->range.length));
@@ -69,8 +56,7 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, std::vector<Fra
       Append(out, "Dictionary {\n");
       stack.push_back({value, depth, 0});
       return false;
-    default:
-      return true;
+    default: return true;
   }
 }
 

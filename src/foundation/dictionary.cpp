@@ -16,8 +16,7 @@ bool SameKind(const VLObject *a, const VLObject *b) {
   if (a->type != b->type) return false;
   if (a->type != VLTypeNumber) return true;
   // 1 and 1.0 share an entry; a boolean shares only with a boolean.
-  return a->number.kind == b->number.kind ||
-         (a->number.kind != VLNumberBool && b->number.kind != VLNumberBool);
+  return a->number.kind == b->number.kind || (a->number.kind != VLNumberBool && b->number.kind != VLNumberBool);
 }
 
 template <typename Match>
@@ -29,7 +28,9 @@ int64_t Find(const VLObject *dictionary, Match matches) {
   return -1;
 }
 
-bool NameMatches(const VLObject *key, const char *name) { return VLIsString(key) && strcmp(key->string.chars, name) == 0; }
+bool NameMatches(const VLObject *key, const char *name) {
+  return VLIsString(key) && strcmp(key->string.chars, name) == 0;
+}
 
 void RemoveAt(VLObject *dictionary, int64_t found) {
   if (found < 0) return;
@@ -71,9 +72,8 @@ VLObject *VLDictionaryCreateWith(VLObject *value, ...) {
 
 void VLDictionarySet(VLObject *dictionary, VLObject *value, VLObject *key) {
   if (!IsDictionary(dictionary) || !value || !key) return;
-  int64_t found = Find(dictionary, [&](const VLObject *stored) {
-    return VLObjectEqual(key, stored) && SameKind(key, stored);
-  });
+  int64_t found =
+      Find(dictionary, [&](const VLObject *stored) { return VLObjectEqual(key, stored) && SameKind(key, stored); });
   auto &d = dictionary->dictionary;
   if (found >= 0) {
     // The stored key and the entry's place stay; only the value changes.

@@ -36,8 +36,7 @@ bool NumbersEqual(const VLObject *a, const VLObject *b) {
       if (right == VLNumberInt32) return Real(a) == static_cast<double>(static_cast<int32_t>(Low32(b)));
       if (right == VLNumberReal) return Real(a) == Real(b);
       return false;
-    default:
-      return false;
+    default: return false;
   }
 }
 

@@ -33,29 +33,21 @@ class Scanner {
     while (remaining_ > 0) {
       char c = *at_;
       switch (c) {
-        case '{':
-          Advance();
-          return VLScanFound::kDictionary;
-        case '[':
-          Advance();
-          return VLScanFound::kArray;
+        case '{': Advance(); return VLScanFound::kDictionary;
+        case '[': Advance(); return VLScanFound::kArray;
         case '"':
           Advance();
           *value = ScanString();
           return *value ? VLScanFound::kValue : VLScanFound::kEnd;
         case ']':
-        case '}':
-          Advance();
-          return VLScanFound::kEnd;
+        case '}': Advance(); return VLScanFound::kEnd;
         case '-':
         case 't':
         case 'T':
         case 'f':
         case 'F':
         case 'n':
-        case 'N':
-          *value = ScanNumber();
-          return *value ? VLScanFound::kValue : VLScanFound::kEnd;
+        case 'N': *value = ScanNumber(); return *value ? VLScanFound::kValue : VLScanFound::kEnd;
         default:
           if (IsDigit(c)) {
             *value = ScanNumber();
@@ -115,16 +107,12 @@ class Scanner {
     if (remaining_ == 0) return nullptr;
     switch (*start) {
       case 't':
-      case 'T':
-        return VLNumberConstant(VLNumberBool, 1, 0, 0.0);
+      case 'T': return VLNumberConstant(VLNumberBool, 1, 0, 0.0);
       case 'f':
-      case 'F':
-        return VLNumberConstant(VLNumberBool, 0, 0, 0.0);
+      case 'F': return VLNumberConstant(VLNumberBool, 0, 0, 0.0);
       case 'n':
-      case 'N':
-        return VLNullCreate();
-      default:
-        break;
+      case 'N': return VLNullCreate();
+      default: break;
     }
     // strtod reads what a "%lf" scan reads, exponent included, and the copy
     // is terminated, so it cannot run past the input.
@@ -170,21 +158,15 @@ VLObject *VLStringJsonUnescape(const char *text, uint32_t length) {
     if (i >= length) break;
     auto escaped = static_cast<unsigned char>(text[i++]);
     switch (escaped) {
-      case 'b':
-        put(8);
-        break;
+      case 'b': put(8); break;
       case 'f':
         put(20);  // the program's fixed value, not a form feed
         break;
-      case 'n':
-        put(10);
-        break;
+      case 'n': put(10); break;
       case 'r':
         put(19);  // the program's fixed value, not a carriage return
         break;
-      case 't':
-        put(9);
-        break;
+      case 't': put(9); break;
       case 'u': {
         if (length - i < 4) {
           // Too short: dropped together with the byte after the 'u'.
@@ -202,8 +184,7 @@ VLObject *VLStringJsonUnescape(const char *text, uint32_t length) {
         put(v);
         break;
       }
-      default:
-        put(escaped);
+      default: put(escaped);
     }
   }
   out[written] = '\0';

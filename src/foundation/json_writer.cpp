@@ -25,23 +25,14 @@ void WriteNumber(VLObject *out, const VLObject *number) {
   char text[256];  // a number's text is held to 255 characters
   uint64_t bits = number->number.bits;
   switch (number->number.kind) {
-    case VLNumberUInt32:
-      snprintf(text, sizeof text, "%u", static_cast<uint32_t>(bits));
-      break;
-    case VLNumberInt32:
-      snprintf(text, sizeof text, "%i", static_cast<int32_t>(static_cast<uint32_t>(bits)));
-      break;
-    case VLNumberReal:
-      snprintf(text, sizeof text, "%f", std::bit_cast<double>(bits));
-      break;
-    case VLNumberBool:
-      snprintf(text, sizeof text, "%s", bits ? "true" : "false");
-      break;
+    case VLNumberUInt32: snprintf(text, sizeof text, "%u", static_cast<uint32_t>(bits)); break;
+    case VLNumberInt32: snprintf(text, sizeof text, "%i", static_cast<int32_t>(static_cast<uint32_t>(bits))); break;
+    case VLNumberReal: snprintf(text, sizeof text, "%f", std::bit_cast<double>(bits)); break;
+    case VLNumberBool: snprintf(text, sizeof text, "%s", bits ? "true" : "false"); break;
     case VLNumberUInt64:
       snprintf(text, sizeof text, "%" PRIu64, (static_cast<uint64_t>(number->number.high) << 32) | (bits & 0xFFFFFFFF));
       break;
-    default:
-      return;
+    default: return;
   }
   Append(out, text);
 }
@@ -57,9 +48,7 @@ struct Frame {
 bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::vector<Frame> &stack) {
   Indent(out, depth);
   switch (value->type) {
-    case VLTypeNumber:
-      WriteNumber(out, value);
-      return true;
+    case VLTypeNumber: WriteNumber(out, value); return true;
     case VLTypeString:
     case VLTypeEditString: {
       VLObject *escaped = VLStringJsonEscape(value->string.chars, value->string.length);
@@ -86,9 +75,7 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::
       Append(out, "{\n");
       stack.push_back({value, depth, 0});
       return false;
-    case VLTypeNull:
-      Append(out, "null");
-      return true;
+    case VLTypeNull: Append(out, "null"); return true;
     case VLTypeRange: {
       char text[64];
       snprintf(text, sizeof text, "\"{%i, %i}\"", static_cast<int32_t>(value->range.location),
@@ -96,8 +83,7 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::
       Append(out, text);
       return true;
     }
-    default:
-      return true;  // rich text writes nothing
+    default: return true;  // rich text writes nothing
   }
 }
 

@@ -33,9 +33,8 @@ struct LevelInfo {
 };
 
 constexpr LevelInfo kLevels[] = {
-    {VLLogLevelError, "Error", 'E'},     {VLLogLevelWarning, "Warning", 'W'},
-    {VLLogLevelInfo, "Info", 'I'},       {VLLogLevelDebug, "Debug", 'D'},
-    {VLLogLevelVerbose, "Verbose", 'V'}, {VLLogLevelTrace, "Trace", 'T'},
+    {VLLogLevelError, "Error", 'E'}, {VLLogLevelWarning, "Warning", 'W'}, {VLLogLevelInfo, "Info", 'I'},
+    {VLLogLevelDebug, "Debug", 'D'}, {VLLogLevelVerbose, "Verbose", 'V'}, {VLLogLevelTrace, "Trace", 'T'},
 };
 
 const LevelInfo *FindLevel(uint32_t level) {

@@ -47,16 +47,11 @@ bool VLNumberGetBool(const VLObject *obj) {
   if (!VLIsType(obj, VLTypeNumber)) return false;
   switch (obj->number.kind) {
     case VLNumberUInt32:
-    case VLNumberInt32:
-      return Low32(obj) != 0;
-    case VLNumberReal:
-      return Real(obj) != 0.0;  // NaN compares unequal, so it is true
-    case VLNumberBool:
-      return Low32(obj) != 0;
-    case VLNumberUInt64:
-      return Full64(obj) != 0;
-    default:
-      return false;
+    case VLNumberInt32: return Low32(obj) != 0;
+    case VLNumberReal: return Real(obj) != 0.0;  // NaN compares unequal, so it is true
+    case VLNumberBool: return Low32(obj) != 0;
+    case VLNumberUInt64: return Full64(obj) != 0;
+    default: return false;
   }
 }
 
@@ -65,16 +60,11 @@ double VLNumberGetReal(const VLObject *obj) {
   if (!VLIsType(obj, VLTypeNumber)) return 0.0;
   switch (obj->number.kind) {
     case VLNumberUInt32:
-    case VLNumberInt32:
-      return static_cast<double>(Low32(obj));
-    case VLNumberReal:
-      return Real(obj);
-    case VLNumberBool:
-      return Low32(obj) ? 1.0 : 0.0;
-    case VLNumberUInt64:
-      return static_cast<double>(Full64(obj));
-    default:
-      return 0.0;
+    case VLNumberInt32: return static_cast<double>(Low32(obj));
+    case VLNumberReal: return Real(obj);
+    case VLNumberBool: return Low32(obj) ? 1.0 : 0.0;
+    case VLNumberUInt64: return static_cast<double>(Full64(obj));
+    default: return 0.0;
   }
 }
 
@@ -83,16 +73,11 @@ int64_t VLNumberGetInt32(const VLObject *obj) {
   if (!VLIsType(obj, VLTypeNumber)) return 0;
   switch (obj->number.kind) {
     case VLNumberUInt32:
-    case VLNumberInt32:
-      return Low32(obj);
-    case VLNumberReal:
-      return VLTruncateInt32(Real(obj));
-    case VLNumberBool:
-      return Low32(obj) ? 1 : 0;
-    case VLNumberUInt64:
-      return static_cast<int64_t>(Full64(obj));
-    default:
-      return 0;
+    case VLNumberInt32: return Low32(obj);
+    case VLNumberReal: return VLTruncateInt32(Real(obj));
+    case VLNumberBool: return Low32(obj) ? 1 : 0;
+    case VLNumberUInt64: return static_cast<int64_t>(Full64(obj));
+    default: return 0;
   }
 }
 
@@ -101,16 +86,11 @@ int64_t VLNumberGetInt64(const VLObject *obj) {
   if (!VLIsType(obj, VLTypeNumber)) return 0;
   switch (obj->number.kind) {
     case VLNumberUInt32:
-    case VLNumberInt32:
-      return Low32(obj);
-    case VLNumberReal:
-      return VLTruncateInt64(Real(obj));
-    case VLNumberBool:
-      return Low32(obj) ? 1 : 0;
-    case VLNumberUInt64:
-      return static_cast<int64_t>(Full64(obj));
-    default:
-      return 0;
+    case VLNumberInt32: return Low32(obj);
+    case VLNumberReal: return VLTruncateInt64(Real(obj));
+    case VLNumberBool: return Low32(obj) ? 1 : 0;
+    case VLNumberUInt64: return static_cast<int64_t>(Full64(obj));
+    default: return 0;
   }
 }
 
@@ -119,15 +99,10 @@ uint64_t VLNumberGetUInt64(const VLObject *obj) {
   if (!VLIsType(obj, VLTypeNumber)) return 0;
   switch (obj->number.kind) {
     case VLNumberUInt32:
-    case VLNumberInt32:
-      return Low32(obj);
-    case VLNumberReal:
-      return VLTruncateUInt64(Real(obj));
-    case VLNumberBool:
-      return Low32(obj) ? 1 : 0;
-    case VLNumberUInt64:
-      return Full64(obj);
-    default:
-      return 0;
+    case VLNumberInt32: return Low32(obj);
+    case VLNumberReal: return VLTruncateUInt64(Real(obj));
+    case VLNumberBool: return Low32(obj) ? 1 : 0;
+    case VLNumberUInt64: return Full64(obj);
+    default: return 0;
   }
 }

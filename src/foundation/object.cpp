@@ -39,12 +39,8 @@ void VLObjectRelease(VLObject *obj) {
     doomed.pop_back();
     switch (dead->type) {
       case VLTypeString:
-      case VLTypeEditString:
-        free(dead->string.chars);
-        break;
-      case VLTypeData:
-        free(dead->data.bytes);
-        break;
+      case VLTypeEditString: free(dead->string.chars); break;
+      case VLTypeData: free(dead->data.bytes); break;
       case VLTypeArray:
         for (uint32_t i = dead->array.count; i-- > 0;) {
           if (DropReference(dead->array.items[i])) doomed.push_back(dead->array.items[i]);
@@ -59,8 +55,7 @@ void VLObjectRelease(VLObject *obj) {
         free(dead->dictionary.keys);
         free(dead->dictionary.values);
         break;
-      default:
-        break;
+      default: break;
     }
     delete dead;
   }

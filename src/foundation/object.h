@@ -111,7 +111,7 @@ VLObject *VLObjectDescribe(const VLObject *obj);
 
 // ---- Null and numbers -----------------------------------------------------
 
-VLObject *VLNullCreate();  // a fresh heap null, not a shared one
+VLObject *VLNullCreate();                     // a fresh heap null, not a shared one
 VLObject *VLNumberCreateBool(uint8_t value);  // stores 1 for any non-zero value
 VLObject *VLNumberCreateReal(double value);
 VLObject *VLNumberCreateInt32(uint32_t value);

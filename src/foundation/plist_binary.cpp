@@ -84,8 +84,7 @@ class BinaryPlist {
         if (low == 3 && ReadBigEndian(at, 8, &bits)) return VLNumberCreateReal(std::bit_cast<double>(bits));
         return nullptr;
       }
-      case 3:
-        return VLStringCreate("<Unhandled Date>", 0);
+      case 3: return VLStringCreate("<Unhandled Date>", 0);
       case 4:
         if (at > length_ || count > length_ - at) return nullptr;
         return VLDataCreate(bytes_ + at, static_cast<uint32_t>(count));
@@ -100,15 +99,11 @@ class BinaryPlist {
         VLObject *string = count ? VLStringFromUtf16(bytes_ + at, static_cast<uint32_t>(count), 2) : nullptr;
         return string ? string : VLStringConstant(kEmptyText);
       }
-      case 8:
-        return VLStringCreate("<Unhandled UID>", 0);
+      case 8: return VLStringCreate("<Unhandled UID>", 0);
       case 10:
-      case 12:
-        return ReadArray(at, count, depth);
-      case 13:
-        return ReadDictionary(at, count, depth);
-      default:
-        return nullptr;
+      case 12: return ReadArray(at, count, depth);
+      case 13: return ReadDictionary(at, count, depth);
+      default: return nullptr;
     }
   }
 

@@ -27,16 +27,15 @@ class XmlScanner {
       // Names are matched by their beginning, in this order, so "dict/"
       // opens a dictionary like "dict" does.
       if (is("dict")) return VLScanFound::kDictionary;
-      if (is("key") || is("string")) return Leaf(value, [](const char *text, size_t length) {
-          return VLStringCreateBytes(text, length);
-        });
+      if (is("key") || is("string"))
+        return Leaf(value, [](const char *text, size_t length) { return VLStringCreateBytes(text, length); });
       if (is("array")) return VLScanFound::kArray;
-      if (is("integer")) return Leaf(value, [](const char *text, size_t) {
+      if (is("integer"))
+        return Leaf(value, [](const char *text, size_t) {
           return VLNumberCreateUInt32(VLTruncateUInt32(strtod(text, nullptr)));
         });
-      if (is("real")) return Leaf(value, [](const char *text, size_t) {
-          return VLNumberCreateReal(strtod(text, nullptr));
-        });
+      if (is("real"))
+        return Leaf(value, [](const char *text, size_t) { return VLNumberCreateReal(strtod(text, nullptr)); });
       if (is("true") || is("false")) {
         VLObject *constant = VLNumberConstant(VLNumberBool, is("true") ? 1 : 0, 0, 0.0);
         if (name[name_length - 1] == '/') {

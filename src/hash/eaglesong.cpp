@@ -7,6 +7,7 @@
 
 #include "hash/eaglesong_round.h"
 
+// clang-format off
 const uint32_t EaglesongInjectionConstants[kEaglesongRounds * 16] = {
     0x6e9e40ae, 0x71927c02, 0x9a13d3b1, 0xdaec32ad, 0x3d8951cf, 0xe1c9fe9a, 0xb806b54c, 0xacbbf417,
     0xd3622b3b, 0xa082762a, 0x9edcf1c0, 0xa9bada77, 0x7f91e46c, 0xcb0f6e4f, 0x265d9241, 0xb7bdeab0,
@@ -95,6 +96,7 @@ const uint32_t EaglesongInjectionConstants[kEaglesongRounds * 16] = {
     0x71369315, 0x796e6a66, 0x3a7ec708, 0xb05175c8, 0xe02b74e7, 0xeb377ad3, 0x6c8c1f54, 0xb980c374,
     0x59aee281, 0x449cb799, 0xe01f5605, 0xed0e085e, 0xc9a1a3b4, 0xaac481b1, 0xc935c39c, 0xb7d8ce7f,
 };
+// clang-format on
 
 namespace {
 

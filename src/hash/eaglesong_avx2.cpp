@@ -40,8 +40,7 @@ OMBRY_AVX2 inline __m256i Broadcast(uint32_t word) { return _mm256_set1_epi32(st
 
 }  // namespace
 
-OMBRY_AVX2 void EaglesongLanesAvx2(const uint32_t midstate[16], const uint32_t nonces[4][8],
-                                   uint32_t digests[8][8]) {
+OMBRY_AVX2 void EaglesongLanesAvx2(const uint32_t midstate[16], const uint32_t nonces[4][8], uint32_t digests[8][8]) {
   __m256i s[16];
   for (int i = 0; i < 4; ++i) {
     const __m256i lanes = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(nonces[i]));

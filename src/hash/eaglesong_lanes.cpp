@@ -111,12 +111,9 @@ void EaglesongLanesPortable(const uint32_t midstate[16], const uint32_t nonces[4
 
 bool EaglesongLanePathSupported(EaglesongLanePath path) {
   switch (path) {
-    case EaglesongLanePath::Avx2:
-      return CpuHasAvx2();
-    case EaglesongLanePath::Avx512:
-      return CpuHasAvx512();
-    default:
-      return true;
+    case EaglesongLanePath::Avx2: return CpuHasAvx2();
+    case EaglesongLanePath::Avx512: return CpuHasAvx512();
+    default: return true;
   }
 }
 
@@ -129,14 +126,10 @@ EaglesongLanePath EaglesongLanePathResolve(EaglesongLanePath path) {
 
 const char *EaglesongLanePathName(EaglesongLanePath path) {
   switch (path) {
-    case EaglesongLanePath::Auto:
-      return "auto";
-    case EaglesongLanePath::Portable:
-      return "portable";
-    case EaglesongLanePath::Avx2:
-      return "avx2";
-    case EaglesongLanePath::Avx512:
-      return "avx512";
+    case EaglesongLanePath::Auto: return "auto";
+    case EaglesongLanePath::Portable: return "portable";
+    case EaglesongLanePath::Avx2: return "avx2";
+    case EaglesongLanePath::Avx512: return "avx512";
   }
   return "?";
 }
@@ -163,8 +156,8 @@ void EaglesongHash48Batch(const uint32_t input[8], const uint32_t (*nonce_words)
 }
 
 size_t EaglesongSearch48(const uint32_t input[8], uint32_t nonce_word0, uint32_t nonce_word1,
-                         const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
-                         uint32_t digest_out[8], EaglesongLanePath path) {
+                         const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8], uint32_t digest_out[8],
+                         EaglesongLanePath path) {
   if (count == 0) return 0;
   uint32_t midstate[16];
   EaglesongMidstate(input, midstate);

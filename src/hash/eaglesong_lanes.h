@@ -39,8 +39,8 @@ struct EaglesongNonceTail {
 // `digest_out` is left alone. Candidates past the hit's group of eight (of
 // sixteen with AVX-512) are not hashed.
 size_t EaglesongSearch48(const uint32_t input[8], uint32_t nonce_word0, uint32_t nonce_word1,
-                         const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8],
-                         uint32_t digest_out[8], EaglesongLanePath path = EaglesongLanePath::Auto);
+                         const EaglesongNonceTail *tails, size_t count, const uint32_t bound[8], uint32_t digest_out[8],
+                         EaglesongLanePath path = EaglesongLanePath::Auto);
 
 // The same search from a midstate (EaglesongMidstate, delimiter included)
 // instead of the header: what a party holds that was only given the midstate,

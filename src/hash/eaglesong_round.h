@@ -54,24 +54,24 @@
 
 // Step 2 of a round: word i becomes t ^ rotl(t, a) ^ rotl(t, b) with these
 // (a, b), listed in order so that a call site can expand one line per word.
-#define EAGLESONG_CIRCULANT(C, t, s, k)   \
-  do {                                    \
-    s[0] = C(2, 4, t[0]) ^ k[0];          \
-    s[1] = C(13, 22, t[1]) ^ k[1];        \
-    s[2] = C(4, 19, t[2]) ^ k[2];         \
-    s[3] = C(3, 14, t[3]) ^ k[3];         \
-    s[4] = C(27, 31, t[4]) ^ k[4];        \
-    s[5] = C(3, 8, t[5]) ^ k[5];          \
-    s[6] = C(17, 26, t[6]) ^ k[6];        \
-    s[7] = C(3, 12, t[7]) ^ k[7];         \
-    s[8] = C(18, 22, t[8]) ^ k[8];        \
-    s[9] = C(12, 18, t[9]) ^ k[9];        \
-    s[10] = C(4, 7, t[10]) ^ k[10];       \
-    s[11] = C(4, 31, t[11]) ^ k[11];      \
-    s[12] = C(12, 27, t[12]) ^ k[12];     \
-    s[13] = C(7, 17, t[13]) ^ k[13];      \
-    s[14] = C(7, 8, t[14]) ^ k[14];       \
-    s[15] = C(1, 13, t[15]) ^ k[15];      \
+#define EAGLESONG_CIRCULANT(C, t, s, k) \
+  do {                                  \
+    s[0] = C(2, 4, t[0]) ^ k[0];        \
+    s[1] = C(13, 22, t[1]) ^ k[1];      \
+    s[2] = C(4, 19, t[2]) ^ k[2];       \
+    s[3] = C(3, 14, t[3]) ^ k[3];       \
+    s[4] = C(27, 31, t[4]) ^ k[4];      \
+    s[5] = C(3, 8, t[5]) ^ k[5];        \
+    s[6] = C(17, 26, t[6]) ^ k[6];      \
+    s[7] = C(3, 12, t[7]) ^ k[7];       \
+    s[8] = C(18, 22, t[8]) ^ k[8];      \
+    s[9] = C(12, 18, t[9]) ^ k[9];      \
+    s[10] = C(4, 7, t[10]) ^ k[10];     \
+    s[11] = C(4, 31, t[11]) ^ k[11];    \
+    s[12] = C(12, 27, t[12]) ^ k[12];   \
+    s[13] = C(7, 17, t[13]) ^ k[13];    \
+    s[14] = C(7, 8, t[14]) ^ k[14];     \
+    s[15] = C(1, 13, t[15]) ^ k[15];    \
   } while (0)
 
 // Eight second-block permutations that share one midstate (from

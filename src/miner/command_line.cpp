@@ -39,8 +39,7 @@ bool AddPool(CommandLine &line, const std::string &value, std::string &error) {
 bool AddFingerprint(CommandLine &line, const std::string &value, std::string &error) {
   size_t equals = value.find('=');
   std::string pin;
-  if (!TlsLink::NormalisePin(equals == std::string::npos ? value : value.substr(equals + 1), pin) ||
-      equals == 0) {
+  if (!TlsLink::NormalisePin(equals == std::string::npos ? value : value.substr(equals + 1), pin) || equals == 0) {
     error = "needs [HOST=] and 64 hex digits (a SHA-256 fingerprint)";
     return false;
   }
@@ -97,8 +96,8 @@ const std::vector<OptionSpec> kOptions = {
      [](CommandLine &line, const std::string &value, std::string &error) {
        return SetSeconds(line.options.shareTimeoutSeconds, value, error);
      }},
-    {"pool", "URL", "a backup pool, stratum+tcp:// or stratum+ssl://[user[:password]@]host:port (repeatable)",
-     AddPool, true},
+    {"pool", "URL", "a backup pool, stratum+tcp:// or stratum+ssl://[user[:password]@]host:port (repeatable)", AddPool,
+     true},
     {"failback-delay", "SECONDS", "return to the primary pool once it has been up this long (120; 0: never)",
      [](CommandLine &line, const std::string &value, std::string &error) {
        return SetSecondsOrZero(line.options.failbackDelaySeconds, value, error);
@@ -114,11 +113,12 @@ const std::vector<OptionSpec> kOptions = {
        line.options.tlsCaFile = value;
        return true;
      }},
-    {"api-listen", "HOST:PORT", "serve the JSON API here (off unless given; a port alone is on 127.0.0.1, e.g. 4028)", SetApiListen},
-    {"api-allow", "ADDRESS", "this IPv4 address may enable, disable, switchpool and quit (repeatable)",
-     AddApiAllow, true},
-    {"metrics-listen", "HOST:PORT", "serve Prometheus metrics at /metrics here (off unless given; a port alone is on 127.0.0.1)",
-     SetMetricsListen},
+    {"api-listen", "HOST:PORT", "serve the JSON API here (off unless given; a port alone is on 127.0.0.1, e.g. 4028)",
+     SetApiListen},
+    {"api-allow", "ADDRESS", "this IPv4 address may enable, disable, switchpool and quit (repeatable)", AddApiAllow,
+     true},
+    {"metrics-listen", "HOST:PORT",
+     "serve Prometheus metrics at /metrics here (off unless given; a port alone is on 127.0.0.1)", SetMetricsListen},
     {"log-file", "PATH", "also write every line to this file, time-stamped; reopened on SIGUSR1",
      [](CommandLine &line, const std::string &value, std::string &) {
        line.options.logFile = value;

@@ -27,9 +27,9 @@ void ConsumeKeys(const std::function<void(char)> &callback);
 char InterruptableDelay(uint64_t seconds, const char *keys);
 
 // A coloured message: the colour, the log line, then the normal colour.
-#define LOG_COLOR(color, level, tag, ...)   \
-  do {                                      \
-    SetConsoleColor(color);                 \
-    VL_LOG((level), (tag), __VA_ARGS__);    \
-    SetConsoleColor(ConsoleColorNormal);    \
+#define LOG_COLOR(color, level, tag, ...) \
+  do {                                    \
+    SetConsoleColor(color);               \
+    VL_LOG((level), (tag), __VA_ARGS__);  \
+    SetConsoleColor(ConsoleColorNormal);  \
   } while (0)

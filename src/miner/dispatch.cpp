@@ -102,8 +102,7 @@ uint64_t RefreshPeriodMs(double hashRateMHs, uint64_t cores) {
 
 void RateDerivedBoardTarget(uint64_t currentClockHz, uint64_t cores, bool tuning, uint32_t target[8]) {
   double period = tuning ? 15.0 : 1.0;
-  double difficulty =
-      static_cast<double>(currentClockHz) * static_cast<double>(cores) * (1.0 / period) / 4294967296.0;
+  double difficulty = static_cast<double>(currentClockHz) * static_cast<double>(cores) * (1.0 / period) / 4294967296.0;
   DifficultyToTarget(difficulty, target);
   for (int i = 0; i < 6; i++) target[i] = 0xffffffff;
 }
@@ -186,7 +185,8 @@ void CollectNonces(WorkerLoop &loop, MiningContext &context, Worker &worker) {
 
     uint32_t reported[4] = {};
     for (uint32_t i = 0; i < 4; i++) {
-      if (flags & (1u << i)) reported[i] = BRYLDMADeviceRead(device, Registers(device), slot.base + SlotResultOffset(i));
+      if (flags & (1u << i))
+        reported[i] = BRYLDMADeviceRead(device, Registers(device), slot.base + SlotResultOffset(i));
     }
     BRYLDMADeviceWrite(device, Registers(device), slot.base + kSlotControl, control & ~kSlotFlagsMask);
 

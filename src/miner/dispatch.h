@@ -24,7 +24,7 @@ struct WorkerLoop {
   std::vector<JobSlot> slots;
   uint32_t boardTarget[8] = {};
   std::shared_ptr<StratumJob> job;
-  int64_t lastDispatch = 0;  // monotonic ticks
+  int64_t lastDispatch = 0;      // monotonic ticks
   uint64_t refreshPeriodMs = 0;  // 0: to be computed
   bool needWork = true;
   uint64_t seenGeneration = 0;
@@ -32,8 +32,8 @@ struct WorkerLoop {
   uint64_t crashCount = 0;
   uint64_t throttleMHz = 0;
   uint64_t cores = 1;
-  I2CController *i2c = nullptr;  // the board's I2C bus, alive as long as the thread
-  uint64_t passStep = 0;         // the clock step of this pass
+  I2CController *i2c = nullptr;    // the board's I2C bus, alive as long as the thread
+  uint64_t passStep = 0;           // the clock step of this pass
   uint64_t temperatureSeenAt = 0;  // monotonic seconds of the last valid core temperature
 };
 

@@ -97,8 +97,7 @@ bool ConsoleCtrlHandler(uint32_t event) {
       g_runState = RunStateStopping;
       while (g_runState != RunStateFinished) std::this_thread::sleep_for(std::chrono::milliseconds(25));
       return true;
-    default:
-      return false;
+    default: return false;
   }
 }
 
@@ -129,7 +128,7 @@ int MinerMain(int argc, char **argv) {
 
   // Kept for the whole run; left inactive, so the system may sleep as usual.
   std::unique_ptr<VLSystemSleepManager, void (*)(VLSystemSleepManager *)> sleepManager(VLSleepManagerCreate(),
-                                                                                     VLSleepManagerDestroy);
+                                                                                       VLSleepManagerDestroy);
   VLSleepManagerSetMode(sleepManager.get(), 1);
   VLSleepManagerSetDisabled(sleepManager.get(), false);
 

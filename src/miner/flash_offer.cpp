@@ -78,8 +78,7 @@ void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *d
     flags.asked = true;
   }
   if (!flags.consent) {
-    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "User didn't consent for flashing, skipping device %llu",
-              shown);
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "User didn't consent for flashing, skipping device %llu", shown);
     return;
   }
 
@@ -105,12 +104,12 @@ void OfferFlash(FlashOfferFlags &flags, MiningContext &context, BRYLDMADevice *d
 
   VL_LOG(VLLogLevelInfo, kTag, "Flashing device %llu", shown);
   const MappedFile &file = image->second.file;
-  FlashResult result = FlashDevice(device, mode.flashType, file.Data(), file.Size(), kFlashAttempts,
-                                   mode.flashFamily, coolEnough);
+  FlashResult result =
+      FlashDevice(device, mode.flashType, file.Data(), file.Size(), kFlashAttempts, mode.flashFamily, coolEnough);
   switch (result.outcome) {
     case FlashOutcome::Written:
-      LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag,
-                "Successfully flashed device %llu, please power cycle it", shown);
+      LOG_COLOR(ConsoleColorGreen, VLLogLevelError, kTag, "Successfully flashed device %llu, please power cycle it",
+                shown);
       flags.flashed = true;
       break;
     case FlashOutcome::Incomplete:

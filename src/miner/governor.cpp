@@ -37,7 +37,10 @@ uint64_t RefClockHz(const Worker &worker) {
 uint8_t MmcmMultiplier(const Worker &worker) {
   switch (worker.model) {
     case 1: return 16;
-    case 6: case 7: case 8: case 9: return 9;
+    case 6:
+    case 7:
+    case 8:
+    case 9: return 9;
     default: return 0;  // the board keeps its own
   }
 }
@@ -53,8 +56,10 @@ uint64_t CoreCount(BoardModel model) {
   switch (model) {
     case 10: return 20;
     case 1: return 12;
-    case 7: case 9: return 10;
-    case 6: case 8: return 5;
+    case 7:
+    case 9: return 10;
+    case 6:
+    case 8: return 5;
     case 5: return 3;
     default: return 1;
   }
@@ -89,11 +94,8 @@ bool IsCooking(const SensorReadings &readings, const ThermalLimits &limits) {
 
 uint64_t NextThrottleMHz(const SensorReadings &readings, const ThermalLimits &limits, uint64_t throttleMHz,
                          uint64_t targetClockHz) {
-  if (IsCooking(readings, limits)) {
-    return throttleMHz * 1000000 < targetClockHz ? throttleMHz + 1 : throttleMHz;
-  }
-  bool recovered = readings.vccint >= limits.recoveryVccint &&
-                   readings.coreTemperature <= kRecoveryCoreTemperature &&
+  if (IsCooking(readings, limits)) { return throttleMHz * 1000000 < targetClockHz ? throttleMHz + 1 : throttleMHz; }
+  bool recovered = readings.vccint >= limits.recoveryVccint && readings.coreTemperature <= kRecoveryCoreTemperature &&
                    readings.vrmTemperature < kRecoveryVrmTemperature;
   return throttleMHz != 0 && recovered ? throttleMHz - 1 : throttleMHz;
 }
@@ -115,8 +117,8 @@ double VrmTemperatureFromAux6(uint32_t raw) {
   return ((x + 897.25) * 1.90575 / 4096.0) * 400.0 - 272.15;
 }
 
-void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
-                uint64_t refClockHz, uint64_t &throttleMHz) {
+void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag, uint64_t refClockHz,
+                uint64_t &throttleMHz) {
   bool narrow = IsNarrowFamily(worker.model);
   worker.coreTemperature = ValidCoreTemperature(GetCoreTemperature(device, narrow));
   worker.vccint = ValidVccint(GetVccInt(device, narrow));

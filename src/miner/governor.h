@@ -57,8 +57,8 @@ double VrmTemperatureFromAux6(uint32_t raw);
 // Reads the sensors into the worker (NaN for no reading), stores the
 // heartbeat and applies the thermal rule to `throttleMHz`, logging while the
 // board cooks. Throws what the board's I2C bus throws.
-void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag,
-                uint64_t refClockHz, uint64_t &throttleMHz);
+void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const char *logTag, uint64_t refClockHz,
+                uint64_t &throttleMHz);
 
 // The clock that may be reached in this pass.
 uint64_t DesiredClockHz(Worker &worker, uint64_t step, uint64_t throttleMHz, uint64_t loopCount);

@@ -39,8 +39,7 @@ void LowerClocks(ConsoleSession &session) {
 
 void ShowIdentity(ConsoleSession &session) {
   ForEachTargeted(session, [](Worker &worker, size_t index) {
-    VL_LOG(VLLogLevelInfo, kTag, "Worker %llu DNA: %s", static_cast<unsigned long long>(index + 1),
-           worker.dna.c_str());
+    VL_LOG(VLLogLevelInfo, kTag, "Worker %llu DNA: %s", static_cast<unsigned long long>(index + 1), worker.dna.c_str());
     // A stopped worker has no loop to turn the LED off again.
     if (worker.enabled) {
       worker.identityLedRequest = true;
@@ -75,12 +74,8 @@ void HandleKey(ConsoleSession &session, char key) {
   if (g_runState != RunStateRunning) return;
   MiningContext &context = session.context;
   switch (key) {
-    case '+':
-      RaiseClocks(session);
-      break;
-    case '-':
-      LowerClocks(session);
-      break;
+    case '+': RaiseClocks(session); break;
+    case '-': LowerClocks(session); break;
     case 'q':
       VL_LOG(VLLogLevelInfo, kTag, "Quitting miner, shutting down devices...");
       g_runState = RunStateStopping;
@@ -103,9 +98,7 @@ void HandleKey(ConsoleSession &session, char key) {
       VL_LOG(VLLogLevelInfo, kTag, "Tuning targeted device(s)");
       ForEachTargeted(session, [](Worker &worker, size_t) { worker.tuning = TuningActive; });
       break;
-    case 'i':
-      ShowIdentity(session);
-      break;
+    case 'i': ShowIdentity(session); break;
     case 'c':
       VL_LOG(VLLogLevelInfo, kTag, "Preparing to print coupons, get your scissors ready!");
       ForEachTargeted(session, [](Worker &worker, size_t) { worker.couponRequest = true; });
@@ -115,12 +108,8 @@ void HandleKey(ConsoleSession &session, char key) {
       VL_LOG(VLLogLevelInfo, kTag, "Saving configuration of all devices");
       SaveConfiguration(context);
       break;
-    case 'p':
-      TargetPrevious(session);
-      break;
-    case 'n':
-      TargetNext(session);
-      break;
+    case 'p': TargetPrevious(session); break;
+    case 'n': TargetNext(session); break;
     case 'a':
       VL_LOG(VLLogLevelInfo, kTag, "Commands targeting all devices");
       session.targetDevice = -1;

@@ -177,11 +177,12 @@ void RunMonitoring::Start() {
     }
   }
   if (!options.metricsListen.empty()) {
-    metrics_ = std::make_unique<TcpServer>(HttpRequestComplete, [this](const std::string &request, const std::string &) {
-      return MetricsHttpAnswer(request, [this] {
-        return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
-      });
-    });
+    metrics_ =
+        std::make_unique<TcpServer>(HttpRequestComplete, [this](const std::string &request, const std::string &) {
+          return MetricsHttpAnswer(request, [this] {
+            return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
+          });
+        });
     if (metrics_->Start(options.metricsListen, error)) {
       VL_LOG(VLLogLevelInfo, kTag, "Metrics on port %u at /metrics", static_cast<unsigned>(metrics_->Port()));
     } else {
@@ -231,9 +232,7 @@ void RunMonitoring::Carry(const Command &command) {
       VL_LOG(VLLogLevelInfo, kTag, "API: disabling device %llu", static_cast<unsigned long long>(command.number));
       context_.workers[command.number - 1]->enabled = false;
       break;
-    case CommandKind::SwitchPool:
-      StratumSwitchPool(context_, static_cast<uint32_t>(command.number));
-      break;
+    case CommandKind::SwitchPool: StratumSwitchPool(context_, static_cast<uint32_t>(command.number)); break;
     case CommandKind::Quit:
       VL_LOG(VLLogLevelInfo, kTag, "API: quitting miner, shutting down devices...");
       g_runState = RunStateStopping;

@@ -113,8 +113,8 @@ void ScanDevices(MiningContext &context, bool recovery, const std::string &white
               "Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?");
     exit(1);
   }
-  LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag, "Found %llu BRYLDMA devices:",
-            static_cast<unsigned long long>(paths->size()));
+  LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag,
+            "Found %llu BRYLDMA devices:", static_cast<unsigned long long>(paths->size()));
 
   FlashOfferFlags flags;
   // A stop asked for during the scan ends it at the next board.

@@ -118,11 +118,10 @@ RowReadings PrintRow(Worker &worker, unsigned long long number) {
          "%2llu |  %s | %s%s C\x1b[0m | %s%s C\x1b[0m | %s%s V\x1b[0m |  %3.0f / %3.0f  | %8.2f MH/s | "
          "%5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu)",
          number, worker.modelName.c_str(), AboveColor(coreTemperature, 75.0, 70.0), core.text,
-         AboveColor(vrmTemperature, 120.0, 110.0), vrm.text, BelowColor(vccint, vccintRed, vccintYellow),
-         volts.text, static_cast<double>(worker.currentClockHz.load()) / 1000.0 / 1000.0,
-         static_cast<double>(worker.targetClockHz.load()) / 1000.0 / 1000.0, hashRateMHs,
-         found.value, found.sinceShown, accepted.value, accepted.sinceShown, invalid.value, invalid.sinceShown,
-         rejected.value, rejected.sinceShown);
+         AboveColor(vrmTemperature, 120.0, 110.0), vrm.text, BelowColor(vccint, vccintRed, vccintYellow), volts.text,
+         static_cast<double>(worker.currentClockHz.load()) / 1000.0 / 1000.0,
+         static_cast<double>(worker.targetClockHz.load()) / 1000.0 / 1000.0, hashRateMHs, found.value, found.sinceShown,
+         accepted.value, accepted.sinceShown, invalid.value, invalid.sinceShown, rejected.value, rejected.sinceShown);
   return {vrmTemperature, hashRateMHs};
 }
 

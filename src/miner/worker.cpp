@@ -64,7 +64,8 @@ void StopBoard(WorkerLoop &loop, Worker &worker) {
   BRYLDMADevice *device = worker.device.get();
   SetIdentityLed(device, worker.model, false, 0);
   VL_LOG(VLLogLevelInfo, loop.logTag, "Stopping hashcore(s)");
-  for (const JobSlot &slot : loop.slots) BRYLDMADeviceWrite(device, device->userFile, slot.base + kSlotControl, kSlotHold);
+  for (const JobSlot &slot : loop.slots)
+    BRYLDMADeviceWrite(device, device->userFile, slot.base + kSlotControl, kSlotHold);
   SleepMs(1);
   SetMmcmClockEnable(device, false, worker.layoutVersion);
   SetMmcmReset(device, true, worker.layoutVersion);
@@ -113,9 +114,7 @@ bool RunPass(WorkerLoop &loop, MiningContext &context, Worker &worker) {
   if (loop.loopCount % kSensorPassEvery == 0) {
     try {
       SensorPass(device, *loop.i2c, worker, loop.logTag, loop.refClockHz, loop.throttleMHz);
-    } catch (const std::runtime_error &error) {
-      TakeOut(loop, worker, error.what());
-    }
+    } catch (const std::runtime_error &error) { TakeOut(loop, worker, error.what()); }
   }
   CheckHealth(loop, worker);
 
@@ -197,9 +196,7 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
   loop.temperatureSeenAt = VLTimeSeconds();
   try {
     BringUpClock(loop.slots, device, worker, loop.logTag, loop.refClockHz, loop.mmcmMultiplier, i2c);
-  } catch (const std::runtime_error &error) {
-    TakeOut(loop, worker, error.what());
-  }
+  } catch (const std::runtime_error &error) { TakeOut(loop, worker, error.what()); }
 
   SetState(worker, WorkerStateFinalPreparation);
   loop.cores = CoreCount(worker.model);
@@ -208,8 +205,7 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
 
   SetState(worker, WorkerStateRunning);
   worker.miningSince = StratumMonotonicSeconds();
-  while (RunPass(loop, context, worker)) {
-  }
+  while (RunPass(loop, context, worker)) {}
   return nullptr;
 }
 

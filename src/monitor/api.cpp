@@ -22,11 +22,8 @@ enum : int {
 };
 
 Json Status(bool ok, int code, const std::string &message, const std::string &description, int64_t now) {
-  return Json::array({Json{{"STATUS", ok ? "S" : "E"},
-                           {"When", now},
-                           {"Code", code},
-                           {"Msg", message},
-                           {"Description", description}}});
+  return Json::array({Json{
+      {"STATUS", ok ? "S" : "E"}, {"When", now}, {"Code", code}, {"Msg", message}, {"Description", description}}});
 }
 
 // A reading the board did not give is null, not a number; the others to the
@@ -39,20 +36,21 @@ double Mhs(double value) { return std::round(value * 1000.0) / 1000.0; }
 
 Json Summary(const RunSnapshot &run) {
   double answered = static_cast<double>(run.accepted + run.rejected);
-  return Json::array({Json{{"Elapsed", static_cast<int64_t>(run.elapsed)},
-                           {"MHS av", Mhs(run.mhsAverage)},
-                           {"MHS 5s", Mhs(run.mhs5s)},
-                           {"MHS 1m", Mhs(run.mhs1m)},
-                           {"MHS 5m", Mhs(run.mhs5m)},
-                           {"MHS 15m", Mhs(run.mhs15m)},
-                           {"Nominal MHS", Mhs(run.nominalMHs)},
-                           {"Found", run.found},
-                           {"Accepted", run.accepted},
-                           {"Rejected", run.rejected},
-                           {"Hardware Errors", run.hardwareErrors},
-                           {"Dropped While Disconnected", run.droppedWhileDisconnected},
-                           {"Pool Rejected%", answered > 0 ? 100.0 * static_cast<double>(run.rejected) / answered : 0.0},
-                           {"Last Share Time", run.lastShareTime}}});
+  return Json::array(
+      {Json{{"Elapsed", static_cast<int64_t>(run.elapsed)},
+            {"MHS av", Mhs(run.mhsAverage)},
+            {"MHS 5s", Mhs(run.mhs5s)},
+            {"MHS 1m", Mhs(run.mhs1m)},
+            {"MHS 5m", Mhs(run.mhs5m)},
+            {"MHS 15m", Mhs(run.mhs15m)},
+            {"Nominal MHS", Mhs(run.nominalMHs)},
+            {"Found", run.found},
+            {"Accepted", run.accepted},
+            {"Rejected", run.rejected},
+            {"Hardware Errors", run.hardwareErrors},
+            {"Dropped While Disconnected", run.droppedWhileDisconnected},
+            {"Pool Rejected%", answered > 0 ? 100.0 * static_cast<double>(run.rejected) / answered : 0.0},
+            {"Last Share Time", run.lastShareTime}}});
 }
 
 Json Devs(const RunSnapshot &run) {

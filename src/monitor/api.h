@@ -24,7 +24,7 @@ bool ApiRequestComplete(const std::string &text);
 // What privileged commands do; each returns an empty string on success or
 // the reason it could not.
 struct ApiActions {
-  std::function<std::string(uint64_t board)> enable;   // board counted from 1
+  std::function<std::string(uint64_t board)> enable;  // board counted from 1
   std::function<std::string(uint64_t board)> disable;
   std::function<std::string(uint32_t pool)> switchPool;  // pool counted from 0
   std::function<void()> quit;

@@ -72,7 +72,8 @@ std::string MetricsText(const RunSnapshot &run, const std::string &version) {
   };
   for (const BoardGauge &gauge : gauges) {
     e.Family(gauge.name, "gauge", gauge.help);
-    for (const BoardSnapshot &board : run.boards) e.Sample(gauge.name, BoardLabels(board), board.*gauge.field * gauge.scale);
+    for (const BoardSnapshot &board : run.boards)
+      e.Sample(gauge.name, BoardLabels(board), board.*gauge.field * gauge.scale);
   }
   e.Family("ombry_board_enabled", "gauge", "1 while the board may mine.");
   for (const BoardSnapshot &board : run.boards) e.Sample("ombry_board_enabled", BoardLabels(board), board.enabled);

@@ -128,7 +128,8 @@ void TcpServer::Serve() {
   char buffer[4096];
   while (running_) {
     std::vector<pollfd> entries = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
-    for (const Client &client : clients) entries.push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
+    for (const Client &client : clients)
+      entries.push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
     poll(entries.data(), entries.size(), 100);
     if (!running_) break;
     double now = Now();

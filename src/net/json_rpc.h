@@ -61,7 +61,7 @@ struct VLJsonRpcClient {
   uint32_t transport = VLJsonRpcTransportNone;
   Relaxed<TRPSocketSet *> socketSet{nullptr};  // owned; senders use it under sendLock
   std::mutex sendLock;
-  VLObject *path = nullptr;           // request path of the HTTP transports
+  VLObject *path = nullptr;  // request path of the HTTP transports
   void *userData = nullptr;
   VLJsonRpcConnectedCallback connected = nullptr;
   VLJsonRpcDisconnectedCallback disconnected = nullptr;

@@ -12,8 +12,7 @@ void TRPSocketSetSetMessageCallbacks(TRPSocketSet *set, TRPSocketSetDisconnected
   TRPSocketSetSetCallbacks(set, disconnected, connected, TRPSocketSetParseMessage, nullptr, userData);
 }
 
-void TRPSocketSetParseMessage(TRPSocketSet *set, uint32_t tag, const uint8_t *bytes, uint32_t length,
-                              void *userData) {
+void TRPSocketSetParseMessage(TRPSocketSet *set, uint32_t tag, const uint8_t *bytes, uint32_t length, void *userData) {
   if (!TRPSocketSetFindTag(set, tag)) {
     VL_LOG(VLLogLevelInfo, "SOCKETSET", "Socket Set Recv on a NULL socket");
     return;

@@ -11,8 +11,10 @@ namespace {
 constexpr const char *kTag = "SOCKETSET";
 
 void ReportRefusal(uint64_t capacity, uint64_t wanted) {
-  VL_LOG(VLLogLevelError, kTag, "Failed to expand existing buffer of size %lu to at least size %lu (Would exceed hardmax of %i)",
-         static_cast<unsigned long>(capacity), static_cast<unsigned long>(wanted), static_cast<int>(kTRPSendRingHardMax));
+  VL_LOG(VLLogLevelError, kTag,
+         "Failed to expand existing buffer of size %lu to at least size %lu (Would exceed hardmax of %i)",
+         static_cast<unsigned long>(capacity), static_cast<unsigned long>(wanted),
+         static_cast<int>(kTRPSendRingHardMax));
 }
 
 uint64_t ReadOffset(const TRPSendRing *ring) {
@@ -88,9 +90,7 @@ uint64_t TRPSendRingPeek(const TRPSendRing *ring, void *out, uint64_t limit) {
   return count;
 }
 
-void TRPSendRingConsume(TRPSendRing *ring, uint64_t count) {
-  ring->sendUsed -= std::min(count, ring->sendUsed);
-}
+void TRPSendRingConsume(TRPSendRing *ring, uint64_t count) { ring->sendUsed -= std::min(count, ring->sendUsed); }
 
 void TRPSendRingFree(TRPSendRing *ring) {
   free(ring->sendBuffer);

@@ -176,17 +176,10 @@ bool StartThread(TRPSocketSet *set, TRPServiceThread which) {
   }
   set->renameRequested[which] = false;
   switch (which) {
-    case kTRPThreadConnect:
-      set->threads[which] = std::thread(ConnectThreadMain, set);
-      break;
-    case kTRPThreadReceive:
-      set->threads[which] = std::thread(ReceiveThreadMain, set);
-      break;
-    case kTRPThreadSend:
-      set->threads[which] = std::thread(SendThreadMain, set);
-      break;
-    default:
-      return false;
+    case kTRPThreadConnect: set->threads[which] = std::thread(ConnectThreadMain, set); break;
+    case kTRPThreadReceive: set->threads[which] = std::thread(ReceiveThreadMain, set); break;
+    case kTRPThreadSend: set->threads[which] = std::thread(SendThreadMain, set); break;
+    default: return false;
   }
   set->threadIds[which] = set->threads[which].get_id();
   return true;
@@ -710,8 +703,8 @@ void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uin
   }
 }
 
-bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
-                           uint32_t type, uint32_t tag, bool parseMessages, uint32_t options) {
+bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort, uint32_t type,
+                           uint32_t tag, bool parseMessages, uint32_t options) {
   (void)options;  // no option applies to the socket type built here
   if (!set) return false;
   CallScope call(set);
@@ -826,8 +819,8 @@ bool TRPSocketSetClose(TRPSocketSet *set) {
   set->ownerReleased = true;
   set->ownerClosing = true;
   if (set->running) {
-    VL_LOG(VLLogLevelVerbose, kTag, "Closing socket properly %s - %i, %i", NameOf(set),
-           static_cast<int>(set->running), static_cast<int>(set->disconnecting));
+    VL_LOG(VLLogLevelVerbose, kTag, "Closing socket properly %s - %i, %i", NameOf(set), static_cast<int>(set->running),
+           static_cast<int>(set->disconnecting));
     guard.unlock();
     // A service thread that meets a failure meanwhile may win the tear-down;
     // this then returns at once and the wait below covers it.

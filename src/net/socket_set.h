@@ -72,8 +72,8 @@ void TRPSocketSetSetKeepAlive(TRPSocketSet *set, bool enable, uint32_t idle, uin
 void TRPSocketSetSetUserTimeout(TRPSocketSet *set, uint32_t millis);
 // `host` may be null (any address); a name is resolved on the connect thread. Only kSocketTypeConnect is built, and
 // message parsing isn't: asking for other types or for parsing fails the call.
-bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort,
-                           uint32_t type, uint32_t tag, bool parseMessages, uint32_t options);
+bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPort, uint16_t remotePort, uint32_t type,
+                           uint32_t tag, bool parseMessages, uint32_t options);
 // True when the bytes were queued whole. A call's bytes are contiguous on the
 // stream whatever other threads send.
 bool TRPSocketSetSend(TRPSocketSet *set, const void *bytes, uint64_t length, uint32_t tag);
@@ -95,5 +95,4 @@ void TRPSocketSetSetMessageCallbacks(TRPSocketSet *set, TRPSocketSetDisconnected
                                      void *userData);
 // The pass-through itself: hands a read of a socket without message parsing to
 // the caller's raw data callback unchanged.
-void TRPSocketSetParseMessage(TRPSocketSet *set, uint32_t tag, const uint8_t *bytes, uint32_t length,
-                              void *userData);
+void TRPSocketSetParseMessage(TRPSocketSet *set, uint32_t tag, const uint8_t *bytes, uint32_t length, void *userData);

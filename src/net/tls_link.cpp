@@ -147,8 +147,8 @@ std::unique_ptr<TlsLink> TlsLink::Create(const TlsSettings &settings, WriteCiphe
                       ? SSL_CTX_set_default_verify_paths(state->context) == 1
                       : SSL_CTX_load_verify_locations(state->context, settings.caFile.c_str(), nullptr) == 1;
     if (!loaded) {
-      error = "cannot load trusted certificates" + (settings.caFile.empty() ? "" : " from " + settings.caFile) +
-              ": " + OpenSslError("unknown error");
+      error = "cannot load trusted certificates" + (settings.caFile.empty() ? "" : " from " + settings.caFile) + ": " +
+              OpenSslError("unknown error");
       return nullptr;
     }
   } else {

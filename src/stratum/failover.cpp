@@ -62,8 +62,8 @@ void OnProbeMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *us
       context.probe.lost = true;
     }
   } else if (VLNumberGetUInt64(id) == kAuthorizeId) {
-    bool accepted = !VLJsonRpcMessageIsError(message) && VLObjectType(result) == VLTypeNumber &&
-                    VLNumberGetBool(result);
+    bool accepted =
+        !VLJsonRpcMessageIsError(message) && VLObjectType(result) == VLTypeNumber && VLNumberGetBool(result);
     if (accepted) {
       context.probe.upSince = context.link.clock();
     } else {

@@ -320,9 +320,7 @@ void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *
   const VLObject *result = VLObjectType(fullResult) == VLTypeNumber ? fullResult : nullptr;
 
   switch (context.stratumState.load()) {
-    case Authorizing:
-      WhileAuthorizing(client, message, context, id, result);
-      break;
+    case Authorizing: WhileAuthorizing(client, message, context, id, result); break;
     case Subscribing:
       if (!id || VLNumberGetUInt64(id) != kSubscribeId) break;
       if (VLObjectType(fullResult) == VLTypeArray && VLArrayCount(fullResult) > 2) {
@@ -331,9 +329,7 @@ void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *
         VL_LOG(VLLogLevelError, kTag, "Failed to subscribe - invalid or failed response %s", ErrorText(message));
       }
       break;
-    case Mining:
-      WhileMining(message, context);
-      break;
+    case Mining: WhileMining(message, context); break;
     default: {
       const char *method = VLStringChars(VLJsonRpcMessageMethod(message));
       VL_LOG(VLLogLevelError, kTag, "Ignoring unexpected stratum message %s", method ? method : "(null)");
@@ -472,9 +468,7 @@ void StratumPoll(StratumContext &context) {
         DropLink(context, "The pool did not answer mining.authorize within " + Seconds(link.answerLimit));
       }
       break;
-    case Mining:
-      KeepMining(context, now);
-      break;
+    case Mining: KeepMining(context, now); break;
     case Disconnected:
       if (link.retryAt < 0) {
         // A new pool is tried at once; once every pool has failed since the
@@ -495,8 +489,7 @@ void StratumPoll(StratumContext &context) {
         StratumConnect(client.get(), context);
       }
       break;
-    default:
-      break;
+    default: break;
   }
 }
 

@@ -10,10 +10,10 @@
 #include "stratum/stratum_context.h"
 
 enum CandidateCode : uint32_t {
-  CandidateShare = 0,            // within the job target and the board target
-  CandidateAboveJobTarget = 1,   // within difficulty one only
-  CandidateAboveBoardTarget = 2, // within the job target, above the board's
-  CandidateNoSolution = 3,       // above difficulty one
+  CandidateShare = 0,             // within the job target and the board target
+  CandidateAboveJobTarget = 1,    // within difficulty one only
+  CandidateAboveBoardTarget = 2,  // within the job target, above the board's
+  CandidateNoSolution = 3,        // above difficulty one
 };
 
 struct CandidateResult {

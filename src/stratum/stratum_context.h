@@ -76,7 +76,7 @@ struct StratumLink {
   // Why the console loop dropped the connection, when that should make the
   // miner move to the next pool at once (a silent pool, a refused login).
   std::string giveUpReason;
-  uint32_t failuresInARow = 0;  // connections that never reached Mining
+  uint32_t failuresInARow = 0;      // connections that never reached Mining
   uint32_t switchesSinceMined = 0;  // pool switches since a connection last mined
 
   // The console loop's own: the retry schedule.
@@ -106,8 +106,8 @@ struct StratumContext {
   // Fixed once the run has started; the fields below describe the active one.
   std::vector<PoolEndpoint> pools;
   Relaxed<uint32_t> activePool;
-  double failbackDelay = 120;       // seconds the primary must stay up; 0: no failback
-  double primaryRetryInterval = 60; // seconds between tries of the primary
+  double failbackDelay = 120;        // seconds the primary must stay up; 0: no failback
+  double primaryRetryInterval = 60;  // seconds between tries of the primary
   PrimaryProbe probe;
   const char *poolHost = nullptr;
   uint16_t poolPort = 0;

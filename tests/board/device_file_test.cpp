@@ -32,9 +32,7 @@ class DeviceFileTest : public ::testing::Test {
     unsetenv("OMBRY_DEVICE_DIR");
     fs::remove_all(dir_);
   }
-  void Touch(const std::string &name, const std::string &content = "") {
-    std::ofstream(dir_ + "/" + name) << content;
-  }
+  void Touch(const std::string &name, const std::string &content = "") { std::ofstream(dir_ + "/" + name) << content; }
   // The four nodes of a board; control register 0 holds a memory-mapped
   // design's channel identifier.
   void MakeBoard(const std::string &name) {

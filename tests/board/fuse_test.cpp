@@ -61,8 +61,7 @@ TEST(FuseFrontEnd, ProductionFileLayerOnServedNodes) {
   auto devices = BRYLDMAGetDevices();
   unsetenv("OMBRY_DEVICE_DIR");
   ASSERT_TRUE(devices);
-  ASSERT_EQ(*devices,
-            (std::vector<std::string>{fuse.Dir() + "/xdma2", fuse.Dir() + "/xdma3", fuse.Dir() + "/xdma10"}));
+  ASSERT_EQ(*devices, (std::vector<std::string>{fuse.Dir() + "/xdma2", fuse.Dir() + "/xdma3", fuse.Dir() + "/xdma10"}));
 
   Device primary(BRYLDMADeviceOpen((*devices)[0], 0));
   Device sub(BRYLDMADeviceOpen((*devices)[0], 1));

@@ -30,8 +30,8 @@ TEST(BoardIdentity, WideFamilyModelComesFromBoardWordBits) {
     uint32_t bits;
     BoardModel model;
   };
-  for (const Case &c : {Case{"101_", 7, 4}, Case{"101_", 6, 3}, Case{"215+", 5, 2}, Case{"215_", 3, 0},
-                        Case{"215_", 0, 0}}) {
+  for (const Case &c :
+       {Case{"101_", 7, 4}, Case{"101_", 6, 3}, Case{"215+", 5, 2}, Case{"215_", 3, 0}, Case{"215_", 0, 0}}) {
     Boards boards(std::string("xdma0 identity=") + c.identity + " modelbits=" + std::to_string(c.bits) +
                   " boardword=0xffffffe3");
     auto device = boards.Open("xdma0");

@@ -8,7 +8,6 @@
 #include "sim/blocks.h"
 #include "sim/config.h"
 
-
 namespace {
 
 TEST(BoardList, ParsesCardsSubDevicesAndReportsErrorsByLine) {

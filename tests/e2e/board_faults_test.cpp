@@ -47,8 +47,8 @@ TEST(BoardFaults, AFailingBoardIsTakenOutQuicklyAndQuietlyWhileTheOtherMinesOn) 
     uint64_t accepted = run.Pool("accepted");
     ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; }, 60s));
     EXPECT_LE(Lines(run.Output().substr(from)), 300u);
-    std::cout << c.fault << ": taken out after " << seconds << " s, "
-              << Lines(run.Output().substr(from)) << " lines logged since the fault\n";
+    std::cout << c.fault << ": taken out after " << seconds << " s, " << Lines(run.Output().substr(from))
+              << " lines logged since the fault\n";
     run.Child().Type("q");
     EXPECT_EQ(run.Child().Wait(), 0);
   }

@@ -14,8 +14,8 @@ constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 // Each pool's job ids start with its seed, so a share sent to the wrong pool
 // shows by its job id.
 std::vector<std::string> EasyPool(const char *seed, std::vector<std::string> more = {}) {
-  std::vector<std::string> options = {"--difficulty", "0.002", "--notify-interval", "2", "--seed", seed,
-                                      "--job-prefix", std::string(seed) + "-"};
+  std::vector<std::string> options = {"--difficulty", "0.002", "--notify-interval", "2",
+                                      "--seed",       seed,    "--job-prefix",      std::string(seed) + "-"};
   options.insert(options.end(), more.begin(), more.end());
   return options;
 }
@@ -101,7 +101,7 @@ TEST(Failover, TlsPoolsAreCheckedAgainstTheirCaOrAPinnedCertificate) {
       {{"--tls-ca", certs.caFile}, true},
       {{"--tls-fingerprint", certs.fingerprint}, true},
       {{"--tls-fingerprint", "127.0.0.1=" + std::string(64, '0')}, false},
-      {{}, false},  // the system's store doesn't know the test CA
+      {{}, false},                                       // the system's store doesn't know the test CA
       {{"--tls-ca", certs.caFile}, false, "localhost"},  // a name the certificate doesn't carry
   };
   for (const Case &c : cases) {
@@ -117,9 +117,9 @@ TEST(Failover, TlsPoolsAreCheckedAgainstTheirCaOrAPinnedCertificate) {
     } else {
       // Three refused handshakes, each said with the pool and the reason, then the plain backup.
       ASSERT_TRUE(run.Until([&] { return PoolCount(plain, "accepted") >= 1; })) << run.Output();
-      EXPECT_EQ(run.Count("TLS with " + std::string(c.host) + ":" + std::to_string(run.PoolProcess().Port()) +
-                          " failed: "),
-                3u);
+      EXPECT_EQ(
+          run.Count("TLS with " + std::string(c.host) + ":" + std::to_string(run.PoolProcess().Port()) + " failed: "),
+          3u);
       EXPECT_EQ(run.Pool("accepted"), 0u);
     }
     run.Child().Type("q");

@@ -45,7 +45,7 @@ inline std::set<std::string> SubmittedJobIds(const testing_support::TestPool &po
     size_t at = line.find(kSubmit);
     if (at == std::string::npos) continue;
     size_t account = line.find('"', at + kSubmit.size());  // end of the account
-    size_t job = line.find('"', account + 1);             // start of the job id
+    size_t job = line.find('"', account + 1);              // start of the job id
     size_t end = job == std::string::npos ? job : line.find('"', job + 1);
     if (end != std::string::npos) jobs.insert(line.substr(job + 1, end - job - 1));
   }

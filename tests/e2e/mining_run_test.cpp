@@ -44,7 +44,8 @@ TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
     uint64_t accepted = run.Pool("accepted");
     return run.Count("Share Accepted!") == accepted && run.TableAccepted(2) == accepted &&
            run.Count("Share was rejected") == run.Pool("rejected");
-  })) << "pool " << run.Pool("accepted") << ", table " << run.TableAccepted(2);
+  })) << "pool "
+      << run.Pool("accepted") << ", table " << run.TableAccepted(2);
 
   run.Child().Type("q");
   EXPECT_EQ(run.Child().Wait(), 0);
@@ -123,8 +124,8 @@ TEST(MiningRun, AClockThatNeverSettlesTakesItsBoardOutWhileTheOtherMines) {
 }
 
 TEST(PoolFaults, GarbageHugeAndMalformedLinesDoNotStopMining) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--garbage-every", "3",
-                            "--huge-line", "300000", "--bad-job", "invalid-hex", "--bad-job-every", "3"});
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--garbage-every", "3", "--huge-line",
+                            "300000", "--bad-job", "invalid-hex", "--bad-job-every", "3"});
   ASSERT_TRUE(run.Start());
   EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= 4 && run.Pool("jobs") >= 6; })) << run.Output();
   run.Child().Type("q");

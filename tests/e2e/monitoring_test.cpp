@@ -64,8 +64,10 @@ uint16_t PortAfter(const MinerRun &run, const std::string &text) {
   return at == std::string::npos ? 0 : static_cast<uint16_t>(std::stoul(run.Output().substr(at + text.size())));
 }
 
-bool NameChar(char c, bool first) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':' ||
-                                            (!first && std::isdigit(static_cast<unsigned char>(c))); }
+bool NameChar(char c, bool first) {
+  return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':' ||
+         (!first && std::isdigit(static_cast<unsigned char>(c)));
+}
 
 // One sample line of the Prometheus text format: name, optional {key="value",...},
 // a space and a number. Returns the name and value, or false.
@@ -122,8 +124,8 @@ bool StampedUtcMilliseconds(const std::string &line) {
 TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesCommand) {
   MinerRun run("xdma0 model=7\nxdma1 model=2\n", {"--difficulty", "0.002"});
   std::string logFile = run.WorkDir().string() + "/miner.log";
-  ASSERT_TRUE(run.Start({"--api-listen", "127.0.0.1:0", "--api-allow", "127.0.0.1", "--metrics-listen",
-                         "127.0.0.1:0", "--log-file", logFile}));
+  ASSERT_TRUE(run.Start({"--api-listen", "127.0.0.1:0", "--api-allow", "127.0.0.1", "--metrics-listen", "127.0.0.1:0",
+                         "--log-file", logFile}));
   ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 10; })) << run.Output();
   uint16_t api = PortAfter(run, "JSON API listening on port ");
   uint16_t metrics = PortAfter(run, "Metrics on port ");
@@ -162,7 +164,8 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
                summary["Accepted"] == run.Pool("accepted") && summary["Rejected"] == run.Pool("rejected");
       },
       30s))
-      << summary.dump() << "\n" << run.PoolProcess().Stats();
+      << summary.dump() << "\n"
+      << run.PoolProcess().Stats();
   devs = Api(api, "devs")["DEVS"];
   ASSERT_EQ(devs.size(), 2u);
   uint64_t boardAccepted = 0;
@@ -183,8 +186,7 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
   std::string scrape = Ask(metrics, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
   ASSERT_EQ(scrape.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << scrape;
   std::string body = scrape.substr(scrape.find("\r\n\r\n") + 4);
-  EXPECT_EQ(SumSamples(body, "ombry_shares_total", "result=\"accepted\""),
-            static_cast<double>(run.Pool("accepted")));
+  EXPECT_EQ(SumSamples(body, "ombry_shares_total", "result=\"accepted\""), static_cast<double>(run.Pool("accepted")));
   EXPECT_EQ(SumSamples(body, "ombry_pool_up", "pool=\"0\""), 1);
   EXPECT_EQ(Ask(metrics, "GET /other HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 404", 0), 0u);
 
@@ -194,8 +196,8 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
   run.Child().Signal(SIGUSR1);
   EXPECT_EQ(Api(api, "enable|1")["STATUS"][0]["STATUS"], "S");
   ASSERT_TRUE(run.Until([&] { return run.Count("API: enabling device 1") == 1; }, 30s));
-  ASSERT_TRUE(run.Until([&] { return std::filesystem::exists(logFile) && std::filesystem::file_size(logFile) > 0; },
-                        30s));
+  ASSERT_TRUE(
+      run.Until([&] { return std::filesystem::exists(logFile) && std::filesystem::file_size(logFile) > 0; }, 30s));
   std::ifstream rotated(logFile + ".1");
   std::string first;
   std::getline(rotated, first);

@@ -38,8 +38,9 @@ class FlashDeviceTest : public SimBoardTest {
  protected:
   // Runs the flow with its console output kept out of the test's; true when
   // the image was written and read back.
-  bool Flash(BRYLDMADevice *device, uint32_t type, const std::vector<uint8_t> &image, uint64_t attempts = 3,
-             uint8_t family = 1, std::function<bool()> mayErase = [] { return true; }) {
+  bool Flash(
+      BRYLDMADevice *device, uint32_t type, const std::vector<uint8_t> &image, uint64_t attempts = 3,
+      uint8_t family = 1, std::function<bool()> mayErase = [] { return true; }) {
     testing_support::StreamCapture capture;
     result_ = FlashDevice(device, type, image.data(), image.size(), attempts, family, mayErase);
     output_ = capture.Out();
@@ -146,9 +147,7 @@ TEST_F(FlashDeviceTest, FailuresAreNeverReportedAsSuccess) {
     EXPECT_FALSE(Flash(Open(), FlashTypeWhole, image, c.attempts, 0, [&] { return c.mayErase; }));
     EXPECT_EQ(result_.outcome, c.outcome);
     EXPECT_NE(result_.reason.find(c.reason), std::string::npos) << result_.reason;
-    if (c.outcome == FlashOutcome::NotStarted) {
-      EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kSectorErase4).empty());
-    }
+    if (c.outcome == FlashOutcome::NotStarted) { EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kSectorErase4).empty()); }
     TearDown();
   }
 }

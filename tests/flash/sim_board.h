@@ -96,8 +96,8 @@ inline std::filesystem::path TempDirectory(const std::string &name) {
 
 // An empty ./bitstreams/ tree, one folder per model, under `root`.
 inline void MakeBitstreamTree(const std::filesystem::path &root) {
-  for (const char *folder : {"O101", "1525", "O215", "O21F", "CV13", "JC33", "JC35", "JC37", "JC39", "NV01",
-                             "OMPR", "RK33", "RK35", "RK37"}) {
+  for (const char *folder : {"O101", "1525", "O215", "O21F", "CV13", "JC33", "JC35", "JC37", "JC39", "NV01", "OMPR",
+                             "RK33", "RK35", "RK37"}) {
     std::filesystem::create_directories(root / "bitstreams" / (std::string("CKB-") + folder));
   }
 }

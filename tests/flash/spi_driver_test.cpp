@@ -142,9 +142,7 @@ TEST_F(SpiFlashTest, ChipThatStaysBusyTimesOut) {
   try {
     flash_.Write(0, data.data(), data.size());
     FAIL() << "a busy chip was written";
-  } catch (const std::runtime_error &e) {
-    EXPECT_STREQ(e.what(), "Timeout waiting for flash ready");
-  }
+  } catch (const std::runtime_error &e) { EXPECT_STREQ(e.what(), "Timeout waiting for flash ready"); }
 }
 
 }  // namespace

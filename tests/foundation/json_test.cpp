@@ -33,7 +33,7 @@ TEST(JsonReader, SkipsWhatItDoesNotKnowAndNeedsNoPunctuation) {
       {"[1,2}", "[u64:1,u64:2]"},  // a brace closes an array too
       {R"({"a":})", "{}"},
       {R"({"a":1,"a":2,"b":3})", R"({"a":u64:2,"b":u64:3})"},  // a duplicate keeps its place
-      {R"({[1]:2})", "{[u64:1]:u64:2}"},                        // any value can be a key
+      {R"({[1]:2})", "{[u64:1]:u64:2}"},                       // any value can be a key
   });
 }
 
@@ -74,7 +74,8 @@ TEST(JsonReader, ReadsWhatAPoolSends) {
       {R"({"id":1,"result":[[["mining.set_difficulty","0.5"],["mining.notify","ae68"]],"08000002",4],"error":null})",
        R"({"id":u64:1,"result":[[["mining.set_difficulty","0.5"],["mining.notify","ae68"]],"08000002",u64:4],"error":null})"},
       {R"({"id":null,"method":"mining.notify","params":["1a2b",")" + hash + R"(",1234567,")" + hash + R"(",true]})",
-       R"({"id":null,"method":"mining.notify","params":["1a2b",")" + hash + R"(",u64:1234567,")" + hash + R"(",true]})"},
+       R"({"id":null,"method":"mining.notify","params":["1a2b",")" + hash + R"(",u64:1234567,")" + hash +
+           R"(",true]})"},
       {R"({"id":null,"method":"mining.set_target","params":[")" + target + R"("]})",
        R"({"id":null,"method":"mining.set_target","params":[")" + target + R"("]})"},
       {R"({"id":4,"result":null,"error":[21,"Job not found",null]})",

@@ -24,9 +24,8 @@ TEST(XmlPlist, ReadsTheElements) {
       "  <key>list</key><array><string></string><integer>7.9</integer></array>\n"
       "</dict>\n"
       "</plist>\n";
-  EXPECT_EQ(ParseShow(document),
-            R"({"name":"a &amp; b","count":u32:4294967295,"ratio":real:2.5,"on":true,"off":false,)"
-            R"("blob":<0001ff>,"list":["",u32:7]})");
+  EXPECT_EQ(ParseShow(document), R"({"name":"a &amp; b","count":u32:4294967295,"ratio":real:2.5,"on":true,"off":false,)"
+                                 R"("blob":<0001ff>,"list":["",u32:7]})");
 }
 
 // Builds a binary property list: objects in order, one-byte offsets and references.
@@ -59,9 +58,9 @@ TEST(BinaryPlist, ReadsObjectsThroughTheOffsetTable) {
   std::string plist = BinaryPlist({
       std::string("\xD3\x01\x02\x03\x04\x05\x06", 7),  // dict of 3: keys 1,2,3, values 4,5,6
       "\x51k",
-      std::string("\x61\x00\xE9", 3),                  // UTF-16 "é"
-      "\x50",                                           // empty ASCII string
-      std::string("\xA3\x07\x08\x09", 4),              // array of refs 7, 8, 9
+      std::string("\x61\x00\xE9", 3),      // UTF-16 "é"
+      "\x50",                              // empty ASCII string
+      std::string("\xA3\x07\x08\x09", 4),  // array of refs 7, 8, 9
       std::string("\x13\x00\x00\x00\x01\x00\x00\x00\x02", 9),
       std::string("\x23\x3F\xF8\x00\x00\x00\x00\x00\x00", 9),
       "\x09",

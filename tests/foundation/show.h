@@ -15,24 +15,17 @@
 inline std::string Show(const VLObject *obj) {
   char buffer[64];
   switch (VLObjectType(obj)) {
-    case 0:
-      return "<nullptr>";
+    case 0: return "<nullptr>";
     case VLTypeNumber: {
       uint64_t low = obj->number.bits & 0xFFFFFFFF;
       switch (obj->number.kind) {
-        case VLNumberUInt32:
-          snprintf(buffer, sizeof buffer, "u32:%" PRIu64, low);
-          break;
-        case VLNumberInt32:
-          snprintf(buffer, sizeof buffer, "i32:%d", static_cast<int32_t>(low));
-          break;
+        case VLNumberUInt32: snprintf(buffer, sizeof buffer, "u32:%" PRIu64, low); break;
+        case VLNumberInt32: snprintf(buffer, sizeof buffer, "i32:%d", static_cast<int32_t>(low)); break;
         case VLNumberReal:
           snprintf(buffer, sizeof buffer, "real:%.17g", std::bit_cast<double>(obj->number.bits));
           break;
-        case VLNumberBool:
-          return low ? "true" : "false";
-        default:
-          snprintf(buffer, sizeof buffer, "u64:%" PRIu64, (uint64_t{obj->number.high} << 32) | low);
+        case VLNumberBool: return low ? "true" : "false";
+        default: snprintf(buffer, sizeof buffer, "u64:%" PRIu64, (uint64_t{obj->number.high} << 32) | low);
       }
       return buffer;
     }
@@ -69,10 +62,8 @@ inline std::string Show(const VLObject *obj) {
       }
       return text + "}";
     }
-    case VLTypeNull:
-      return "null";
-    default:
-      return "tag" + std::to_string(VLObjectType(obj));
+    case VLTypeNull: return "null";
+    default: return "tag" + std::to_string(VLObjectType(obj));
   }
 }
 

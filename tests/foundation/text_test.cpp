@@ -66,10 +66,10 @@ std::string HexData(const char *text) {
 TEST(Hex, DecodesLenientlyAndTakesAPrefix) {
   EXPECT_EQ(HexData("0x1f"), "<1f>");
   EXPECT_EQ(HexData("0X1F2e"), "<1f2e>");
-  EXPECT_EQ(HexData("0x"), "<ff>");    // too short for a prefix: '0' then a bad digit
-  EXPECT_EQ(HexData("abc"), "<ab>");   // an odd last digit is ignored
-  EXPECT_EQ(HexData("g1"), "<f1>");    // a bad first digit counts as 15
-  EXPECT_EQ(HexData("1g00"), "<ff00>"); // a bad second digit makes the byte 0xFF
+  EXPECT_EQ(HexData("0x"), "<ff>");      // too short for a prefix: '0' then a bad digit
+  EXPECT_EQ(HexData("abc"), "<ab>");     // an odd last digit is ignored
+  EXPECT_EQ(HexData("g1"), "<f1>");      // a bad first digit counts as 15
+  EXPECT_EQ(HexData("1g00"), "<ff00>");  // a bad second digit makes the byte 0xFF
   EXPECT_EQ(HexData(""), "<nullptr>");
   EXPECT_EQ(VLDataFromHexString(nullptr), nullptr);
   uint8_t *bytes = VLHexDecode("00ff7");

@@ -29,7 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   refuse.disable = refuse.enable;
   refuse.switchPool = [](uint32_t) -> std::string { abort(); };
   refuse.quit = [] { abort(); };
-  nlohmann::json reply = nlohmann::json::parse(ApiReply(text, false, run, refuse, "ombry-miner fuzz", 0), nullptr, false);
+  nlohmann::json reply =
+      nlohmann::json::parse(ApiReply(text, false, run, refuse, "ombry-miner fuzz", 0), nullptr, false);
   Check(reply.is_object() && reply.contains("STATUS") && reply["STATUS"].size() == 1);
 
   ApiRequest request;

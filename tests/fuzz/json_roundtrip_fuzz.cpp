@@ -36,18 +36,14 @@ VLObject *Build(FuzzedDataProvider &input, uint32_t depth, uint32_t &budget) {
   --budget;
   uint32_t choice = input.ConsumeIntegralInRange<uint32_t>(0, depth < 12 ? 10 : 8);
   switch (choice) {
-    case 0:
-      return VLNumberCreateUInt32(input.ConsumeIntegral<uint32_t>());
-    case 1:
-      return VLNumberCreateInt32(input.ConsumeIntegral<uint32_t>());
+    case 0: return VLNumberCreateUInt32(input.ConsumeIntegral<uint32_t>());
+    case 1: return VLNumberCreateInt32(input.ConsumeIntegral<uint32_t>());
     case 2: {
       double real = input.ConsumeFloatingPointInRange<double>(-1e15, 1e15);
       return VLNumberCreateReal(real);
     }
-    case 3:
-      return VLNumberCreateBool(input.ConsumeIntegral<uint8_t>());
-    case 4:
-      return VLNumberCreateUInt64(input.ConsumeIntegral<uint64_t>());
+    case 3: return VLNumberCreateBool(input.ConsumeIntegral<uint8_t>());
+    case 4: return VLNumberCreateUInt64(input.ConsumeIntegral<uint64_t>());
     case 5: {
       std::string text = Text(input, 64);
       VLObject *string = VLStringCreateWithCapacity(static_cast<uint32_t>(text.size()));
@@ -59,8 +55,7 @@ VLObject *Build(FuzzedDataProvider &input, uint32_t depth, uint32_t &budget) {
       return VLDataCreate(bytes.data(), static_cast<uint32_t>(bytes.size()));
     }
     case 7:
-    case 8:
-      return VLNullCreate();
+    case 8: return VLNullCreate();
     case 9: {
       VLObject *array = VLArrayCreate(input.ConsumeIntegralInRange<uint32_t>(0, 4));
       uint32_t count = input.ConsumeIntegralInRange<uint32_t>(0, 6);
@@ -105,8 +100,7 @@ bool Matches(const VLObject *written, const VLObject *read) {
     case VLTypeNumber: {
       uint32_t low = static_cast<uint32_t>(VLNumberGetInt32(written));
       switch (VLNumberGetKind(written)) {
-        case VLNumberUInt32:
-          return IsU64(read, low);
+        case VLNumberUInt32: return IsU64(read, low);
         case VLNumberInt32:
           if (static_cast<int32_t>(low) >= 0) return IsU64(read, low);
           return VLObjectType(read) == VLTypeNumber && VLNumberGetKind(read) == VLNumberInt32 &&
@@ -120,12 +114,10 @@ bool Matches(const VLObject *written, const VLObject *read) {
         case VLNumberBool:
           return VLObjectType(read) == VLTypeNumber && VLNumberGetKind(read) == VLNumberBool &&
                  VLNumberGetBool(read) == VLNumberGetBool(written);
-        default:
-          return IsU64(read, VLTruncateUInt64(static_cast<double>(VLNumberGetUInt64(written))));
+        default: return IsU64(read, VLTruncateUInt64(static_cast<double>(VLNumberGetUInt64(written))));
       }
     }
-    case VLTypeString:
-      return SameString(read, VLStringChars(written), VLStringLength(written));
+    case VLTypeString: return SameString(read, VLStringChars(written), VLStringLength(written));
     case VLTypeData: {
       size_t length = 0;
       char *base64 = VLBase64Encode(VLDataBytes(written), VLDataLength(written), &length);
@@ -133,8 +125,7 @@ bool Matches(const VLObject *written, const VLObject *read) {
       free(base64);
       return same;
     }
-    case VLTypeNull:
-      return VLObjectType(read) == VLTypeNull;
+    case VLTypeNull: return VLObjectType(read) == VLTypeNull;
     case VLTypeArray:
       if (VLObjectType(read) != VLTypeArray || VLArrayCount(read) != VLArrayCount(written)) return false;
       for (uint32_t i = 0; i < VLArrayCount(written); ++i) {
@@ -150,8 +141,7 @@ bool Matches(const VLObject *written, const VLObject *read) {
         }
       }
       return true;
-    default:
-      return false;
+    default: return false;
   }
 }
 

@@ -34,7 +34,8 @@ struct Verdict {
   uint64_t accepted[4], rejected[4];
   bool loginRefused;
   bool operator==(const Verdict &other) const {
-    bool sameDifficulty = difficulty == other.difficulty || (difficulty != difficulty && other.difficulty != other.difficulty);
+    bool sameDifficulty =
+        difficulty == other.difficulty || (difficulty != difficulty && other.difficulty != other.difficulty);
     return state == other.state && sameDifficulty && extranonce1 == other.extranonce1 &&
            extranonce2Size == other.extranonce2Size && jobId == other.jobId && generation == other.generation &&
            memcmp(accepted, other.accepted, sizeof accepted) == 0 &&
@@ -72,8 +73,15 @@ Verdict Run(const uint8_t *settings, const uint8_t *bytes, size_t size, uint32_t
   }
   VLJsonRpcClientDestroy(client);
 
-  Verdict verdict{context.stratumState, context.difficulty, context.extranonce1, context.extranonce2Size, "",
-                  context.jobGeneration.load(), {}, {}, context.link.loginRefused};
+  Verdict verdict{context.stratumState,
+                  context.difficulty,
+                  context.extranonce1,
+                  context.extranonce2Size,
+                  "",
+                  context.jobGeneration.load(),
+                  {},
+                  {},
+                  context.link.loginRefused};
   if (auto job = context.CurrentJob()) verdict.jobId = job->jobId;
   for (int i = 0; i < 4; i++) {
     verdict.accepted[i] = context.counters[i].sharesAccepted;

@@ -52,8 +52,8 @@ class EaglesongLanes : public ::testing::TestWithParam<EaglesongLanePath> {
 
 TEST_P(EaglesongLanes, BatchEqualsScalarInEveryLaneAndWritesNothingPastCount) {
   constexpr uint32_t kGuard = 0xdeadbeef;
-  for (size_t count : {size_t{0}, size_t{1}, size_t{7}, size_t{8}, size_t{9}, size_t{15}, size_t{17}, size_t{64},
-                       size_t{101}}) {
+  for (size_t count :
+       {size_t{0}, size_t{1}, size_t{7}, size_t{8}, size_t{9}, size_t{15}, size_t{17}, size_t{64}, size_t{101}}) {
     std::vector<std::array<uint32_t, 4>> nonces(count);
     for (auto &nonce : nonces) {
       for (uint32_t &word : nonce) word = rng();
@@ -101,8 +101,8 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
   // each lane position of every path.
   for (size_t skip = 0; skip < 16 && skip <= expected; ++skip) {
     Words8 digest{};
-    const size_t found = EaglesongSearch48(header, word0, word1, tails.data() + skip, tails.size() - skip,
-                                           bound.data(), digest.data(), GetParam());
+    const size_t found = EaglesongSearch48(header, word0, word1, tails.data() + skip, tails.size() - skip, bound.data(),
+                                           digest.data(), GetParam());
     ASSERT_EQ(found + skip, expected) << "skip " << skip;
     EXPECT_EQ(digest, ScalarDigest(tails[expected]));
   }
@@ -119,17 +119,16 @@ TEST_P(EaglesongLanes, SearchBoundIsInclusiveAndComparesAllWords) {
   const Words8 minimum = Number(ScalarDigest(tails[19]).data());
 
   Words8 digest{};
-  EXPECT_EQ(EaglesongSearch48(header, word0, word1, tails.data(), tails.size(), minimum.data(), digest.data(),
-                              GetParam()),
-            19u)
+  EXPECT_EQ(
+      EaglesongSearch48(header, word0, word1, tails.data(), tails.size(), minimum.data(), digest.data(), GetParam()),
+      19u)
       << "a digest equal to the bound is within it";
   EXPECT_EQ(Number(digest.data()), minimum);
 
   // One below the minimum in the lowest word: nothing qualifies, and the
   // digest buffer is left alone.
   Words8 below = minimum;
-  for (size_t i = 0; i < 8 && below[i]-- == 0; ++i) {
-  }
+  for (size_t i = 0; i < 8 && below[i]-- == 0; ++i) {}
   Words8 untouched;
   untouched.fill(0x5a5a5a5a);
   Words8 out = untouched;
@@ -145,7 +144,8 @@ TEST_P(EaglesongLanes, SearchBoundIsInclusiveAndComparesAllWords) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, EaglesongLanes,
-                         ::testing::Values(EaglesongLanePath::Portable, EaglesongLanePath::Avx2, EaglesongLanePath::Avx512),
+                         ::testing::Values(EaglesongLanePath::Portable, EaglesongLanePath::Avx2,
+                                           EaglesongLanePath::Avx512),
                          [](const ::testing::TestParamInfo<EaglesongLanePath> &info) {
                            return std::string(EaglesongLanePathName(info.param));
                          });

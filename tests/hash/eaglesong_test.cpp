@@ -22,8 +22,8 @@ using Digest = std::array<uint8_t, 32>;
 // Only the constant table is shared, and the published vectors vouch for it.
 constexpr uint16_t kMatrixRows[16] = {0xf5f1, 0x7af9, 0x3d7d, 0x1ebf, 0xfaae, 0x88a7, 0xb1a2, 0xad21,
                                       0x5691, 0x2b49, 0x15a5, 0x0ad3, 0xf098, 0x784c, 0x3c26, 0xebe3};
-constexpr int kRotations[16][2] = {{2, 4},   {13, 22}, {4, 19}, {3, 14},  {27, 31}, {3, 8},  {17, 26}, {3, 12},
-                                   {18, 22}, {12, 18}, {4, 7},  {4, 31},  {12, 27}, {7, 17}, {7, 8},   {1, 13}};
+constexpr int kRotations[16][2] = {{2, 4},   {13, 22}, {4, 19}, {3, 14}, {27, 31}, {3, 8},  {17, 26}, {3, 12},
+                                   {18, 22}, {12, 18}, {4, 7},  {4, 31}, {12, 27}, {7, 17}, {7, 8},   {1, 13}};
 
 void ReferencePermutation(uint32_t s[16]) {
   for (int r = 0; r < 43; ++r) {

@@ -7,9 +7,9 @@
 
 // The order is all that is settled about this table, so it is pinned here.
 TEST(HashCatalogue, SeventeenDistinctNamesInTheirFixedOrder) {
-  const char *const expected[] = {"blake",  "bmw512", "groestl", "jh512",  "keccak",    "skein",
-                                  "luffa",  "cube",   "shavite", "simd",   "echo",      "hamsi",
-                                  "fugue",  "shabal", "whirlpool", "sha512", "tiger"};
+  const char *const expected[] = {"blake", "bmw512", "groestl",   "jh512",  "keccak", "skein",
+                                  "luffa", "cube",   "shavite",   "simd",   "echo",   "hamsi",
+                                  "fugue", "shabal", "whirlpool", "sha512", "tiger"};
   static_assert(std::size(expected) == kHashCatalogueCount);
   std::set<std::string> seen;
   for (size_t i = 0; i < kHashCatalogueCount; ++i) {

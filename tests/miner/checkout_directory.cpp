@@ -12,9 +12,7 @@ class CheckoutDirectory : public ::testing::Environment {
     // Non-fatal: a fatal failure here would turn every test into a skip.
     const char *source = getenv("OMBRY_SOURCE_DIR");
     EXPECT_NE(source, nullptr) << "run the tests through ctest";
-    if (source) {
-      EXPECT_EQ(chdir(source), 0);
-    }
+    if (source) { EXPECT_EQ(chdir(source), 0); }
   }
 };
 const auto *const kCheckoutDirectory = ::testing::AddGlobalTestEnvironment(new CheckoutDirectory);

@@ -30,8 +30,7 @@ Parsed Parse(std::vector<std::string> words) {
 TEST(CommandLineTest, OptionsStandAnywhereAndLeaveThePositionalWordsInOrder) {
   Parsed parsed = Parse({"--pool-silence", "45", "ckb", "pool", "--share-timeout=12.5", "3333", "w", "x", "200"});
   ASSERT_TRUE(parsed.ok) << parsed.error;
-  EXPECT_EQ(parsed.line.positional,
-            (std::vector<std::string>{"ombry-miner", "ckb", "pool", "3333", "w", "x", "200"}));
+  EXPECT_EQ(parsed.line.positional, (std::vector<std::string>{"ombry-miner", "ckb", "pool", "3333", "w", "x", "200"}));
   EXPECT_EQ(parsed.line.options.poolSilenceSeconds, 45);
   EXPECT_EQ(parsed.line.options.shareTimeoutSeconds, 12.5);
 
@@ -69,8 +68,8 @@ namespace {
 
 std::string WriteSettings(const std::string &text) {
   static int count = 0;
-  std::string path = testing::TempDir() + "ombry-settings-" + std::to_string(getpid()) + "-" +
-                     std::to_string(count++) + ".json";
+  std::string path =
+      testing::TempDir() + "ombry-settings-" + std::to_string(getpid()) + "-" + std::to_string(count++) + ".json";
   FILE *file = fopen(path.c_str(), "w");
   fputs(text.c_str(), file);
   fclose(file);
@@ -78,14 +77,14 @@ std::string WriteSettings(const std::string &text) {
 }
 
 TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
-  std::string path = WriteSettings(
-      R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
-      R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20"})");
+  std::string path =
+      WriteSettings(R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
+                    R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20"})");
   Parsed fromFile = Parse({"--config", path});
   ASSERT_TRUE(fromFile.ok) << fromFile.error;
   // A device without a clock: the clock's place holds "no forced clock".
-  EXPECT_EQ(fromFile.line.positional, (std::vector<std::string>{"ombry-miner", "ckb", "pool.example", "3333",
-                                                                 "w.rig", "x", "0", "/dev/xdma0"}));
+  EXPECT_EQ(fromFile.line.positional,
+            (std::vector<std::string>{"ombry-miner", "ckb", "pool.example", "3333", "w.rig", "x", "0", "/dev/xdma0"}));
   EXPECT_EQ(fromFile.line.options.poolSilenceSeconds, 120);
   EXPECT_EQ(fromFile.line.options.shareTimeoutSeconds, 20);
 

@@ -8,9 +8,9 @@
 #include "sim_boards.h"
 #include "support/process.h"
 
-using testing_support::BuiltProgram;
 using miner_testing::SimBoardList;
 using miner_testing::SimMiner;
+using testing_support::BuiltProgram;
 using testing_support::RunProcess;
 
 namespace {
@@ -29,8 +29,9 @@ TEST(EntryTest, TooFewArgumentsAskForParameters) {
     args.insert(args.begin(), Miner());
     auto result = RunProcess(args, {EmptyDeviceDir()});
     EXPECT_EQ(result.exitCode, 1) << args.size();
-    EXPECT_EQ(result.err, "E/Miner        : Not enough parameters. Please check the provided example file "
-                          "(start.bat / start.sh).\n");
+    EXPECT_EQ(result.err,
+              "E/Miner        : Not enough parameters. Please check the provided example file "
+              "(start.bat / start.sh).\n");
     // No colour codes into a pipe.
     EXPECT_EQ(result.out, "");
   }

@@ -25,7 +25,8 @@ TEST(GovernorTablesTest, ClocksMultipliersAndCoresFollowTheModel) {
   for (auto [model, hz] : {std::pair{1u, 300000000u}, {10u, 125000000u}, {6u, 200000000u}, {3u, 125000000u}})
     EXPECT_EQ(RefClockHz(MakeWorker(model)), hz);
   for (auto [model, times] : {std::pair{1u, 16}, {8u, 9}, {2u, 0}}) EXPECT_EQ(MmcmMultiplier(MakeWorker(model)), times);
-  for (auto [model, count] : {std::pair{10u, 20u}, {7u, 10u}, {8u, 5u}, {5u, 3u}, {4u, 1u}}) EXPECT_EQ(CoreCount(model), count);
+  for (auto [model, count] : {std::pair{10u, 20u}, {7u, 10u}, {8u, 5u}, {5u, 3u}, {4u, 1u}})
+    EXPECT_EQ(CoreCount(model), count);
   EXPECT_DOUBLE_EQ(CookingVccintLimit(MakeWorker(2)), 0.75);
   EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(2)), 0.8);
   EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(10)), 0.0);

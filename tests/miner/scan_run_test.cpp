@@ -43,6 +43,7 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   auto result = RunProcess({SimMiner(), "recovery"}, env);
   EXPECT_EQ(result.exitCode, 0);
   const std::string notCompatible = " \x1b[1;31mis not compatible\x1b[0m";
+  // clang-format off
   EXPECT_EQ(result.err,
             "E/Miner        :   Device 1: RK35 (0123456789abcdef00c0ffee:00001234) running CKB (12) bitstream "
             "Version 0.004\n"
@@ -76,6 +77,7 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
             "Version 0.002" + notCompatible + "\n"
             "E/Miner        : No flash data found for device 8\n"
             "E/Miner        : Exiting\n");
+  // clang-format on
   // Each device line is bracketed by its colour on standard output (asked
   // for into the pipe by CLICOLOR_FORCE).
   std::string colours = std::string(kGreen) + kGreen + kYellow + kGreen + kYellow + kGreen + kGreen + kRed + kRed +

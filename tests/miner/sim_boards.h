@@ -74,7 +74,8 @@ inline std::unique_ptr<testing_support::PtyProcess> StartOnTerminal(const SimBoa
                                                          if (chdir(workDir.c_str()) != 0) return 126;
                                                          for (const auto &entry : env) putenv(strdup(entry.c_str()));
                                                          std::vector<char *> argv;
-                                                         for (const auto &arg : args) argv.push_back(strdup(arg.c_str()));
+                                                         for (const auto &arg : args)
+                                                           argv.push_back(strdup(arg.c_str()));
                                                          argv.push_back(nullptr);
                                                          execv(argv[0], argv.data());
                                                          return 127;

@@ -39,8 +39,10 @@ TEST(JsonRpcParse, MessagesAreRecognisedByTheirMembersAndKeepWhatTheirVersionCar
       {"{\"id\":null,\"method\":\"n\",\"params\":[\"a\"]}", "{\"id\":null,\"method\":\"n\",\"params\":[\"a\"]}\n"},
       {"{\"jsonrpc\":\"2.0\",\"method\":\"n\"}", "{\"jsonrpc\":\"2.0\",\"method\":\"n\"}\n"},
       {"{\"id\":2,\"result\":true,\"error\":null}\r", "{\"id\":2,\"result\":true,\"error\":null}\n"},
-      {"{\"id\":2,\"result\":null,\"error\":[21,\"stale\",null]}", "{\"id\":2,\"error\":[21,\"stale\",null],\"result\":null}\n"},
-      {"{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3}}", "{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3},\"result\":null}\n"},
+      {"{\"id\":2,\"result\":null,\"error\":[21,\"stale\",null]}",
+       "{\"id\":2,\"error\":[21,\"stale\",null],\"result\":null}\n"},
+      {"{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3}}",
+       "{\"id\":1,\"error\":{\"message\":\"no\",\"code\":-3},\"result\":null}\n"},
       {"{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"data\":[1],\"message\":\"no\",\"code\":-3}}",
        "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":-3,\"message\":\"no\",\"data\":[1]}}\n"},
       {"{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":\"text\"}", "{\"jsonrpc\":\"2.0\",\"id\":1,\"error\":{\"code\":0}}\n"},
@@ -70,7 +72,7 @@ struct ClientRecord {
   int connected = 0;
   int disconnected = 0;
   std::vector<std::string> lines;  // each message as it would be sent again
-  std::string keepAlive;  // on, idle, interval, count, as the connected callback found them
+  std::string keepAlive;           // on, idle, interval, count, as the connected callback found them
   std::function<void(VLJsonRpcClient *)> onConnected;
   std::function<void(VLJsonRpcClient *)> onMessage;
 };
@@ -79,8 +81,10 @@ void ClientConnected(VLJsonRpcClient *client, void *user) {
   auto *record = static_cast<ClientRecord *>(user);
   int fd = TRPSocketSetFindTag(client->socketSet, kVLJsonRpcSocketTag)->fd;
   std::string keepAlive;
-  for (auto [level, name] : {std::pair{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_KEEPIDLE},
-                             {IPPROTO_TCP, TCP_KEEPINTVL}, {IPPROTO_TCP, TCP_KEEPCNT}}) {
+  for (auto [level, name] : {std::pair{SOL_SOCKET, SO_KEEPALIVE},
+                             {IPPROTO_TCP, TCP_KEEPIDLE},
+                             {IPPROTO_TCP, TCP_KEEPINTVL},
+                             {IPPROTO_TCP, TCP_KEEPCNT}}) {
     int value = -1;
     socklen_t length = sizeof value;
     getsockopt(fd, level, name, &value, &length);
@@ -149,8 +153,8 @@ TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
 // they are cut into reads, and a line over the limit is dropped once.
 TEST(JsonRpcFraming, TheSameMessagesWhereverTheReadsAreCut) {
   const std::string overlong = "{\"id\":9,\"result\":\"" + std::string(kVLJsonRpcMaxLineBytes, 'b') + "\"}\n";
-  const std::string stream = Result(1) + "not json\n" + "{\"id\":2,\"result\":[1,2],\"error\":null}\r\n" +
-                             overlong + "\n" + Result(3);
+  const std::string stream =
+      Result(1) + "not json\n" + "{\"id\":2,\"result\":[1,2],\"error\":null}\r\n" + overlong + "\n" + Result(3);
   struct Delivered {
     std::vector<std::string> lines;
   };

@@ -47,9 +47,7 @@ class SocketSetTest : public ::testing::Test {
     TRPSocketSetSetCallbacks(set, Disconnected, Connected, RawData, nullptr, &record);
   }
   void TearDown() override {
-    if (set) {
-      EXPECT_TRUE(TRPSocketSetClose(set));
-    }
+    if (set) { EXPECT_TRUE(TRPSocketSetClose(set)); }
   }
   bool Connect(uint16_t port, uint32_t tag = 16) {
     return TRPSocketSetAddSocket(set, "127.0.0.1", 0, port, kSocketTypeConnect, tag, false, 0);

@@ -62,9 +62,7 @@ class SessionTest : public ::testing::Test {
     context.password = "x";
     StratumSetState(context, Idle);
   }
-  void TearDown() override {
-    StratumShutdown(context);
-  }
+  void TearDown() override { StratumShutdown(context); }
   // Polls as the console loop does, every 100 ms, until `done` or a bound.
   template <typename Done>
   bool PollUntil(Done done, int maxPolls = 300) {
@@ -103,16 +101,19 @@ class SessionTest : public ::testing::Test {
 
 TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
   Start({"--difficulty", "0.5"});
-  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
-                                     !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil(
+      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
   std::vector<std::string> sent = pool->ClientLines();
   ASSERT_GE(sent.size(), 3u);
   EXPECT_EQ(sent[0], R"({"jsonrpc":"2.0","id":1,"method":"mining.subscribe","params":["testminer","testminer"]})");
   EXPECT_EQ(sent[1], R"({"jsonrpc":"2.0","id":2,"method":"mining.extranonce.subscribe","params":[]})");
   EXPECT_EQ(sent[2], R"({"jsonrpc":"2.0","id":3,"method":"mining.authorize","params":["wallet.rig","x"]})");
-  std::vector<std::string> expected = {"Idle -> Idle",          "Idle -> Connecting",
-                                       "Connecting -> Subscribing", "Subscribing -> Subscribed",
-                                       "Subscribed -> Authorizing", "Authorizing -> Authorized",
+  std::vector<std::string> expected = {"Idle -> Idle",
+                                       "Idle -> Connecting",
+                                       "Connecting -> Subscribing",
+                                       "Subscribing -> Subscribed",
+                                       "Subscribed -> Authorizing",
+                                       "Authorizing -> Authorized",
                                        "Authorized -> Mining"};
   EXPECT_EQ(States(log), expected);
   EXPECT_GE(context.jobGeneration.load(), 1u);
@@ -133,12 +134,23 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     std::string line;
   };
   const Case cases[] = {
-      {{"--subscribe", "silent"}, Subscribing, 10.5, "The pool did not answer mining.subscribe within 10 s; reconnecting"},
-      {{"--subscribe", "short"}, Subscribing, 10.5, "The pool did not answer mining.subscribe within 10 s; reconnecting"},
-      {{"--authorize", "silent"}, Authorizing, 10.5, "The pool did not answer mining.authorize within 10 s; reconnecting"},
+      {{"--subscribe", "silent"},
+       Subscribing,
+       10.5,
+       "The pool did not answer mining.subscribe within 10 s; reconnecting"},
+      {{"--subscribe", "short"},
+       Subscribing,
+       10.5,
+       "The pool did not answer mining.subscribe within 10 s; reconnecting"},
+      {{"--authorize", "silent"},
+       Authorizing,
+       10.5,
+       "The pool did not answer mining.authorize within 10 s; reconnecting"},
       {{"--notify-interval", "600"}, Mining, 90.5, "No line from the pool for 90 s; reconnecting"},
       {{"--authorize", "error"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
-      {{"--authorize", "error", "--jsonrpc2"}, Authorizing, 0,
+      {{"--authorize", "error", "--jsonrpc2"},
+       Authorizing,
+       0,
        "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
       {{"--authorize", "false"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: no reason given"},
   };
@@ -232,14 +244,14 @@ TEST_F(SessionTest, ARefusalAfterASessionThatMinedMovesOnAtOnce) {
 
 TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   Start({"--close-after", "4", "--notify-interval", "600"});
-  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
-                                     !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil(
+      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
   std::shared_ptr<StratumJob> earlier = context.CurrentJob();
   uint64_t before = earlier->nonceCounter.fetch_add(5) + 5;
   SendShare(context, *earlier, "00", 0);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
-  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob() &&
-                                     !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil(
+      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
   EXPECT_GT(context.CurrentJob()->nonceCounter.load(), before);
   EXPECT_EQ(context.reconnects.load(), 1u);
   // A share of the earlier connection's job is not the new session's to send.

@@ -12,7 +12,7 @@
 namespace testing_support {
 
 struct ProcessResult {
-  int exitCode = -1;    // -1 when ended by a signal
+  int exitCode = -1;  // -1 when ended by a signal
   int signal = 0;
   std::string out;
   std::string err;

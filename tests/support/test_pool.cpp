@@ -19,8 +19,9 @@ TestPool::TestPool(std::vector<std::string> options) {
   const char *source = getenv("OMBRY_SOURCE_DIR");
   if (!source) return;
   std::string script = std::string(source) + "/tools/test_pool/pool.py";
-  std::vector<std::string> args = {"python3", script,        "--port", "0", "--quiet", "--transcript",
-                                   dir_ + "/transcript", "--stats", dir_ + "/stats.json"};
+  std::vector<std::string> args = {
+      "python3",           script, "--port", "0", "--quiet", "--transcript", dir_ + "/transcript", "--stats",
+      dir_ + "/stats.json"};
   args.insert(args.end(), options.begin(), options.end());
   int out[2];
   if (pipe(out) != 0) return;
