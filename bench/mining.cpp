@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -48,8 +49,9 @@ class LoopbackPool {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(listener_, 1);
+    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(listener_, 1) != 0) {
+      abort();
+    }
     socklen_t length = sizeof address;
     getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
     port_ = ntohs(address.sin_port);

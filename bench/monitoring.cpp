@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <cstdlib>
 
 #include "rig/monitoring.h"
 #include "monitor/api.h"
@@ -90,7 +91,7 @@ void Scrape(benchmark::State &state, TcpServer::Complete complete, TcpServer::An
   char buffer[65536];
   for (auto _ : state) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) abort();
     (void)!write(fd, request.data(), request.size());
     size_t total = 0;
     for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) total += static_cast<size_t>(n);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
@@ -35,8 +36,9 @@ class Peer {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(listener_, 1);
+    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(listener_, 1) != 0) {
+      abort();
+    }
     getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length);
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Serve(); });

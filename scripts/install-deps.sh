@@ -9,7 +9,7 @@ packages=(
   libfuse3-dev fuse3
   libssl-dev openssl ca-certificates nlohmann-json3-dev
   libsystemd-dev dpkg-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format clang-tidy
 )
 
 missing=()

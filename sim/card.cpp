@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <thread>
+#include <utility>
 
 #include "sim/blocks.h"
 #include "sim/iic.h"
@@ -51,10 +52,10 @@ void ReadWords(uint64_t position, uint8_t *buffer, uint64_t size, ReadWord readW
 
 }  // namespace
 
-Card::Card(const CardSetup &setup, TimeSource time) : setup_(setup), time_(time) {
-  fpgas_[0] = std::make_unique<Fpga>(setup.fpga[0], true, setup.subDevices, time);
+Card::Card(const CardSetup &setup, TimeSource time) : setup_(setup), time_(std::move(time)) {
+  fpgas_[0] = std::make_unique<Fpga>(setup.fpga[0], true, setup.subDevices, time_);
   for (uint32_t i = 1; i < kMaxFpgas; i++) {
-    if (setup.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(setup.fpga[i], false, 0, time);
+    if (setup.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(setup.fpga[i], false, 0, time_);
   }
   started_ = Now();
   for (TimedSetting timed : setup.timed) {

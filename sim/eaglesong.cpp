@@ -90,7 +90,7 @@ __attribute__((always_inline)) inline void Permute(W s[16]) {
     W t[16];
 #pragma GCC unroll 16
     for (int j = 0; j < 16; j++) {
-      W sum = s[0] ^ s[0];
+      W sum{};
 #pragma GCC unroll 16
       for (int i = 0; i < 16; i++) {
         if ((kMatrixRows[i] >> (15 - j)) & 1) sum ^= s[i];

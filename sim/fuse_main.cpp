@@ -46,6 +46,8 @@ struct OpenFile {
 
 Server &TheServer() { return *static_cast<Server *>(fuse_get_context()->private_data); }
 
+// FUSE keeps a file's own record in its 64-bit handle.
+// NOLINTNEXTLINE(performance-no-int-to-ptr)
 OpenFile *FileOf(fuse_file_info *fi) { return reinterpret_cast<OpenFile *>(fi->fh); }
 
 bool IsControl(const char *path) { return path[0] == '/' && strcmp(path + 1, kControlName) == 0; }
@@ -126,7 +128,7 @@ int Read(const char *, char *buffer, size_t size, off_t offset, fuse_file_info *
   if (!file->card) {
     if (static_cast<size_t>(offset) >= file->text.size()) return 0;
     size_t n = std::min(size, file->text.size() - static_cast<size_t>(offset));
-    memcpy(buffer, file->text.data() + offset, n);
+    memcpy(buffer, file->text.data() + offset, n);  // NOLINT(bugprone-not-null-terminated-result): bytes, not a string
     return static_cast<int>(n);
   }
   return static_cast<int>(file->card->Read(file->node, file->channel, static_cast<uint64_t>(offset), buffer, size));
@@ -213,7 +215,8 @@ int main(int argc, char **argv) {
     return 2;
   }
   if (access("/dev/fuse", R_OK | W_OK) != 0) {
-    fprintf(stderr, "ombry-sim-fuse: FUSE is not available here: /dev/fuse: %s\n", strerror(errno));
+    fprintf(stderr, "ombry-sim-fuse: FUSE is not available here: /dev/fuse: %s\n",
+            strerror(errno));  // NOLINT(concurrency-mt-unsafe): before any thread starts
     return 3;
   }
   mkdir(mountPoint.c_str(), 0755);
@@ -235,6 +238,7 @@ int main(int argc, char **argv) {
   if (allowOther) options.insert(options.end(), {"-o", "allow_other"});
   if (debug) options.push_back("-d");
   std::vector<char *> fuseArgv;
+  fuseArgv.reserve(options.size());
   for (std::string &option : options) fuseArgv.push_back(option.data());
   fuse_args args = FUSE_ARGS_INIT(static_cast<int>(fuseArgv.size()), fuseArgv.data());
 

@@ -172,19 +172,21 @@ int64_t InProcessBoards::Open(const std::string &path, BRYLDMAAccess access, int
     *error = EACCES;
     return -1;
   }
+  // A handle is the open node's address; the seam hands back only handles it
+  // was given.
   auto &open = open_.emplace_back(std::make_unique<OpenNode>(OpenNode{card, node, channel}));
   return static_cast<int64_t>(reinterpret_cast<intptr_t>(open.get()));
 }
 
 void InProcessBoards::Close(int64_t handle) {
-  auto *target = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));
+  auto *target = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));  // NOLINT(performance-no-int-to-ptr)
   std::lock_guard<std::mutex> guard(lock_);
   auto it = std::find_if(open_.begin(), open_.end(), [target](const auto &open) { return open.get() == target; });
   if (it != open_.end()) open_.erase(it);
 }
 
 int64_t InProcessBoards::ReadAt(int64_t handle, void *buffer, size_t size, uint64_t position, int *error) {
-  auto *open = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));
+  auto *open = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));  // NOLINT(performance-no-int-to-ptr)
   int64_t result = open->card->Read(open->node, open->channel, position, buffer, size);
   if (result < 0) {
     *error = static_cast<int>(-result);
@@ -194,7 +196,7 @@ int64_t InProcessBoards::ReadAt(int64_t handle, void *buffer, size_t size, uint6
 }
 
 int64_t InProcessBoards::WriteAt(int64_t handle, const void *buffer, size_t size, uint64_t position, int *error) {
-  auto *open = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));
+  auto *open = reinterpret_cast<OpenNode *>(static_cast<intptr_t>(handle));  // NOLINT(performance-no-int-to-ptr)
   int64_t result = open->card->Write(open->node, open->channel, position, buffer, size);
   if (result < 0) {
     *error = static_cast<int>(-result);

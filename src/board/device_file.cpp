@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,7 +31,8 @@ class SystemFileBackend final : public BRYLDMAFileBackend {
       *error = errno;
       return false;
     }
-    while (dirent *entry = readdir(dir)) names->emplace_back(entry->d_name);
+    // The stream is this call's own, so no other thread reads it.
+    while (dirent *entry = readdir(dir)) names->emplace_back(entry->d_name);  // NOLINT(concurrency-mt-unsafe)
     closedir(dir);
     return true;
   }
@@ -117,7 +119,7 @@ BRYLDMAFileBackend *BRYLDMASetFileBackend(BRYLDMAFileBackend *backend) {
 BRYLDMAFileBackend *BRYLDMACurrentFileBackend() { return g_backend.load(std::memory_order_acquire); }
 
 std::string BRYLDMADeviceDirectory() {
-  const char *dir = getenv("OMBRY_DEVICE_DIR");
+  const char *dir = getenv("OMBRY_DEVICE_DIR");  // NOLINT(concurrency-mt-unsafe): nothing sets the environment
   return dir && *dir ? dir : kDefaultDeviceDirectory;
 }
 
@@ -138,7 +140,7 @@ std::optional<std::vector<std::string>> BRYLDMAGetDevices() {
     auto number = ControlNodeNumber(name);
     if (!number) continue;
     std::string base = name.substr(0, name.size() - std::char_traits<char>::length(kControlSuffix));
-    nodes.push_back({*number, directory + "/" + base});
+    nodes.push_back({*number, fmt::format("{}/{}", directory, base)});
   }
   std::stable_sort(nodes.begin(), nodes.end(), [](const Node &a, const Node &b) { return a.number < b.number; });
   std::vector<std::string> paths;

@@ -139,7 +139,7 @@ void PrintStatusTable(ConsoleSession &session, uint64_t nowSeconds) {
   auto &workers = session.context.workers;
   for (size_t i = 0; i < workers.size(); i++) {
     Worker &worker = *workers[i];
-    auto number = static_cast<unsigned long long>(i + 1);
+    auto number = static_cast<unsigned long long>(i) + 1;
     if (!worker.enabled) {
       LOG_COLOR(ConsoleColorYellow, VLLogLevelInfo, kTag, "Worker %llu: Offline (Disabled)", number);
       continue;

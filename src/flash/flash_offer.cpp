@@ -60,7 +60,7 @@ FlashMode FlashModeOf(BoardModel model) {
 
 void OfferFlash(FlashOfferFlags &flags, const FlashCatalogue &catalogue, BRYLDMADevice *device, BoardModel model,
                 uint64_t index) {
-  auto shown = static_cast<unsigned long long>(index + 1);
+  auto shown = static_cast<unsigned long long>(index) + 1;
   FlashMode mode = FlashModeOf(model);
 
   auto image = catalogue.staticImages.find(model);

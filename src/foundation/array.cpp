@@ -13,7 +13,7 @@ bool IsArray(const VLObject *obj) { return VLIsType(obj, VLTypeArray); }
 void MakeRoom(VLObject *array) {
   if (array->array.count < array->array.capacity) return;
   uint32_t capacity = array->array.count + 8;
-  array->array.items = static_cast<VLObject **>(realloc(array->array.items, capacity * sizeof(VLObject *)));
+  array->array.items = static_cast<VLObject **>(realloc(array->array.items, capacity * kVLSlotSize));
   array->array.capacity = capacity;
 }
 
@@ -22,7 +22,7 @@ void MakeRoom(VLObject *array) {
 VLObject *VLArrayCreate(uint32_t capacity) {
   VLObject *array = VLObjectAllocate(VLTypeArray);
   array->array.capacity = capacity;
-  array->array.items = static_cast<VLObject **>(calloc(capacity ? capacity : 1, sizeof(VLObject *)));
+  array->array.items = static_cast<VLObject **>(calloc(capacity ? capacity : 1, kVLSlotSize));
   return array;
 }
 
@@ -52,7 +52,7 @@ void VLArrayInsert(VLObject *array, VLObject *obj, uint32_t index) {
   if (!IsArray(array) || !obj || index > array->array.count) return;
   MakeRoom(array);
   VLObject **items = array->array.items;
-  memmove(items + index + 1, items + index, (array->array.count - index) * sizeof(VLObject *));
+  memmove(items + index + 1, items + index, (array->array.count - index) * kVLSlotSize);
   items[index] = VLObjectRetain(obj);
   array->array.count++;
 }
@@ -61,7 +61,7 @@ void VLArrayRemoveAt(VLObject *array, uint32_t index) {
   if (!IsArray(array) || index >= array->array.count) return;
   VLObject **items = array->array.items;
   VLObject *removed = items[index];
-  memmove(items + index, items + index + 1, (array->array.count - index - 1) * sizeof(VLObject *));
+  memmove(items + index, items + index + 1, (array->array.count - index - 1) * kVLSlotSize);
   array->array.count--;
   VLObjectRelease(removed);
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -13,15 +14,18 @@ namespace {
 std::atomic<int> g_kind[3];
 std::atomic<int> g_forced{-1};
 
-bool Set(const char *name) {
-  const char *value = getenv(name);
-  return value != nullptr && *value != '\0';
+// The variable's value, empty when it is not set. Nothing in the process sets
+// the environment, so reading it from any thread is safe.
+std::string Variable(const char *name) {
+  const char *value = getenv(name);  // NOLINT(concurrency-mt-unsafe)
+  return value != nullptr ? value : "";
 }
 
 // NO_COLOR wins; CLICOLOR_FORCE (other than 0) asks for colour into a pipe too.
 bool Decide(int fd) {
-  if (Set("NO_COLOR")) return false;
-  if (Set("CLICOLOR_FORCE") && strcmp(getenv("CLICOLOR_FORCE"), "0") != 0) return true;
+  if (!Variable("NO_COLOR").empty()) return false;
+  std::string force = Variable("CLICOLOR_FORCE");
+  if (!force.empty() && force != "0") return true;
   return isatty(fd);
 }
 

@@ -13,6 +13,7 @@ namespace {
 bool IsDictionary(const VLObject *obj) { return VLIsType(obj, VLTypeDictionary); }
 
 bool SameKind(const VLObject *a, const VLObject *b) {
+  if (a == nullptr || b == nullptr) return a == b;
   if (a->type != b->type) return false;
   if (a->type != VLTypeNumber) return true;
   // 1 and 1.0 share an entry; a boolean shares only with a boolean.
@@ -38,8 +39,8 @@ void RemoveAt(VLObject *dictionary, int64_t found) {
   VLObject *key = dictionary->dictionary.keys[index];
   VLObject *value = dictionary->dictionary.values[index];
   uint32_t after = dictionary->dictionary.count - index - 1;
-  memmove(dictionary->dictionary.keys + index, dictionary->dictionary.keys + index + 1, after * sizeof(VLObject *));
-  memmove(dictionary->dictionary.values + index, dictionary->dictionary.values + index + 1, after * sizeof(VLObject *));
+  memmove(dictionary->dictionary.keys + index, dictionary->dictionary.keys + index + 1, after * kVLSlotSize);
+  memmove(dictionary->dictionary.values + index, dictionary->dictionary.values + index + 1, after * kVLSlotSize);
   dictionary->dictionary.count--;
   VLObjectRelease(value);
   VLObjectRelease(key);
@@ -51,8 +52,8 @@ VLObject *VLDictionaryCreate(uint32_t capacity) {
   VLObject *dictionary = VLObjectAllocate(VLTypeDictionary);
   uint32_t slots = capacity ? capacity : 1;
   dictionary->dictionary.capacity = capacity;
-  dictionary->dictionary.keys = static_cast<VLObject **>(calloc(slots, sizeof(VLObject *)));
-  dictionary->dictionary.values = static_cast<VLObject **>(calloc(slots, sizeof(VLObject *)));
+  dictionary->dictionary.keys = static_cast<VLObject **>(calloc(slots, kVLSlotSize));
+  dictionary->dictionary.values = static_cast<VLObject **>(calloc(slots, kVLSlotSize));
   return dictionary;
 }
 
@@ -86,8 +87,8 @@ void VLDictionarySet(VLObject *dictionary, VLObject *value, VLObject *key) {
   }
   if (d.count == d.capacity) {
     uint32_t capacity = d.count + 8;
-    d.keys = static_cast<VLObject **>(realloc(d.keys, capacity * sizeof(VLObject *)));
-    d.values = static_cast<VLObject **>(realloc(d.values, capacity * sizeof(VLObject *)));
+    d.keys = static_cast<VLObject **>(realloc(d.keys, capacity * kVLSlotSize));
+    d.values = static_cast<VLObject **>(realloc(d.values, capacity * kVLSlotSize));
     d.capacity = capacity;
   }
   d.keys[d.count] = VLObjectRetain(key);

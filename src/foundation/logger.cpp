@@ -153,14 +153,18 @@ static void ReportLevel() {
   VL_LOG(VLLogLevelInfo, "LOGGER", "Log level set to %s", VLLogLevelName(VLLogGetLevel()));
 }
 
+// Read by the main thread at start and on a level change; nothing in the
+// process sets the environment.
+static bool TraceAsked() { return getenv("VL_LOG_TRACE") != nullptr; }  // NOLINT(concurrency-mt-unsafe)
+
 void VLLogInit(uint32_t level) {
-  g_threshold.store(getenv("VL_LOG_TRACE") ? VLLogLevelTrace : level, std::memory_order_relaxed);
+  g_threshold.store(TraceAsked() ? VLLogLevelTrace : level, std::memory_order_relaxed);
   std::call_once(g_sinksStarted, StartSinks);
   ReportLevel();
 }
 
 void VLLogSetLevel(uint32_t level) {
-  g_threshold.store(getenv("VL_LOG_TRACE") ? VLLogLevelTrace : level, std::memory_order_relaxed);
+  g_threshold.store(TraceAsked() ? VLLogLevelTrace : level, std::memory_order_relaxed);
   ReportLevel();
 }
 

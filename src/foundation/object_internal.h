@@ -2,9 +2,13 @@
 // library.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "foundation/object.h"
+
+// Arrays and dictionaries hold their values in blocks of pointer slots.
+constexpr size_t kVLSlotSize = sizeof(VLObject *);  // NOLINT(bugprone-sizeof-expression): a slot is a pointer
 
 // A fresh record of `type` with one reference, contents zeroed.
 VLObject *VLObjectAllocate(uint32_t type);

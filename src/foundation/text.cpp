@@ -79,3 +79,9 @@ VLObject *VLTextSplit(const char *text, const char *separator) {
 VLObject *VLStringSplit(const VLObject *string, const char *separator) {
   return VLTextSplit(VLStringChars(string), separator);
 }
+
+std::string VLErrorText(int error) {
+  char buffer[256];
+  // The GNU form: returns either `buffer` or a static text of its own.
+  return strerror_r(error, buffer, sizeof buffer);
+}

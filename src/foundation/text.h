@@ -10,6 +10,9 @@
 
 // Formats into `buffer`, cut to `size`, and returns strlen of the result. The
 // byte after the terminator is cleared too when it lies inside `size`.
+// The system's text for an errno value, safe to call from any thread.
+std::string VLErrorText(int error);
+
 // A count with thousands separated by commas, as "1,000".
 std::string VLThousands(uint64_t value);
 

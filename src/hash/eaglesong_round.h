@@ -11,6 +11,9 @@
 // not a template, so that the AVX2 code can expand it inside its own
 // target-specific functions. `W` needs operator^; `s` is read, `t` written.
 // 64 XORs (120 without shared sums).
+// The macros take a type (`W`) and array names as parameters, which can not
+// stand in parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define EAGLESONG_BIT_MATRIX(W, s, t)      \
   do {                                     \
     const W m0 = s[0] ^ s[1];              \
@@ -85,3 +88,4 @@ using EaglesongLaneKernel = void (*)(const uint32_t midstate[16], const uint32_t
 void EaglesongLanesPortable(const uint32_t midstate[16], const uint32_t nonces[4][8], uint32_t digests[8][8]);
 void EaglesongLanesAvx2(const uint32_t midstate[16], const uint32_t nonces[4][8], uint32_t digests[8][8]);
 void EaglesongLanesAvx512(const uint32_t midstate[16], const uint32_t nonces[4][16], uint32_t digests[8][16]);
+// NOLINTEND(bugprone-macro-parentheses)

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "foundation/compat.h"
+#include "foundation/text.h"
 
 namespace {
 
@@ -101,7 +102,7 @@ bool TcpServer::Start(const std::string &hostPort, std::string &error) {
   setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
       listen(listener_, 16) != 0 || pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
-    error = "cannot listen on " + hostPort + ": " + strerror(errno);
+    error = "cannot listen on " + hostPort + ": " + VLErrorText(errno);
     Stop();
     return false;
   }
@@ -162,15 +163,14 @@ void TcpServer::Serve() {
             ended = true;  // the client finished writing, or went away
           }
         }
-        if (client.request.size() > limits_.requestBytes || now - client.started > limits_.requestSeconds) {
-          done = true;  // cut off, unanswered
-        } else if ((ended && !client.request.empty()) || complete_(client.request)) {
+        bool cutOff = client.request.size() > limits_.requestBytes || now - client.started > limits_.requestSeconds;
+        if (!cutOff && ((ended && !client.request.empty()) || complete_(client.request))) {
           client.answer = answer_(client.request, client.peer);
           client.answering = true;
           client.answerDeadline = now + limits_.requestSeconds;
           done = SendSome(client);
-        } else if (ended) {
-          done = true;
+        } else if (cutOff || ended) {
+          done = true;  // cut off unanswered, or gone without a request
         }
       } else {
         // A client that doesn't read its answer is let go after the limit.

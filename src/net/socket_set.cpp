@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "foundation/logger.h"
+#include "foundation/text.h"
 #include "net/socket_set_record.h"
 
 namespace {
@@ -611,7 +612,7 @@ void ApplyKeepAlive(int fd, bool enable, uint32_t idle, uint32_t count, uint32_t
   if (setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) {
     int error = errno;
     if (enable) {
-      VL_LOG(VLLogLevelError, kTag, "Failed to set SO_KEEPALIVE on socket: (%i) %s", error, strerror(error));
+      VL_LOG(VLLogLevelError, kTag, "Failed to set SO_KEEPALIVE on socket: (%i) %s", error, VLErrorText(error).c_str());
     } else {
       VL_LOG(VLLogLevelError, kTag, "Failed to unset SO_KEEPALIVE on socket");
     }
@@ -728,7 +729,7 @@ bool TRPSocketSetAddSocket(TRPSocketSet *set, const char *host, uint16_t localPo
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     int error = errno;
-    VL_LOG(VLLogLevelError, kTag, "Error creating socket: %s (%i)", strerror(error), error);
+    VL_LOG(VLLogLevelError, kTag, "Error creating socket: %s (%i)", VLErrorText(error).c_str(), error);
     return false;
   }
   SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1, "Failed to set SO_REUSEADDR on socket");

@@ -45,7 +45,7 @@ bool HasSubDevices(BoardModel model) { return model == 8 || model == 9; }
 
 void ScanDevice(FlashOfferFlags &flags, MiningContext &context, bool recovery, const std::string &whitelist,
                 const std::vector<std::string> &paths, uint64_t index, uint64_t subDevice) {
-  auto number = static_cast<unsigned long long>(index + 1);
+  auto number = static_cast<unsigned long long>(index) + 1;
   const std::string &path = paths[index];
   if (!whitelist.empty() && whitelist != path) {
     VL_LOG(VLLogLevelError, kTag, "  Device %llu: Filtered due to whitelist", number);
@@ -111,7 +111,7 @@ void ScanDevices(MiningContext &context, bool recovery, const std::string &white
   if (!paths || paths->empty()) {
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag,
               "Failed to get a valid list of device paths. Is BRYLDMA (driver) installed?");
-    exit(1);
+    exit(1);  // NOLINT(concurrency-mt-unsafe): no other thread of the run has started
   }
   LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag,
             "Found %llu BRYLDMA devices:", static_cast<unsigned long long>(paths->size()));

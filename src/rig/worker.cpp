@@ -80,7 +80,7 @@ void StopBoard(WorkerLoop &loop, Worker &worker) {
 void TakeOut(WorkerLoop &loop, Worker &worker, const std::string &cause) {
   if (!worker.enabled) return;
   LOG_COLOR(ConsoleColorRed, VLLogLevelError, loop.logTag, "Worker %llu: %s; clock to the floor, stopping the board",
-            static_cast<unsigned long long>(worker.id + 1), cause.c_str());
+            static_cast<unsigned long long>(worker.id) + 1, cause.c_str());
   worker.takenOut = true;
   worker.enabled = false;
 }
@@ -166,7 +166,7 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
   Worker &worker = *context.workers[args->workerIndex];
 
   WorkerLoop loop;
-  snprintf(loop.logTag, sizeof loop.logTag, "Worker%02llu", static_cast<unsigned long long>(worker.id + 1));
+  snprintf(loop.logTag, sizeof loop.logTag, "Worker%02llu", static_cast<unsigned long long>(worker.id) + 1);
   VLThreadSetName(loop.logTag);
   VL_LOG(VLLogLevelInfo, loop.logTag, "Starting...");
   SetState(worker, WorkerStateWaitingForWork);

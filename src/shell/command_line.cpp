@@ -1,5 +1,7 @@
 #include "shell/command_line.h"
 
+#include <fmt/format.h>
+
 #include <set>
 
 #include "foundation/build_info.h"
@@ -57,7 +59,7 @@ bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &err
     }
     std::string why;
     if (!option->apply(line, value, why)) {
-      error = "option --" + name + " '" + value + "': " + why;
+      error = fmt::format("option --{} '{}': {}", name, value, why);
       return false;
     }
     given.insert(name);
@@ -73,7 +75,7 @@ bool ParseCommandLine(int argc, char **argv, CommandLine &line, std::string &err
     for (const std::string &value : values) {
       std::string why;
       if (!option->apply(line, value, why)) {
-        error = "settings file " + line.configFile + ", key '" + name + "' '" + value + "': " + why;
+        error = fmt::format("settings file {}, key '{}' '{}': {}", line.configFile, name, value, why);
         return false;
       }
     }

@@ -1,5 +1,7 @@
 #include "shell/config_file.h"
 
+#include <fmt/format.h>
+
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -70,7 +72,7 @@ bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::
     return false;
   }
   for (const auto &[key, value] : document.items()) {
-    std::string where = "settings file " + path + ", key '" + key + "'";
+    std::string where = fmt::format("settings file {}, key '{}'", path, key);
     int position = 0;
     for (int i = 0; i < 7; i++) {
       if (key == kPositionalNames[i]) position = i + 1;
@@ -82,7 +84,7 @@ bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::
         return false;
       }
       if (std::string problem = PositionalProblem(key, word); !problem.empty()) {
-        error = where + " '" + word + "': " + problem;
+        error = fmt::format("{} '{}': {}", where, word, problem);
         return false;
       }
       settings.positional[position] = word;

@@ -19,6 +19,7 @@
 #include "hash/eaglesong_lanes.h"
 #include "shell/command_line.h"
 #include "foundation/console_io.h"
+#include "foundation/text.h"
 #include "flash/flash_catalogue.h"
 #include "rig/monitoring.h"
 #include "shell/run_config.h"
@@ -82,7 +83,7 @@ void SystemInit() {
     LOG_COLOR(ConsoleColorRed, VLLogLevelInfo, kTag, "Failed to set console control handler!");
   }
   srand(static_cast<unsigned>(time(nullptr)));
-  setlocale(LC_ALL, "");
+  setlocale(LC_ALL, "");  // NOLINT(concurrency-mt-unsafe): before any other thread starts
 }
 
 bool ConsoleCtrlHandler(uint32_t event) {
@@ -142,7 +143,7 @@ int MinerMain(int argc, char **argv) {
   VLLogInit(VLLogLevelInfo);
   if (!commandLine.options.logFile.empty() && !VLLogOpenFile(commandLine.options.logFile.c_str())) {
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Cannot open the log file %s: %s",
-              commandLine.options.logFile.c_str(), strerror(errno));
+              commandLine.options.logFile.c_str(), VLErrorText(errno).c_str());
     return 1;
   }
   VL_LOG(VLLogLevelInfo, kTag, "Starting miner");

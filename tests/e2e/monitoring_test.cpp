@@ -28,7 +28,7 @@ int Connect(uint16_t port, const char *source = "127.0.0.1") {
   sockaddr_in local{};
   local.sin_family = AF_INET;
   inet_pton(AF_INET, source, &local.sin_addr);
-  bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local);
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << source;
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);

@@ -40,7 +40,7 @@ class FlashDeviceTest : public SimBoardTest {
   // the image was written and read back.
   bool Flash(
       BRYLDMADevice *device, uint32_t type, const std::vector<uint8_t> &image, uint64_t attempts = 3,
-      uint8_t family = 1, std::function<bool()> mayErase = [] { return true; }) {
+      uint8_t family = 1, const std::function<bool()> &mayErase = [] { return true; }) {
     testing_support::StreamCapture capture;
     result_ = FlashDevice(device, type, image.data(), image.size(), attempts, family, mayErase);
     output_ = capture.Out();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -69,8 +70,8 @@ class Listener {
   explicit Listener(int backlog = 8) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(fd_, backlog);
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(fd_, backlog), 0);
     getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length);
     port_ = ntohs(address.sin_port);
   }

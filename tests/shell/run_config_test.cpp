@@ -45,7 +45,7 @@ class SetupRunTest : public ::testing::Test {
 
   // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
   // returns what it logged.
-  std::string Run(std::vector<std::string> extra, const std::string &port = "3333") {
+  std::string Run(const std::vector<std::string> &extra, const std::string &port = "3333") {
     args_ = {"miner", "ckb", "pool.example.org", port, "wallet", "pw"};
     for (auto &value : extra) args_.push_back(value);
     return RunArgs();

@@ -95,7 +95,7 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector
 }
 
 PtyProcess::PtyProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv,
-                       std::function<int()> body) {
+                       const std::function<int()> &body) {
   pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
   if (pid_ < 0) throw std::runtime_error("forkpty");
   if (pid_ == 0) {

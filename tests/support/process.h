@@ -30,7 +30,7 @@ class PtyProcess {
   // Starts `argv`, or, with an empty argv, runs `body` in the forked child and
   // exits with its result.
   PtyProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv = {},
-             std::function<int()> body = nullptr);
+             const std::function<int()> &body = nullptr);
   ~PtyProcess();
   PtyProcess(const PtyProcess &) = delete;
   PtyProcess &operator=(const PtyProcess &) = delete;

@@ -19,6 +19,7 @@
 #include <string>
 #include <thread>
 
+#include "foundation/text.h"
 #include "shell/entry.h"
 #include "sim/in_process.h"
 
@@ -26,11 +27,11 @@ namespace {
 
 constexpr int kSearchNiceness = 10;
 
-void ServeCommands(sim::InProcessBoards *boards, std::string path) {
+void ServeCommands(sim::InProcessBoards *boards, const std::string &path) {
   // Opened for writing too, so that the pipe never reads as ended between writers.
   int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
-    fprintf(stderr, "ombry-sim-miner: cannot open %s: %s\n", path.c_str(), strerror(errno));
+    fprintf(stderr, "ombry-sim-miner: cannot open %s: %s\n", path.c_str(), VLErrorText(errno).c_str());
     return;
   }
   std::string pending;
@@ -70,7 +71,7 @@ int main(int argc, char **argv) {
 
   const char *dir = getenv("OMBRY_DEVICE_DIR");
   std::string directory = dir && *dir ? dir : sim::InProcessBoards::kDefaultDirectory;
-  setenv("OMBRY_DEVICE_DIR", directory.c_str(), 1);
+  setenv("OMBRY_DEVICE_DIR", directory.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no thread yet
 
   // Lives as long as the process: worker threads may outlast MinerMain.
   auto *boards = new sim::InProcessBoards(directory);
@@ -89,7 +90,7 @@ int main(int argc, char **argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
   if (const char *control = getenv("OMBRY_SIM_CONTROL"); control && *control) {
     if (mkfifo(control, 0600) != 0 && errno != EEXIST) {
-      fprintf(stderr, "ombry-sim-miner: cannot create %s: %s\n", control, strerror(errno));
+      fprintf(stderr, "ombry-sim-miner: cannot create %s: %s\n", control, VLErrorText(errno).c_str());
       return 1;
     }
     std::thread(ServeCommands, boards, std::string(control)).detach();
