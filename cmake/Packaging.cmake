@@ -20,6 +20,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/dist/60-ombry-xdma.rules DESTINATION lib/ude
 install(FILES ${PROJECT_SOURCE_DIR}/dist/ombry-miner.sysusers DESTINATION lib/sysusers.d RENAME ombry-miner.conf)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/dist/ombry-miner.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+# A farm's alert rules, scrape example and dashboard.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/dist/prometheus ${PROJECT_SOURCE_DIR}/dist/grafana
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/bitstreams DESTINATION ${CMAKE_INSTALL_DATADIR}/ombry-miner
         PATTERN ".gitkeep" EXCLUDE)
 

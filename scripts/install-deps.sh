@@ -10,6 +10,7 @@ packages=(
   libssl-dev openssl ca-certificates nlohmann-json3-dev
   libsystemd-dev dpkg-dev
   clang libclang-rt-14-dev clang-format clang-tidy
+  prometheus
 )
 
 missing=()

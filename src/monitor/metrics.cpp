@@ -69,6 +69,8 @@ std::string MetricsText(const RunSnapshot &run, const std::string &version) {
       {"ombry_board_vccint_volts", "Core voltage.", &BoardSnapshot::vccint, 1},
       {"ombry_board_clock_hertz", "Hash clock.", &BoardSnapshot::clockMHz, 1e6},
       {"ombry_board_target_clock_hertz", "Hash clock the board is brought to.", &BoardSnapshot::targetMHz, 1e6},
+      {"ombry_board_throttle_hertz", "Clock the thermal rule holds back from the target; 0 when not throttled.",
+       &BoardSnapshot::throttleMHz, 1e6},
   };
   for (const BoardGauge &gauge : gauges) {
     e.Family(gauge.name, "gauge", gauge.help);
@@ -77,6 +79,22 @@ std::string MetricsText(const RunSnapshot &run, const std::string &version) {
   }
   e.Family("ombry_board_enabled", "gauge", "1 while the board may mine.");
   for (const BoardSnapshot &board : run.boards) e.Sample("ombry_board_enabled", BoardLabels(board), board.enabled);
+  // Every state is served, 0 or 1, so that a state's series exists before
+  // a board enters it.
+  struct State {
+    const char *status;
+    const char *label;
+  };
+  const State states[] = {{"Alive", "alive"}, {"Sick", "sick"}, {"Dead", "dead"}, {"Disabled", "disabled"}};
+  e.Family("ombry_board_state", "gauge",
+           "1 for the board's state: alive, sick (mining without a valid temperature), dead (taken out for a "
+           "fault) or disabled.");
+  for (const BoardSnapshot &board : run.boards) {
+    for (const State &state : states) {
+      e.Sample("ombry_board_state", BoardLabels(board) + ",state=\"" + state.label + "\"",
+               board.status == state.status);
+    }
+  }
 
   e.Family("ombry_board_hashrate_hashes_per_second", "gauge",
            "Nominal rate from the clock, and effective rates from accepted shares.");
@@ -108,6 +126,13 @@ std::string MetricsText(const RunSnapshot &run, const std::string &version) {
   for (const PoolSnapshot &pool : run.pools) e.Sample("ombry_pool_active", PoolLabels(pool), pool.active);
   e.Family("ombry_pool_difficulty", "gauge", "The pool's share difficulty.");
   for (const PoolSnapshot &pool : run.pools) e.Sample("ombry_pool_difficulty", PoolLabels(pool), pool.difficulty);
+  e.Family("ombry_pool_shares_rejected_total", "counter", "Shares the pool rejected, by the reason it gave.");
+  for (const PoolSnapshot &pool : run.pools) {
+    for (const auto &[reason, count] : pool.rejectedByReason) {
+      e.Sample("ombry_pool_shares_rejected_total", PoolLabels(pool) + ",reason=\"" + Label(reason) + "\"",
+               static_cast<double>(count));
+    }
+  }
   e.Family("ombry_pool_reconnects_total", "counter", "Connections made to the pool after the first.");
   for (const PoolSnapshot &pool : run.pools) {
     e.Sample("ombry_pool_reconnects_total", PoolLabels(pool), static_cast<double>(pool.reconnects));

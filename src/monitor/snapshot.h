@@ -21,7 +21,8 @@ struct BoardSnapshot {
   double vccint = 0;
   double clockMHz = 0;
   double targetMHz = 0;
-  std::string tuning;  // Off, Active or Done
+  double throttleMHz = 0;  // how far the thermal rule holds the clock under the target
+  std::string tuning;      // Off, Active or Done
   double nominalMHs = 0;
   double mhs1m = 0;
   double mhs5m = 0;
@@ -44,6 +45,9 @@ struct PoolSnapshot {
   uint64_t jobs = 0;
   uint64_t accepted = 0;
   uint64_t rejected = 0;
+  // The rejected shares split by the reason the pool gave, as far as the
+  // miner tells reasons apart; the counts add up to `rejected`.
+  std::vector<std::pair<std::string, uint64_t>> rejectedByReason;
   uint64_t reconnects = 0;
   int64_t lastShareTime = 0;
   int64_t lastJobTime = 0;

@@ -129,6 +129,7 @@ void SensorPass(BRYLDMADevice *device, I2CController &i2c, Worker &worker, const
     SetConsoleColor(ConsoleColorNormal);
   }
   throttleMHz = NextThrottleMHz(readings, limits, throttleMHz, worker.targetClockHz);
+  worker.throttleMHz = throttleMHz;
 }
 
 uint64_t DesiredClockHz(Worker &worker, uint64_t step, uint64_t throttleMHz, uint64_t loopCount) {

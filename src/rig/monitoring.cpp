@@ -49,6 +49,7 @@ BoardSnapshot TakeBoard(MiningContext &context, size_t index, double now) {
   board.vccint = worker.vccint;
   board.clockMHz = static_cast<double>(worker.currentClockHz.load()) / 1e6;
   board.targetMHz = static_cast<double>(worker.targetClockHz.load()) / 1e6;
+  board.throttleMHz = static_cast<double>(worker.throttleMHz.load());
   board.tuning = TuningName(worker.tuning);
   // What the clock can deliver, whether or not the table's figure was set.
   board.nominalMHs = worker.enabled ? board.clockMHz * static_cast<double>(CoreCount(worker.model)) : 0;
@@ -131,6 +132,8 @@ RunSnapshot TakeRunSnapshot(MiningContext &context, double now) {
     pool.jobs = tally.jobs;
     pool.accepted = tally.accepted;
     pool.rejected = tally.rejected;
+    // The pool's reasons are not told apart yet.
+    pool.rejectedByReason = {{"other", tally.rejected}};
     pool.reconnects = tally.reconnects;
     pool.lastShareTime = tally.lastShareTime;
     pool.lastJobTime = tally.lastJobTime;

@@ -77,6 +77,8 @@ struct Worker : StratumShareCounters {
   // sharesAccepted and sharesRejected come with StratumShareCounters.
   ShownCounters shownCounters;
   Relaxed<uint32_t> tuning{TuningOff};
+  // How far the thermal rule holds the clock under the target, in MHz.
+  Relaxed<uint64_t> throttleMHz;
   // Set when the board was taken out for a fault, cleared when it is enabled
   // again; and when its worker last started mining (monotonic seconds, <0:
   // not since the start).

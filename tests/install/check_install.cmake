@@ -6,7 +6,9 @@ if(NOT result EQUAL 0)
 endif()
 foreach(path bin/ombry-miner lib/systemd/system/ombry-miner.service lib/udev/rules.d/60-ombry-xdma.rules
              lib/sysusers.d/ombry-miner.conf share/doc/ombry-miner/README.md
-             share/doc/ombry-miner/examples/ombry-miner.json share/ombry-miner/bitstreams/README.md)
+             share/doc/ombry-miner/examples/ombry-miner.json share/ombry-miner/bitstreams/README.md
+             share/doc/ombry-miner/examples/prometheus/ombry-rules.yml
+             share/doc/ombry-miner/examples/grafana/ombry-fleet.json)
   if(NOT EXISTS ${PREFIX}/${path})
     message(FATAL_ERROR "missing after install: ${path}")
   endif()

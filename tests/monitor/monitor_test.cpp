@@ -1,5 +1,5 @@
-// The monitoring server's limits against real loop-back clients, and the
-// effective rate's windows.
+// The monitoring server's limits against real loop-back clients, the
+// effective rate's windows, and the metrics that alert rules select on.
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "monitor/effective_rate.h"
+#include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "net/loopback_peer.h"
 
@@ -118,6 +119,28 @@ TEST(EffectiveRateTest, AcceptedSharesStandForTheirDifficultyOverEachWindow) {
   rate.Add(1000, 1);
   EXPECT_DOUBLE_EQ(rate.PerSecond(1000, 900, 0), perShare / 900);
   EXPECT_DOUBLE_EQ(rate.TotalHashes(), 4.5 * perShare);
+}
+
+TEST(MetricsTest, StatesThrottleAndRejectReasonsAreSeriesAlertsCanSelect) {
+  RunSnapshot run;
+  run.boards.resize(2);
+  run.boards[0] = {.id = 1, .model = "RK35", .status = "Dead", .throttleMHz = 0};
+  run.boards[1] = {.id = 2, .model = "101", .status = "Alive", .throttleMHz = 3};
+  run.pools.push_back({.priority = 1, .url = "stratum+tcp://b:1", .rejectedByReason = {{"other", 2}, {"a \"b\"", 1}}});
+  std::string text = MetricsText(run, "1.0");
+  for (const char *line : {
+           "ombry_board_state{board=\"1\",model=\"RK35\",state=\"dead\"} 1\n",
+           "ombry_board_state{board=\"1\",model=\"RK35\",state=\"alive\"} 0\n",
+           "ombry_board_state{board=\"1\",model=\"RK35\",state=\"disabled\"} 0\n",
+           "ombry_board_state{board=\"2\",model=\"101\",state=\"alive\"} 1\n",
+           "ombry_board_state{board=\"2\",model=\"101\",state=\"sick\"} 0\n",
+           "ombry_board_throttle_hertz{board=\"1\",model=\"RK35\"} 0\n",
+           "ombry_board_throttle_hertz{board=\"2\",model=\"101\"} 3000000\n",
+           "ombry_pool_shares_rejected_total{pool=\"1\",url=\"stratum+tcp://b:1\",reason=\"other\"} 2\n",
+           "ombry_pool_shares_rejected_total{pool=\"1\",url=\"stratum+tcp://b:1\",reason=\"a \\\"b\\\"\"} 1\n",
+       }) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
 }
 
 }  // namespace
