@@ -32,8 +32,8 @@ echo "== the unit as installed"
 root=build-deb/root
 rm -rf "$root"
 dpkg-deb -x "$package" "$root"
-unit_dir=$(pkg-config --variable=systemdsystemunitdir systemd)
-cp -rn "$unit_dir"/. "$root$unit_dir"/
+unit_dir=$(dirname "$(cd "$root" && find . -path '*/systemd/system/ombry-miner.service')")
+cp -rn "/${unit_dir#./}"/. "$root/${unit_dir#./}"/
 mkdir -p "$root/bin"
 cp "$(command -v cp)" "$root/bin/cp"
 verify=$(MANPATH="$root/usr/share/man" systemd-analyze verify --root="$root" ombry-miner.service 2>&1) || {

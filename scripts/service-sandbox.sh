@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Runs the packaged miner inside the service unit's restrictions where systemd
-# is not the init (a container, a build machine), against the test pool and
-# two FUSE-simulated boards, and fails unless it mines from both boards,
-# tells systemd it is ready and alive, serves the JSON API, opens its log
-# file again after a rotation and stops with 0 on SIGTERM; and unless what
-# the unit forbids fails inside the same sandbox.
+# is not the init (a container, a build machine), against the test pool over
+# TLS and two FUSE-simulated boards, and fails unless it mines from both
+# boards, tells systemd it is ready and alive, serves the JSON API and the
+# metrics, opens its log file again after a rotation and stops with 0 on
+# SIGTERM; and unless what the unit forbids fails inside the same sandbox.
 #
 # The unit's settings, rebuilt by hand (keep them in step with
 # dist/ombry-miner.service.in):
@@ -51,8 +51,11 @@ check() {  # check WHAT CONDITION...
   if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
 }
 
+# A TLS pool, so that OpenSSL runs inside the sandbox too.
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -addext subjectAltName=DNS:localhost \
+  -keyout "$w/pool.key" -out "$w/config/pool.pem" 2>/dev/null
 python3 tools/test_pool/pool.py --port 0 --difficulty 0.002 --notify-interval 2 --stats "$w/stats.json" \
-  --quiet > "$w/pool.out" 2>&1 &
+  --tls-cert "$w/config/pool.pem" --tls-key "$w/pool.key" --quiet > "$w/pool.out" 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do grep -q listening "$w/pool.out" && break; sleep 0.1; done
 port=$(sed -n 's/.*listening on 127.0.0.1:\([0-9]*\).*/\1/p' "$w/pool.out")
@@ -75,10 +78,13 @@ EOF
 pids+=($!)
 for _ in $(seq 50); do [ -S "$w/notify/socket" ] && break; sleep 0.1; done
 
-api=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+api=$(free_port)
+metrics=$(free_port)
 cat > "$w/config/ombry-miner.json" <<EOF
-{"algorithm": "ckb", "host": "localhost", "port": $port, "wallet": "sandbox.rig1", "password": "x",
- "api-listen": "127.0.0.1:$api", "log-file": "/var/log/ombry-miner/miner.log"}
+{"algorithm": "ckb", "host": "stratum+ssl://localhost:$port", "wallet": "sandbox.rig1", "password": "x",
+ "tls-ca": "/run/ombry-config/pool.pem", "api-listen": "127.0.0.1:$api", "metrics-listen": "127.0.0.1:$metrics",
+ "log-file": "/var/log/ombry-miner/miner.log"}
 EOF
 chown root:$service_id "$w/config/ombry-miner.json"
 chmod 0640 "$w/config/ombry-miner.json"
@@ -146,6 +152,9 @@ s = socket.create_connection(("127.0.0.1", int(sys.argv[1])), timeout=5)
 s.sendall(b"summary")
 print(s.makefile().read())' "$api" 2>&1 || true)
 check "the JSON API answers" grep -q '"Accepted"' <<<"$summary"
+scrape=$(python3 -c 'import sys, urllib.request
+print(urllib.request.urlopen(f"http://127.0.0.1:{sys.argv[1]}/metrics", timeout=5).read().decode())' "$metrics" 2>&1 || true)
+check "the metrics answer" grep -q '^ombry_shares_total' <<<"$scrape"
 
 # A rotation: logrotate with the package's snippet where it is installed (the
 # snippet's pkill names the service's user, here by a passwd of the sandbox's
