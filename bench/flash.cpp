@@ -21,9 +21,9 @@
 #include <vector>
 
 #include "board/dma_device.h"
-#include "board/flash_device.h"
-#include "board/spi_flash.h"
-#include "board/xil_io.h"
+#include "flash/flash_device.h"
+#include "flash/spi_flash.h"
+#include "flash/xil_io.h"
 #include "sim/in_process.h"
 
 namespace {

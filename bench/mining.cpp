@@ -28,8 +28,8 @@
 
 #include "board/dma_device.h"
 #include "hash/eaglesong.h"
-#include "miner/run_records.h"
-#include "miner/worker.h"
+#include "rig/run_records.h"
+#include "rig/worker.h"
 #include "sim/blocks.h"
 #include "sim/in_process.h"
 #include "stratum/session.h"

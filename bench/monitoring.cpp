@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "miner/monitoring.h"
+#include "rig/monitoring.h"
 #include "monitor/api.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"

@@ -10,7 +10,7 @@ CPU time over a stretch of mining: once with nobody asking, once with one
 
     bench/monitoring_cpu.py [--boards 8] [--seconds 60]
 
-Needs a build (build/sim/ombry-sim-miner). Not run by the tests.
+Needs a build (build/bin/ombry-sim-miner). Not run by the tests.
 """
 import argparse
 import os
@@ -67,7 +67,7 @@ def run(boards, seconds, scrape):
         api, metrics = free_port(), free_port()
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
         miner = subprocess.Popen(
-            [os.path.join(ROOT, "build/sim/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
+            [os.path.join(ROOT, "build/bin/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
              "--api-listen", f"127.0.0.1:{api}", "--metrics-listen", f"127.0.0.1:{metrics}"],
             cwd=work, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(15)  # the boards up and mining

@@ -10,7 +10,7 @@ pool's last line the miner gave the connection up.
 
     bench/pool_link.py [--seconds 40] [--cases clean,split,...]
 
-Needs a build (build/sim/ombry-sim-miner). Not run by the tests.
+Needs a build (build/bin/ombry-sim-miner). Not run by the tests.
 """
 import argparse
 import datetime
@@ -91,7 +91,7 @@ def run(name, seconds):
         log_path = os.path.join(work, "miner.log")
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
         miner = subprocess.Popen(
-            [os.path.join(ROOT, "build/sim/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
+            [os.path.join(ROOT, "build/bin/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
              "--log-file", log_path],
             cwd=work, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(seconds)

@@ -10,7 +10,7 @@ the first and how busy the machine was.
 
     bench/table_cadence.py [--boards 8,32,64,128] [--seconds 40]
 
-Needs a build (build/sim/ombry-sim-miner). Not run by the tests.
+Needs a build (build/bin/ombry-sim-miner). Not run by the tests.
 """
 import argparse
 import os
@@ -53,7 +53,7 @@ def run(boards, seconds):
         pool, port = start_pool(work)
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
         miner = subprocess.Popen(
-            [os.path.join(ROOT, "build/sim/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x"],
+            [os.path.join(ROOT, "build/bin/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x"],
             cwd=work, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         stamps = []
 

@@ -50,6 +50,13 @@ function(ombry_library name)
   endif()
 endfunction()
 
+# ombry_program(<target>)
+# The programs a user runs (the miner, the simulator's) all land in bin/ of
+# the build tree, wherever their sources live.
+function(ombry_program target)
+  set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+endfunction()
+
 # ombry_test(<name> [DEPS <targets>...])
 # One GoogleTest binary per test folder, from the folder's *.cpp files.
 function(ombry_test name)

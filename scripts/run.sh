@@ -49,10 +49,10 @@ done
 [ -n "$port" ] || { echo "the test pool did not start:"; cat "$work/pool.log"; exit 1; }
 echo "Test pool on 127.0.0.1:$port (log: $work/pool.log)"
 
-miner=(./build/src/miner/ombry-miner)
+miner=(./build/bin/ombry-miner)
 mkdir -p "$work/boards"
-if [ -x build/sim/ombry-sim-fuse ]; then
-  build/sim/ombry-sim-fuse --config "$work/boards.txt" "$work/boards" > "$work/fuse.log" 2>&1 &
+if [ -x build/bin/ombry-sim-fuse ]; then
+  build/bin/ombry-sim-fuse --config "$work/boards.txt" "$work/boards" > "$work/fuse.log" 2>&1 &
   fuse_pid=$!
   for _ in $(seq 50); do
     [ -e "$work/boards/xdma0_control" ] && break
@@ -68,7 +68,7 @@ else
   # No FUSE here: the simulator runs the unmodified miner with its boards in-process.
   echo "FUSE is not available; running the miner with in-process simulated boards"
   export OMBRY_SIM_BOARDS="$work/boards.txt"
-  miner=(./build/sim/ombry-sim-miner)
+  miner=(./build/bin/ombry-sim-miner)
 fi
 
 args=(ckb 127.0.0.1 "$port" ckb1qexamplewalletaddress.rig1 x)

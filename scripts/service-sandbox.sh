@@ -31,7 +31,7 @@ cd "$(dirname "$0")/.."
 repo=$PWD
 root=$repo/build-deb/root
 service_id=64000
-for needed in "$root/usr/bin/ombry-miner" build/sim/ombry-sim-fuse; do
+for needed in "$root/usr/bin/ombry-miner" build/bin/ombry-sim-fuse; do
   [ -e "$needed" ] || { echo "$needed is missing: run scripts/package.sh and build build/" >&2; exit 2; }
 done
 w=$(mktemp -d /tmp/ombry-sandbox.XXXXXX)
@@ -61,7 +61,7 @@ for _ in $(seq 100); do grep -q listening "$w/pool.out" && break; sleep 0.1; don
 port=$(sed -n 's/.*listening on 127.0.0.1:\([0-9]*\).*/\1/p' "$w/pool.out")
 
 # The boards, served by root with the service's group, as the udev rule does.
-setpriv --regid $service_id --clear-groups build/sim/ombry-sim-fuse --allow-other \
+setpriv --regid $service_id --clear-groups build/bin/ombry-sim-fuse --allow-other \
   --board "xdma0 model=7" --board "xdma1 model=7 dna=01234567,89abcdef" "$w/boards" > "$w/sim.out" 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do [ -e "$w/boards/xdma1_user" ] && break; sleep 0.1; done

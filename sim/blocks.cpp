@@ -25,7 +25,7 @@ class IdentityBlock : public RegisterBlock {
   explicit IdentityBlock(Fpga &fpga) : fpga_(fpga) {}
 
   uint32_t Read(uint32_t offset) override {
-    const FpgaSpec &setup = fpga_.Setup();
+    const FpgaSetup &setup = fpga_.Setup();
     switch (offset) {
       case 0x00: return setup.identityWord;
       case 0x04: return setup.layout;
@@ -84,7 +84,7 @@ class BoardControlBlock : public RegisterBlock {
   explicit BoardControlBlock(Fpga &fpga) : fpga_(fpga) {}
 
   uint32_t Read(uint32_t offset) override {
-    const FpgaSpec &setup = fpga_.Setup();
+    const FpgaSetup &setup = fpga_.Setup();
     if (offset == 0x000) return setup.wide ? (setup.boardWord & ~0x1Cu) | (setup.modelBits << 2) : setup.boardWord;
     if (offset == 0x008) return fpga_.Register2008();
     return 0;
@@ -183,7 +183,7 @@ double InputDivider(uint32_t feedback) { return feedback & 0xFF; }
 double OutputDivider(uint32_t output) { return (output & 0xFF) + ((output >> 8) & 0x3FF) / 1000.0; }
 
 // Output divider word for the power-on clock of about 100 MHz.
-uint32_t PowerOnOutput(const FpgaSpec &setup) {
+uint32_t PowerOnOutput(const FpgaSetup &setup) {
   if (setup.inputDivider == 0) return 10;
   double vco = static_cast<double>(setup.referenceHz) * setup.multiplier / setup.inputDivider;
   long thousandths = std::clamp(std::lround(vco / 100e6 * 1000.0), 1000L, 255999L);
@@ -239,7 +239,7 @@ bool HashCoreBlock::Report(uint32_t value) {
 }
 
 MmcmBlock::MmcmBlock(Fpga &fpga) : fpga_(fpga) {
-  const FpgaSpec &setup = fpga.Setup();
+  const FpgaSetup &setup = fpga.Setup();
   words_[kFeedback / 4] = (setup.inputDivider & 0xFF) | (setup.multiplier & 0xFF) << 8;
   words_[kOutput / 4] = PowerOnOutput(setup);
   loadedFeedback_ = words_[kFeedback / 4];
@@ -281,7 +281,7 @@ double MmcmBlock::OutputHz() const {
 }
 
 void MapStandardBlocks(Fpga &fpga) {
-  const FpgaSpec &setup = fpga.Setup();
+  const FpgaSetup &setup = fpga.Setup();
   bool layout1 = fpga.Layout1();
   fpga.Map(0x0000, 0x1000, std::make_unique<IdentityBlock>(fpga));
   if (!layout1) {

@@ -51,7 +51,7 @@ void ReadWords(uint64_t position, uint8_t *buffer, uint64_t size, ReadWord readW
 
 }  // namespace
 
-Card::Card(const CardSpec &setup, TimeSource time) : spec_(setup), time_(time) {
+Card::Card(const CardSetup &setup, TimeSource time) : setup_(setup), time_(time) {
   fpgas_[0] = std::make_unique<Fpga>(setup.fpga[0], true, setup.subDevices, time);
   for (uint32_t i = 1; i < kMaxFpgas; i++) {
     if (setup.subDevices & (1u << i)) fpgas_[i] = std::make_unique<Fpga>(setup.fpga[i], false, 0, time);
@@ -101,9 +101,9 @@ uint32_t Card::FpgaOf(Node node, uint64_t position) const {
 bool Card::HasNode(Node node, uint32_t channel) const {
   switch (node) {
     case Node::Control: return true;
-    case Node::User: return spec_.userFile;
-    case Node::H2C: return spec_.h2c && channel < spec_.channels;
-    case Node::C2H: return spec_.c2h && channel < spec_.channels;
+    case Node::User: return setup_.userFile;
+    case Node::H2C: return setup_.h2c && channel < setup_.channels;
+    case Node::C2H: return setup_.c2h && channel < setup_.channels;
   }
   return false;
 }
@@ -139,7 +139,7 @@ int64_t Card::ReadLocked(Node node, uint32_t channel, uint64_t position, uint8_t
     case Node::Control:
       if (FaultedRead(FaultsOf(0), bytes, size, &faulted)) return faulted;
       ReadWords(position, bytes, size, [this](uint64_t address) -> uint32_t {
-        if (address == 0) return kChannelIdentifier | (spec_.streaming ? kStreamFlag : 0);
+        if (address == 0) return kChannelIdentifier | (setup_.streaming ? kStreamFlag : 0);
         auto it = controlRegisters_.find(address);
         return it == controlRegisters_.end() ? 0 : it->second;
       });
@@ -273,7 +273,7 @@ bool Card::Apply(const Command &command, std::string *error) {
   std::lock_guard<std::mutex> guard(lock_);
   Fpga *fpga = command.fpga < kMaxFpgas ? fpgas_[command.fpga].get() : nullptr;
   if (!fpga) {
-    if (error) *error = spec_.name + " has no sub-device " + std::to_string(command.fpga);
+    if (error) *error = setup_.name + " has no sub-device " + std::to_string(command.fpga);
     return false;
   }
   // Settle the thermal state under the old settings before they change.
@@ -283,7 +283,7 @@ bool Card::Apply(const Command &command, std::string *error) {
     std::string plain;
     if (SplitTimedValue(value, &plain, &timed, error)) {
       if (plain.empty()) return false;
-      FpgaSpec probe = fpga->Setup();
+      FpgaSetup probe = fpga->Setup();
       if (key != "vanish" && key != "power_cycle" && !ApplyRuntimeSetting(probe, key, plain, error)) return false;
       timed.fpga = command.fpga;
       timed.key = key;
@@ -336,10 +336,10 @@ void Card::PowerCycle() {
 void Card::PowerCycleLocked() {
   for (uint32_t i = 0; i < kMaxFpgas; i++) {
     if (!fpgas_[i]) continue;
-    FpgaSpec setup = spec_.fpga[i];
+    FpgaSetup setup = setup_.fpga[i];
     setup.faults = fpgas_[i]->Setup().faults;
     std::shared_ptr<FlashChip> flash = fpgas_[i]->SharedFlash();
-    fpgas_[i] = std::make_unique<Fpga>(setup, i == 0, i == 0 ? spec_.subDevices : 0, time_, std::move(flash));
+    fpgas_[i] = std::make_unique<Fpga>(setup, i == 0, i == 0 ? setup_.subDevices : 0, time_, std::move(flash));
   }
 }
 
@@ -360,19 +360,19 @@ std::string Card::Describe() {
   std::lock_guard<std::mutex> guard(lock_);
   std::string text;
   char line[512];
-  snprintf(line, sizeof line, "%s user=%d h2c=%d c2h=%d channels=%u streaming=%d\n", spec_.name.c_str(), spec_.userFile,
-           spec_.h2c, spec_.c2h, spec_.channels, spec_.streaming);
+  snprintf(line, sizeof line, "%s user=%d h2c=%d c2h=%d channels=%u streaming=%d\n", setup_.name.c_str(),
+           setup_.userFile, setup_.h2c, setup_.c2h, setup_.channels, setup_.streaming);
   text += line;
   for (uint32_t i = 0; i < kMaxFpgas; i++) {
     Fpga *fpga = fpgas_[i].get();
     if (!fpga) continue;
     fpga->Tick();
-    const FpgaSpec &setup = fpga->Setup();
+    const FpgaSetup &setup = fpga->Setup();
     const Faults &faults = setup.faults;
     snprintf(line, sizeof line,
              "  %s.%u model=%u layout=0x%x bitstream=0x%08x clock=%.0f enabled=%d reset=%d"
              " core=%.2f vrm=%.2f vccint=%.3f faults:%s%s%s%s%s%s%s%s%s%s%s\n",
-             spec_.name.c_str(), i, setup.model, setup.layout, setup.bitstream, fpga->HashClockHz(),
+             setup_.name.c_str(), i, setup.model, setup.layout, setup.bitstream, fpga->HashClockHz(),
              fpga->ClockEnabled(), !fpga->OutOfReset(), fpga->CoreTemperature(), fpga->VrmTemperature(), fpga->VccInt(),
              faults.readFail ? " read_fail" : "", faults.readError ? " read_error" : "",
              faults.allOnes ? " all_ones" : "", faults.coreTemperature ? " hot" : "",

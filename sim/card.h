@@ -38,10 +38,10 @@ class Card {
   static constexpr uint64_t kRegisterSpan = uint64_t(kMaxFpgas) * Fpga::kWindowBytes;
   static constexpr uint64_t kMemoryLimit = 256ull << 20;
 
-  explicit Card(const CardSpec &setup, TimeSource time = nullptr);
+  explicit Card(const CardSetup &setup, TimeSource time = nullptr);
 
-  const std::string &Name() const { return spec_.name; }
-  const CardSpec &Setup() const { return spec_; }
+  const std::string &Name() const { return setup_.name; }
+  const CardSetup &Setup() const { return setup_; }
   bool HasNode(Node node, uint32_t channel) const;
 
   // Bytes transferred, or a negative errno value.
@@ -96,7 +96,7 @@ class Card {
   bool ApplyLocked(uint32_t fpga, const std::string &key, const std::string &value, std::string *error);
   bool VanishedLocked() const;
 
-  CardSpec spec_;
+  CardSetup setup_;
   TimeSource time_;
   std::mutex lock_;
   std::unique_ptr<Fpga> fpgas_[kMaxFpgas];

@@ -73,7 +73,7 @@ uint32_t IdentityWord(const std::string &text) {
   return word;
 }
 
-void ApplyModel(FpgaSpec &fpga, const ModelInfo &info) {
+void ApplyModel(FpgaSetup &fpga, const ModelInfo &info) {
   fpga.model = info.model;
   fpga.identityWord = IdentityWord(info.identity);
   fpga.wide = info.wide;
@@ -86,7 +86,7 @@ void ApplyModel(FpgaSpec &fpga, const ModelInfo &info) {
 }
 
 // A DNA that differs per card and sub-device, for boards that don't set one.
-void DeriveDna(FpgaSpec &fpga, const std::string &name, uint32_t index) {
+void DeriveDna(FpgaSetup &fpga, const std::string &name, uint32_t index) {
   uint64_t hash = 1469598103934665603ull;
   for (char c : name) hash = (hash ^ static_cast<uint8_t>(c)) * 1099511628211ull;
   fpga.dna[0] = static_cast<uint32_t>(hash >> 32) + index;
@@ -103,8 +103,8 @@ std::string Trim(const std::string &text) {
 
 }  // namespace
 
-CardSpec DefaultCard(const std::string &name) {
-  CardSpec card;
+CardSetup DefaultCard(const std::string &name) {
+  CardSetup card;
   card.name = name;
   for (uint32_t i = 0; i < kMaxFpgas; i++) {
     ApplyModel(card.fpga[i], *FindModel(kDefaultModel));
@@ -134,9 +134,9 @@ bool SplitTimedValue(const std::string &text, std::string *value, TimedSetting *
   return true;
 }
 
-bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error) {
+bool ApplyRuntimeSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error) {
   Faults &faults = fpga.faults;
-  ThermalSpec &thermal = fpga.thermal;
+  ThermalModel &thermal = fpga.thermal;
   bool flag;
   double number;
   if (key == "short_read" || key == "short_write" || key == "write_fail") {
@@ -226,7 +226,7 @@ bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::stri
   return true;
 }
 
-bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error) {
+bool ApplyFpgaSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error) {
   uint32_t number = 0;
   if (key == "model") {
     const ModelInfo *info = ParseU32(value, &number) ? FindModel(number) : nullptr;
@@ -324,7 +324,7 @@ bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string 
   return ApplyRuntimeSetting(fpga, key, value, error);
 }
 
-bool ApplyCardSetting(CardSpec &card, const std::string &key, const std::string &value, std::string *error) {
+bool ApplyCardSetting(CardSetup &card, const std::string &key, const std::string &value, std::string *error) {
   bool flag;
   uint32_t number;
   if (key == "user" || key == "streaming") {
@@ -392,12 +392,12 @@ namespace {
 
 // A "key=value@trigger" setting is checked now and kept for the card to apply
 // later. True when the setting was such; `ok` tells whether it was good.
-bool DeferTimed(CardSpec &card, uint32_t fpga, const std::string &key, const std::string &value, bool *ok,
+bool DeferTimed(CardSetup &card, uint32_t fpga, const std::string &key, const std::string &value, bool *ok,
                 std::string *message) {
   TimedSetting timing;
   std::string plain;
   if (!SplitTimedValue(value, &plain, &timing, message)) return false;
-  FpgaSpec probe = card.fpga[fpga];
+  FpgaSetup probe = card.fpga[fpga];
   *ok = !plain.empty() && ApplyRuntimeSetting(probe, key, plain, message);
   timing.fpga = fpga;
   timing.key = key;
@@ -408,11 +408,11 @@ bool DeferTimed(CardSpec &card, uint32_t fpga, const std::string &key, const std
 
 }  // namespace
 
-std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std::string *error) {
-  std::vector<CardSpec> cards;
+std::optional<std::vector<CardSetup>> ParseBoardList(const std::string &text, std::string *error) {
+  std::vector<CardSetup> cards;
   std::vector<std::pair<int, Command>> subDeviceLines;
-  auto findCard = [&cards](const std::string &name) -> CardSpec * {
-    for (CardSpec &card : cards) {
+  auto findCard = [&cards](const std::string &name) -> CardSetup * {
+    for (CardSetup &card : cards) {
       if (card.name == name) return &card;
     }
     return nullptr;
@@ -432,7 +432,7 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
       subDeviceLines.emplace_back(lineNumber, std::move(command));
       continue;
     }
-    CardSpec *card = findCard(command.card);
+    CardSetup *card = findCard(command.card);
     if (!card) card = &cards.emplace_back(DefaultCard(command.card));
     for (const auto &[key, value] : command.settings) {
       bool ok = true;
@@ -444,7 +444,7 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
     }
   }
   // Sub-devices start as copies of their primary, each with its own DNA.
-  for (CardSpec &card : cards) {
+  for (CardSetup &card : cards) {
     for (uint32_t i = 1; i < kMaxFpgas; i++) {
       card.fpga[i] = card.fpga[0];
       if (card.fpga[0].dnaSet)
@@ -460,7 +460,7 @@ std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std
     }
   }
   for (auto &[lineNumber, command] : subDeviceLines) {
-    CardSpec *card = findCard(command.card);
+    CardSetup *card = findCard(command.card);
     std::string where = "line " + std::to_string(lineNumber) + ": ";
     if (!card) {
       Fail(error, where + "no board " + command.card);

@@ -71,7 +71,7 @@ struct TimedSetting {
 bool SplitTimedValue(const std::string &text, std::string *value, TimedSetting *timing, std::string *error);
 
 // The configuration flash behind the SPI controller at 0x10000.
-struct FlashSpec {
+struct FlashChipSetup {
   std::string file;               // contents, kept across restarts; empty: memory only
   uint64_t size = 32ull << 20;    // bytes
   std::string ckbImage;           // an image that, at the boot address, comes up as CKB 0.004
@@ -83,13 +83,13 @@ struct FlashSpec {
 // shared by all boards that ask for it, or not at all.
 enum class SearchEngine { Own, Shared, Off };
 
-struct SearchSpec {
+struct SearchSetup {
   SearchEngine engine = SearchEngine::Own;
   double rateCapMHs = 0.0;  // hashes per second in millions, 0 for as fast as the machine goes
   int skew = -1;            // largest skew of a report either way; -1 for the core count's default
 };
 
-struct ThermalSpec {
+struct ThermalModel {
   double ambient = 35.0;         // degrees Celsius with the clock stopped
   double coreHeat = 5.0;         // degrees per GHz of clock times cores
   double vrmHeat = 7.0;          // the same for the regulator
@@ -99,7 +99,7 @@ struct ThermalSpec {
   double vccaux = 1.8;
 };
 
-struct FpgaSpec {
+struct FpgaSetup {
   // The highest clock that gives correct nonces, in MHz; 0: from the model,
   // the core temperature and VCCINT.
   double maxClockMHz = 0.0;
@@ -117,14 +117,14 @@ struct FpgaSpec {
   uint64_t referenceHz = 0;
   uint32_t multiplier = 0;  // MMCM feedback multiplier at power-on
   uint32_t inputDivider = 1;
-  ThermalSpec thermal;
+  ThermalModel thermal;
   uint32_t i2cByteTicks = 16;  // controller accesses per I2C byte; 0: no time at all
   Faults faults;
-  FlashSpec flash;
-  SearchSpec search;
+  FlashChipSetup flash;
+  SearchSetup search;
 };
 
-struct CardSpec {
+struct CardSetup {
   std::string name;  // the node prefix, e.g. "xdma0"
   bool userFile = true;
   bool h2c = true;
@@ -132,18 +132,18 @@ struct CardSpec {
   uint32_t channels = 1;
   bool streaming = false;
   uint32_t subDevices = 0;  // bit k set: sub-device k present, k of 1 to 3
-  FpgaSpec fpga[kMaxFpgas];
+  FpgaSetup fpga[kMaxFpgas];
   std::vector<TimedSetting> timed;  // from the board list, counted from the card's start
 };
 
 // A card named `name` with the default model and everything derived from it.
-CardSpec DefaultCard(const std::string &name);
+CardSetup DefaultCard(const std::string &name);
 
 // One "key=value". Each returns false with a message for an unknown key or a
 // bad value. Fault and thermal keys are the ones that may change at run time.
-bool ApplyCardSetting(CardSpec &card, const std::string &key, const std::string &value, std::string *error);
-bool ApplyFpgaSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error);
-bool ApplyRuntimeSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error);
+bool ApplyCardSetting(CardSetup &card, const std::string &key, const std::string &value, std::string *error);
+bool ApplyFpgaSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error);
+bool ApplyRuntimeSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error);
 
 // "xdma0 key=value ..." or "xdma0.2 key=value ...".
 struct Command {
@@ -155,6 +155,6 @@ bool ParseCommand(const std::string &line, Command *command, std::string *error)
 
 // A whole board list; comments start with '#'. Sub-device lines apply after
 // their card's own lines, on a copy of the primary with its own DNA.
-std::optional<std::vector<CardSpec>> ParseBoardList(const std::string &text, std::string *error);
+std::optional<std::vector<CardSetup>> ParseBoardList(const std::string &text, std::string *error);
 
 }  // namespace sim

@@ -15,8 +15,8 @@ double SteadySeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-Fpga::Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time, std::shared_ptr<FlashChip> flash)
-    : spec_(setup),
+Fpga::Fpga(const FpgaSetup &setup, bool primary, uint32_t subDevices, TimeSource time, std::shared_ptr<FlashChip> flash)
+    : setup_(setup),
       primary_(primary),
       subDevices_(subDevices),
       time_(time ? std::move(time) : TimeSource(SteadySeconds)),
@@ -24,7 +24,7 @@ Fpga::Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource 
       thermal_(setup.thermal),
       flash_(flash ? std::move(flash) : std::make_shared<FlashChip>(setup.flash)) {
   // Power-on: the FPGA loads what its flash holds.
-  BootFromFlash(spec_, *flash_);
+  BootFromFlash(setup_, *flash_);
   MapStandardBlocks(*this);
   MapSpiBlock(*this);
   for (const Mapping &mapping : blocks_) {
@@ -73,7 +73,7 @@ double Fpga::MmcmOutputHz() const { return mmcm_ ? mmcm_->OutputHz() : 0.0; }
 
 double Fpga::HashClockHz() const { return ClockEnabled() && OutOfReset() ? MmcmOutputHz() : 0.0; }
 
-double Fpga::LoadGHz() const { return HashClockHz() * spec_.cores / 1e9; }
+double Fpga::LoadGHz() const { return HashClockHz() * setup_.cores / 1e9; }
 
 void Fpga::Tick() {
   double now = time_();
@@ -83,31 +83,31 @@ void Fpga::Tick() {
   // The clock that ran since the last access is the one set then.
   double hz = HashClockHz();
   cycles_ += hz * seconds;
-  thermal_.Advance(seconds, LoadGHz(), spec_.thermal);
+  thermal_.Advance(seconds, LoadGHz(), setup_.thermal);
 }
 
 double Fpga::CoreTemperature() const {
-  return spec_.faults.coreTemperature ? *spec_.faults.coreTemperature : thermal_.CoreTemperature();
+  return setup_.faults.coreTemperature ? *setup_.faults.coreTemperature : thermal_.CoreTemperature();
 }
 
 double Fpga::VrmTemperature() const {
-  return spec_.faults.vrmTemperature ? *spec_.faults.vrmTemperature : thermal_.VrmTemperature();
+  return setup_.faults.vrmTemperature ? *setup_.faults.vrmTemperature : thermal_.VrmTemperature();
 }
 
-double Fpga::VccInt() const { return Thermal::VccInt(spec_.thermal, LoadGHz(), spec_.faults.vccintSag); }
+double Fpga::VccInt() const { return Thermal::VccInt(setup_.thermal, LoadGHz(), setup_.faults.vccintSag); }
 
 double Fpga::MaxGoodClockHz() const {
-  if (spec_.maxClockMHz > 0) return spec_.maxClockMHz * 1e6;
+  if (setup_.maxClockMHz > 0) return setup_.maxClockMHz * 1e6;
   // Hotter silicon and a sagging supply both slow the logic down.
   double heat = std::max(0.0, CoreTemperature() - 60.0) * 1e6;
-  double sag = std::max(0.0, spec_.thermal.vccintNominal - VccInt()) * 400e6;
-  return std::max(0.0, spec_.coolLimitMHz * 1e6 - heat - sag);
+  double sag = std::max(0.0, setup_.thermal.vccintNominal - VccInt()) * 400e6;
+  return std::max(0.0, setup_.coolLimitMHz * 1e6 - heat - sag);
 }
 
 bool Fpga::SensorGlitch() {
-  if (!(spec_.faults.sensorGlitch > 0)) return false;
+  if (!(setup_.faults.sensorGlitch > 0)) return false;
   glitchDraw_ = glitchDraw_ * 1103515245u + 12345u;
-  return static_cast<double>((glitchDraw_ >> 8) & 0xFFFF) / 65536.0 < spec_.faults.sensorGlitch;
+  return static_cast<double>((glitchDraw_ >> 8) & 0xFFFF) / 65536.0 < setup_.faults.sensorGlitch;
 }
 
 }  // namespace sim

@@ -41,7 +41,7 @@ class Fpga {
 
   // `flash` carries the flash chip over a power cycle; null makes a new one
   // from `setup.flash`.
-  Fpga(const FpgaSpec &setup, bool primary, uint32_t subDevices, TimeSource time,
+  Fpga(const FpgaSetup &setup, bool primary, uint32_t subDevices, TimeSource time,
        std::shared_ptr<FlashChip> flash = nullptr);
   ~Fpga();
 
@@ -52,11 +52,11 @@ class Fpga {
   // Adds a block over [base, base + size); it must not overlap another.
   void Map(uint32_t base, uint32_t size, std::unique_ptr<RegisterBlock> block);
 
-  FpgaSpec &Setup() { return spec_; }
-  const FpgaSpec &Setup() const { return spec_; }
+  FpgaSetup &Setup() { return setup_; }
+  const FpgaSetup &Setup() const { return setup_; }
   bool Primary() const { return primary_; }
   uint32_t SubDevices() const { return subDevices_; }
-  bool Layout1() const { return spec_.layout == 1; }
+  bool Layout1() const { return setup_.layout == 1; }
 
   // The register that holds the clock bits: 0x004C in layout 1, else 0x2008.
   uint32_t &ClockControlWord() { return Layout1() ? reg004C_ : reg2008_; }
@@ -82,7 +82,7 @@ class Fpga {
   double MaxGoodClockHz() const;
   // True for the sensor reads that the sensor_glitch fault spoils.
   bool SensorGlitch();
-  double VccAux() const { return spec_.thermal.vccaux; }
+  double VccAux() const { return setup_.thermal.vccaux; }
   uint64_t Cycles() const { return static_cast<uint64_t>(cycles_); }
 
   HashCoreBlock *HashCore() const { return hashCore_; }
@@ -100,7 +100,7 @@ class Fpga {
   };
   Mapping *Find(uint32_t address);
 
-  FpgaSpec spec_;
+  FpgaSetup setup_;
   bool primary_;
   uint32_t subDevices_;
   uint32_t glitchDraw_ = 7;

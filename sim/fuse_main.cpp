@@ -219,7 +219,7 @@ int main(int argc, char **argv) {
   mkdir(mountPoint.c_str(), 0755);
 
   Server server;
-  for (const sim::CardSpec &setup : *specs) server.cards.push_back(std::make_unique<sim::Card>(setup));
+  for (const sim::CardSetup &setup : *specs) server.cards.push_back(std::make_unique<sim::Card>(setup));
 
   fuse_operations ops{};
   ops.init = Init;

@@ -58,7 +58,7 @@ struct Job {
 bool TakeJob(Fpga *fpga, Job *job) {
   HashCoreBlock *core = fpga ? fpga->HashCore() : nullptr;
   if (!core || core->Held()) return false;
-  const FpgaSpec &setup = fpga->Setup();
+  const FpgaSetup &setup = fpga->Setup();
   double hz = fpga->HashClockHz();
   if (!(hz > 0.0) || setup.cores == 0 || setup.search.engine == SearchEngine::Off) return false;
   job->epoch = core->Epoch();

@@ -466,7 +466,7 @@ void AttachRegulatorDevices(IicBlock &iic, Fpga &fpga) {
   iic.Attach(0x2C, std::make_unique<RecordingDevice>([&fpga] { return fpga.OutOfReset(); }));
 }
 
-bool ApplyI2cSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error) {
+bool ApplyI2cSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error) {
   I2cFaults &faults = fpga.faults.i2c;
   auto bad = [&] {
     if (error) *error = "bad value for " + key + ": '" + value + "'";

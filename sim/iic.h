@@ -227,7 +227,7 @@ class IicBlock : public RegisterBlock {
 void AttachRegulatorDevices(IicBlock &iic, Fpga &fpga);
 
 // The settings that start with "i2c_"; false with a message for others.
-bool ApplyI2cSetting(FpgaSpec &fpga, const std::string &key, const std::string &value, std::string *error);
+bool ApplyI2cSetting(FpgaSetup &fpga, const std::string &key, const std::string &value, std::string *error);
 // One indented line about the bus's faults and the recording device, or
 // nothing when there is nothing to say.
 std::string DescribeIic(Fpga &fpga);

@@ -25,7 +25,7 @@ std::string WithoutTrailingSlash(std::string path) {
 
 }  // namespace
 
-std::vector<std::string> NodeNames(const CardSpec &card) {
+std::vector<std::string> NodeNames(const CardSetup &card) {
   std::vector<std::string> names{card.name + "_control"};
   if (card.userFile) names.push_back(card.name + "_user");
   for (uint32_t i = 0; i < card.channels; i++) {
@@ -69,7 +69,7 @@ InProcessBoards::~InProcessBoards() {
   Uninstall();
 }
 
-Card &InProcessBoards::Add(const CardSpec &setup) {
+Card &InProcessBoards::Add(const CardSetup &setup) {
   Card *card;
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -107,7 +107,7 @@ void InProcessBoards::StopSearch() {
 bool InProcessBoards::AddList(const std::string &text, std::string *error) {
   auto cards = ParseBoardList(text, error);
   if (!cards) return false;
-  for (const CardSpec &setup : *cards) Add(setup);
+  for (const CardSetup &setup : *cards) Add(setup);
   return true;
 }
 

@@ -25,7 +25,7 @@ class InProcessBoards final : public BRYLDMAFileBackend {
   InProcessBoards(const InProcessBoards &) = delete;
   InProcessBoards &operator=(const InProcessBoards &) = delete;
 
-  Card &Add(const CardSpec &setup);
+  Card &Add(const CardSetup &setup);
   // Adds the boards of a board list; false with a message when it doesn't parse.
   bool AddList(const std::string &text, std::string *error);
   Card *Find(const std::string &name);
@@ -71,7 +71,7 @@ class InProcessBoards final : public BRYLDMAFileBackend {
 };
 
 // The node names of a card in a device directory, in a stable order.
-std::vector<std::string> NodeNames(const CardSpec &card);
+std::vector<std::string> NodeNames(const CardSetup &card);
 // Which node of which card a name below the device directory means; false
 // when it names none.
 bool ResolveNodeName(const std::string &name, const std::vector<std::unique_ptr<Card>> &cards, Card **card, Node *node,

@@ -71,7 +71,7 @@ constexpr uint32_t kCkbBitstream = 0x000C0004;
 
 }  // namespace
 
-FlashChip::FlashChip(const FlashSpec &setup) : file_(setup.file), size_(setup.size) {
+FlashChip::FlashChip(const FlashChipSetup &setup) : file_(setup.file), size_(setup.size) {
   if (file_.empty()) return;
   std::ifstream in(file_, std::ios::binary);
   if (!in) return;
@@ -112,7 +112,7 @@ void FlashChip::Persist(uint64_t address, uint64_t count) {
   }
 }
 
-void FlashChip::Select(bool selected, const FpgaSpec &setup) {
+void FlashChip::Select(bool selected, const FpgaSetup &setup) {
   if (selected == selected_) return;
   selected_ = selected;
   if (selected) {
@@ -134,7 +134,7 @@ uint8_t FlashChip::CapacityCode() const {
   return bits <= 0x19 ? bits : static_cast<uint8_t>(0x20 + (bits - 26));
 }
 
-uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
+uint8_t FlashChip::Exchange(uint8_t out, const FpgaSetup &setup) {
   if (!selected_) return kIdleLine;
   uint32_t position = index_++;
   if (position == 0) {
@@ -180,7 +180,7 @@ uint8_t FlashChip::Exchange(uint8_t out, const FpgaSpec &setup) {
   }
 }
 
-void FlashChip::Execute(const FpgaSpec &setup) {
+void FlashChip::Execute(const FpgaSetup &setup) {
   bool busy = (status_ & kStatusBusy) || setup.faults.flashStuck;
   if (command_ == kReadStatus) return;
   if (busy) {
@@ -369,9 +369,9 @@ void SpiBlock::Write(uint32_t offset, uint32_t value) {
 
 void MapSpiBlock(Fpga &fpga) { fpga.Map(SpiBlock::kBase, SpiBlock::kSize, std::make_unique<SpiBlock>(fpga)); }
 
-uint64_t BootAddress(const FpgaSpec &setup) { return setup.wide ? kUpdateRegionAddress : 0; }
+uint64_t BootAddress(const FpgaSetup &setup) { return setup.wide ? kUpdateRegionAddress : 0; }
 
-void BootFromFlash(FpgaSpec &setup, FlashChip &flash) {
+void BootFromFlash(FpgaSetup &setup, FlashChip &flash) {
   if (setup.flash.ckbImage.empty()) return;
   std::ifstream in(setup.flash.ckbImage, std::ios::binary);
   if (!in) return;

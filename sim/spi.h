@@ -34,16 +34,16 @@ class FlashChip {
   static constexpr uint8_t kStatusProgramError = 0x40;
 
   // Loads the contents file when there is one; what it lacks reads erased.
-  explicit FlashChip(const FlashSpec &setup);
+  explicit FlashChip(const FlashChipSetup &setup);
   ~FlashChip();
   FlashChip(const FlashChip &) = delete;
   FlashChip &operator=(const FlashChip &) = delete;
 
   // The slave select line: true while the chip is selected. `setup` brings
   // the busy times and the faults in force.
-  void Select(bool selected, const FpgaSpec &setup);
+  void Select(bool selected, const FpgaSetup &setup);
   // One byte each way while selected.
-  uint8_t Exchange(uint8_t out, const FpgaSpec &setup);
+  uint8_t Exchange(uint8_t out, const FpgaSetup &setup);
 
   uint64_t Size() const { return size_; }
   std::vector<uint8_t> Read(uint64_t address, uint64_t count);
@@ -54,7 +54,7 @@ class FlashChip {
 
  private:
   uint8_t CapacityCode() const;
-  void Execute(const FpgaSpec &setup);
+  void Execute(const FpgaSetup &setup);
   uint8_t *Contents();
   void Persist(uint64_t address, uint64_t count);
 
@@ -124,9 +124,9 @@ void MapSpiBlock(Fpga &fpga);
 
 // Where the flash holds the image that the FPGA loads at power-on: the update
 // region on the wide family, the start elsewhere.
-uint64_t BootAddress(const FpgaSpec &setup);
+uint64_t BootAddress(const FpgaSetup &setup);
 // At power-on: a flash that holds the configured CKB image at the boot
 // address makes the FPGA come up running that bitstream.
-void BootFromFlash(FpgaSpec &setup, FlashChip &flash);
+void BootFromFlash(FpgaSetup &setup, FlashChip &flash);
 
 }  // namespace sim

@@ -5,9 +5,9 @@
 
 namespace sim {
 
-Thermal::Thermal(const ThermalSpec &setup) : core_(setup.ambient), vrm_(setup.ambient) {}
+Thermal::Thermal(const ThermalModel &setup) : core_(setup.ambient), vrm_(setup.ambient) {}
 
-void Thermal::Advance(double seconds, double loadGHz, const ThermalSpec &setup) {
+void Thermal::Advance(double seconds, double loadGHz, const ThermalModel &setup) {
   double coreTarget = setup.ambient + setup.coreHeat * loadGHz;
   double vrmTarget = setup.ambient + setup.vrmHeat * loadGHz;
   double follow = setup.lagSeconds <= 0.0 ? 1.0 : 1.0 - std::exp(-std::max(seconds, 0.0) / setup.lagSeconds);
@@ -15,7 +15,7 @@ void Thermal::Advance(double seconds, double loadGHz, const ThermalSpec &setup) 
   vrm_ += (vrmTarget - vrm_) * follow;
 }
 
-double Thermal::VccInt(const ThermalSpec &setup, double loadGHz, double extraSag) {
+double Thermal::VccInt(const ThermalModel &setup, double loadGHz, double extraSag) {
   return std::max(0.0, setup.vccintNominal - setup.vccintSagRate * loadGHz - extraSag);
 }
 

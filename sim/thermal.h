@@ -10,14 +10,14 @@ namespace sim {
 
 class Thermal {
  public:
-  explicit Thermal(const ThermalSpec &setup);
+  explicit Thermal(const ThermalModel &setup);
 
   // Lets `seconds` pass at `loadGHz` (clock in GHz times cores).
-  void Advance(double seconds, double loadGHz, const ThermalSpec &setup);
+  void Advance(double seconds, double loadGHz, const ThermalModel &setup);
 
   double CoreTemperature() const { return core_; }
   double VrmTemperature() const { return vrm_; }
-  static double VccInt(const ThermalSpec &setup, double loadGHz, double extraSag);
+  static double VccInt(const ThermalModel &setup, double loadGHz, double extraSag);
 
  private:
   double core_;

@@ -24,7 +24,7 @@ class FuseBoards {
   explicit FuseBoards(const std::vector<std::string> &boards) {
     char pattern[] = "/tmp/ombry-fuse-XXXXXX";
     dir_ = mkdtemp(pattern);
-    std::vector<std::string> argv{BuiltProgram("sim/ombry-sim-fuse")};
+    std::vector<std::string> argv{BuiltProgram("bin/ombry-sim-fuse")};
     for (const std::string &board : boards) argv.insert(argv.end(), {"--board", board});
     argv.push_back(dir_);
     daemon_ = std::make_unique<PtyProcess>(argv);

@@ -22,7 +22,7 @@ TEST(BoardList, ParsesCardsSubDevicesAndReportsErrorsByLine) {
       &error);
   ASSERT_TRUE(cards) << error;
   ASSERT_EQ(cards->size(), 2u);
-  const sim::CardSpec &rack = (*cards)[0];
+  const sim::CardSetup &rack = (*cards)[0];
   EXPECT_EQ(rack.subDevices, (1u << 1) | (1u << 3));
   EXPECT_EQ(rack.fpga[0].layout, 0u);
   // Sub-devices copy the primary as finally configured, with their own DNA.
@@ -32,7 +32,7 @@ TEST(BoardList, ParsesCardsSubDevicesAndReportsErrorsByLine) {
   EXPECT_NE(rack.fpga[1].dna[0], rack.fpga[0].dna[0]);
   EXPECT_EQ(rack.fpga[3].faults.coreTemperature.value_or(0), 90.0);
   EXPECT_FALSE(rack.fpga[0].faults.coreTemperature.has_value());
-  const sim::CardSpec &odd = (*cards)[1];
+  const sim::CardSetup &odd = (*cards)[1];
   EXPECT_EQ(odd.fpga[0].identityWord, 0x32313520u);
   EXPECT_TRUE(odd.fpga[0].wide);
   EXPECT_EQ(odd.fpga[0].modelBits, 3u);

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "miner/sim_boards.h"
+#include "support/sim_boards.h"
 #include "support/test_pool.h"
 
 namespace e2e {

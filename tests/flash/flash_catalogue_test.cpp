@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "miner/flash_catalogue.h"
+#include "flash/flash_catalogue.h"
 #include "tests/flash/sim_board.h"
 
 namespace {
@@ -44,14 +44,14 @@ TEST_F(FlashCatalogueTest, NamesBecomeSlotsAndOthersAreIgnored) {
   std::filesystem::create_directories(Folder("RK35") / "7");
   WriteText(Folder("O215") / "static.bin", "wide image");
 
-  MiningContext context;
-  LoadFlashCatalogue(context);
-  ASSERT_EQ(context.staticImages.size(), 2u);
-  EXPECT_EQ(Text(context.staticImages.at(7).file), "static image");
-  EXPECT_TRUE(context.staticImages.at(7).slots.empty());
-  EXPECT_EQ(Text(context.staticImages.at(3).file), "wide image");  // found through the model's alias
+  FlashCatalogue catalogue;
+  LoadFlashCatalogue(catalogue);
+  ASSERT_EQ(catalogue.staticImages.size(), 2u);
+  EXPECT_EQ(Text(catalogue.staticImages.at(7).file), "static image");
+  EXPECT_TRUE(catalogue.staticImages.at(7).slots.empty());
+  EXPECT_EQ(Text(catalogue.staticImages.at(3).file), "wide image");  // found through the model's alias
 
-  const auto &images = context.flashImages.at(7);
+  const auto &images = catalogue.flashImages.at(7);
   ASSERT_EQ(images.size(), 3u);
   EXPECT_EQ(images[0].slots, (std::vector<uint8_t>{16}));
   EXPECT_EQ(images[1].slots, (std::vector<uint8_t>{1, 2}));
@@ -61,8 +61,8 @@ TEST_F(FlashCatalogueTest, NamesBecomeSlotsAndOthersAreIgnored) {
 
 TEST_F(FlashCatalogueTest, MissingModelDirectoryThrows) {
   std::filesystem::remove(Folder("CV13"));
-  MiningContext context;
-  EXPECT_THROW(LoadFlashCatalogue(context), std::filesystem::filesystem_error);
+  FlashCatalogue catalogue;
+  EXPECT_THROW(LoadFlashCatalogue(catalogue), std::filesystem::filesystem_error);
 }
 
 }  // namespace

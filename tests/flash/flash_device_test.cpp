@@ -4,8 +4,8 @@
 #include <fstream>
 #include <functional>
 
-#include "board/flash_device.h"
-#include "board/spi_flash.h"
+#include "flash/flash_device.h"
+#include "flash/spi_flash.h"
 #include "support/capture.h"
 #include "tests/flash/sim_board.h"
 

@@ -10,8 +10,8 @@
 #include "board/registers.h"
 #include "foundation/console.h"
 #include "foundation/logger.h"
-#include "miner/flash_catalogue.h"
-#include "miner/flash_offer.h"
+#include "flash/flash_catalogue.h"
+#include "flash/flash_offer.h"
 #include "support/process.h"
 #include "tests/flash/sim_board.h"
 
@@ -70,14 +70,14 @@ class OfferFlashTest : public ::testing::Test {
       std::string error;
       if (!boards.AddList(boards_, &error)) return 2;
       boards.Install();
-      MiningContext context;
-      LoadFlashCatalogue(context);
+      FlashCatalogue catalogue;
+      LoadFlashCatalogue(catalogue);
       FlashOfferFlags flags;
       for (uint64_t index = 0; boards.Find("xdma" + std::to_string(index)); index++) {
         BRYLDMADevice *device = BRYLDMADeviceOpen(boards.DevicePath("xdma" + std::to_string(index)), 0);
         if (!device) return 2;
         BoardModel model = ResolveBoardModel(device, GetModelString(device));
-        OfferFlash(flags, context, device, model, index);
+        OfferFlash(flags, catalogue, device, model, index);
         BRYLDMADeviceClose(device);
       }
       FinishFlashOffers(flags);

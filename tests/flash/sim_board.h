@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "board/dma_device.h"
-#include "board/xil_io.h"
+#include "flash/xil_io.h"
 #include "sim/in_process.h"
 #include "sim/spi.h"
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "board/spi_flash.h"
-#include "board/xspi.h"
+#include "flash/spi_flash.h"
+#include "flash/xspi.h"
 #include "tests/flash/sim_board.h"
 
 namespace {

@@ -4,7 +4,7 @@ time, with faults thrown in at random, and a report of what was kept and lost.
 
     tools/soak/soak.py [--minutes 30] [--boards 8] [--ratecap 0.3] [--seed 1] [--json]
 
-Needs a build (build/sim/ombry-sim-miner). Every few seconds to a minute one
+Needs a build (build/bin/ombry-sim-miner). Every few seconds to a minute one
 fault is picked: a board running hot or sagging for a while, a board whose
 reads fail or return all ones for a moment (then its faults are cleared),
 invalid nonces from a board, or the pool going away and coming back on the
@@ -27,7 +27,7 @@ import tempfile
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-MINER = os.path.join(ROOT, "build", "sim", "ombry-sim-miner")
+MINER = os.path.join(ROOT, "build", "bin", "ombry-sim-miner")
 POOL = os.path.join(ROOT, "tools", "test_pool", "pool.py")
 
 

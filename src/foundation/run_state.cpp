@@ -1,0 +1,3 @@
+#include "foundation/run_state.h"
+
+Relaxed<uint32_t> g_runState{RunStateRunning};

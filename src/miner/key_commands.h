@@ -1,7 +1,0 @@
-// The operator's single-key commands while mining.
-#pragma once
-
-#include "miner/console_session.h"
-
-// Acts on one key press; does nothing once the run is stopping.
-void HandleKey(ConsoleSession &session, char key);

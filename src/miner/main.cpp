@@ -1,3 +1,0 @@
-#include "miner/entry.h"
-
-int main(int argc, char **argv) { return MinerMain(argc, argv); }

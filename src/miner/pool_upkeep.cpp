@@ -1,5 +1,0 @@
-#include "miner/pool_upkeep.h"
-
-#include "stratum/session.h"
-
-void KeepPoolConnection(MiningContext &context) { StratumPoll(context); }

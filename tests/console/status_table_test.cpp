@@ -1,0 +1,179 @@
+// The status table and its cadence, printed in-process and read back from the
+// captured streams.
+#include "console/status_table.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <vector>
+
+#include "support/fake_workers.h"
+#include "foundation/colour.h"
+#include "foundation/logger.h"
+#include "console/status_console.h"
+#include "support/capture.h"
+
+using miner_testing::MakeWorker;
+using testing_support::StreamCapture;
+
+namespace {
+
+constexpr uint64_t kNow = 100000;
+constexpr const char *kHeader =
+    "I/Miner        : \x1b[1;97mId | Model | Core T |  VRM T  | VCCINT | Clock [MHz] |    Hashrate   |    Found    "
+    "|   Accepted  |   Invalid   |   Rejected  \x1b[0m\n";
+constexpr const char *kRule =
+    "I/Miner        : ---+-------+--------+---------+--------+-------------+---------------+-------------+-----------"
+    "--+-------------+-------------\n";
+
+class StatusTableTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VLLogEnableConsole();
+    VLForceColour(1);  // the colours are what several tests look at
+  }
+  void TearDown() override { VLForceColour(-1); }
+
+  Worker &Add(const std::string &modelName, BoardModel model) {
+    auto worker = MakeWorker(modelName, model, "dna");
+    worker->enabled = true;
+    worker->heartbeat = kNow;
+    context_.workers.push_back(std::move(worker));
+    return *context_.workers.back();
+  }
+
+  std::string Table(uint64_t now = kNow) {
+    StreamCapture capture;
+    PrintStatusTable(session_, now);
+    capture.Stop();
+    EXPECT_EQ(capture.Err(), "");
+    return capture.Out();
+  }
+
+  MiningContext context_;
+  ConsoleSession session_{context_};
+};
+
+std::string Row(const std::string &body) { return "I/Miner        : " + body + "\n"; }
+
+TEST_F(StatusTableTest, RowShowsReadingsClocksRateAndCountersWithGrowth) {
+  Worker &worker = Add("1525", 1);
+  worker.coreTemperature = 65.3;
+  worker.vrmTemperature = 80.0;
+  worker.vccint = 0.85;
+  worker.currentClockHz = 200000000;
+  worker.targetClockHz = 250000000;
+  worker.hashRateMHs = 12.5;
+  worker.found = 7;
+  worker.sharesAccepted = 5;
+  worker.invalid = 1;
+  worker.sharesRejected = 2;
+
+  std::string expected = std::string(kHeader) + kRule +
+                         Row(" 1 |  1525 | 65.3 C\x1b[0m |  80.0 C\x1b[0m | 0.85 V\x1b[0m |  200 / 250  |    12.50 MH/s"
+                             " |     7 (+ 7) |     5 (+ 5) |     1 (+ 1) |     2 (+ 2)") +
+                         "\x1b[1;32mI/Miner        : Total Hashrate: 12.50 MH/s\n\x1b[0m";
+  EXPECT_EQ(Table(), expected);
+
+  worker.found = 19;
+  worker.sharesAccepted = 16;
+  worker.belowBoardTarget = 3;
+  std::string second = Table();
+  EXPECT_NE(second.find("|    19 (+12) |    16 (+11) |     1 (+ 0) |     2 (+ 0)\n"), std::string::npos) << second;
+  EXPECT_EQ(worker.shownCounters.found, 19u);
+  EXPECT_EQ(worker.shownCounters.belowBoardTarget, 3u);
+}
+
+TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTotal) {
+  Worker &disabled = Add("1525", 1);
+  disabled.enabled = false;
+  disabled.hashRateMHs = 100.0;
+  const char *expectedLines[] = {
+      "\x1b[1;33mI/Miner        : Worker 2: Started waiting for work 6 seconds ago\n\x1b[0m",
+      "\x1b[1;33mI/Miner        : Worker 3: Started initializing 7 seconds ago\n\x1b[0m",
+      "\x1b[1;33mI/Miner        : Worker 4: Started waiting for DMA 8 seconds ago\n\x1b[0m",
+      "\x1b[1;33mI/Miner        : Worker 5: Started working on DMA 9 seconds ago\n\x1b[0m",
+      "\x1b[1;33mI/Miner        : Worker 6: Started final mining preparation 10 seconds ago\n\x1b[0m",
+      "\x1b[1;31mI/Miner        : Worker 7: Heart stopped 11 seconds ago\n\x1b[0m",
+  };
+  for (uint32_t state = 0; state <= WorkerStateRunning; state++) {
+    Worker &stale = Add("1525", 1);
+    stale.state = state;
+    stale.heartbeat = kNow - 6 - state;
+    stale.hashRateMHs = 100.0;
+  }
+  Worker &fresh = Add("1525", 1);
+  fresh.heartbeat = kNow - 5;  // five seconds is not yet stale
+  fresh.hashRateMHs = 3.25;
+
+  std::string text = Table();
+  EXPECT_NE(text.find("\x1b[1;33mI/Miner        : Worker 1: Offline (Disabled)\n\x1b[0m"), std::string::npos);
+  for (const char *line : expectedLines) EXPECT_NE(text.find(line), std::string::npos) << line;
+  EXPECT_NE(text.find("I/Miner        :  8 |  1525 |"), std::string::npos);
+  EXPECT_NE(text.find("Total Hashrate: 3.25 MH/s\n"), std::string::npos) << text;
+}
+
+// Runs `passes` console passes, returning the captured output and the pass
+// numbers on which a table began.
+struct Passes {
+  std::string out;
+  std::vector<uint64_t> tables;
+};
+
+void CountTable(uint32_t, const char *, const char *message, void *context) {
+  auto *session = static_cast<std::pair<ConsoleSession *, std::vector<uint64_t> *> *>(context);
+  if (strstr(message, "Id | Model |") != nullptr) session->second->push_back(session->first->passCount);
+}
+
+Passes RunPasses(ConsoleSession &session, uint64_t passes, std::atomic<uint64_t> &counter,
+                 uint64_t quickRefreshAtPass = 0) {
+  Passes result;
+  std::pair<ConsoleSession *, std::vector<uint64_t> *> hook{&session, &result.tables};
+  VLLogSetCallback(CountTable, &hook);
+  StreamCapture capture;
+  for (uint64_t i = 0; i < passes; i++) {
+    if (quickRefreshAtPass != 0 && session.passCount + 1 == quickRefreshAtPass) session.quickRefresh = true;
+    FinishConsolePass(session, counter);
+  }
+  capture.Stop();
+  VLLogSetCallback(nullptr, nullptr);
+  result.out = capture.Out();
+  return result;
+}
+
+TEST_F(StatusTableTest, TableEveryFiftyPassesAndTheWatchdogFedEveryPass) {
+  Add("1525", 1);
+  std::atomic<uint64_t> counter{0};
+  Passes run = RunPasses(session_, 150, counter);
+  EXPECT_EQ(run.tables, (std::vector<uint64_t>{50, 100, 150}));
+  EXPECT_EQ(counter.load(), 150u);
+}
+
+TEST_F(StatusTableTest, VrmBannerComesOnlyWithATableThatShowsAHotRegulator) {
+  Worker &worker = Add("1525", 1);
+  worker.vrmTemperature = 125.5;
+  std::atomic<uint64_t> counter{0};
+  Passes hot = RunPasses(session_, 50, counter);
+  const std::string banner =
+      "\x1b[1;31mI/Miner        : \n\x1b[0m"
+      "\x1b[1;31mI/Miner        : ************************************************************\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : *                         WARNING!                         *\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : *  At least one VRM is over the maximum rated temperature  *\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : *      for continuous operation, which will lead to a      *\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : *         shorter lifetime and / or sudden failure.        *\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : ************************************************************\n\x1b[0m"
+      "\x1b[1;31mI/Miner        : \n\x1b[0m";
+  ASSERT_GE(hot.out.size(), banner.size());
+  EXPECT_EQ(hot.out.substr(hot.out.size() - banner.size()), banner);
+  EXPECT_EQ(hot.out.find(banner), hot.out.rfind(banner)) << "one banner per table";
+
+  worker.vrmTemperature = 125.0;  // at the rating is not over it
+  EXPECT_EQ(RunPasses(session_, 50, counter).out.find("WARNING!"), std::string::npos);
+
+  // A hot regulator on a row that isn't shown doesn't raise it.
+  worker.vrmTemperature = 130.0;
+  worker.enabled = false;
+  EXPECT_EQ(RunPasses(session_, 50, counter).out.find("WARNING!"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,258 @@
+// A worker thread driving a simulated board in-process: what the board holds
+// after a job load, the start clock, and the stop sequence.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "board/dma_device.h"
+#include "board/registers.h"
+#include "foundation/logger.h"
+#include "hash/eaglesong.h"
+#include "rig/dispatch.h"
+#include "rig/worker.h"
+#include "sim/blocks.h"
+#include "sim/in_process.h"
+#include "stratum/targets.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Predicate>
+bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+// The worker's thread body on a thread the test joins, so that nothing of the
+// worker outlives the board and the records it uses.
+std::thread RunWorker(MiningContext &context) { return std::thread(WorkerMain, new WorkerThreadArgs{0, &context}); }
+
+void StopWorker(MiningContext &context, std::thread &thread) {
+  if (!thread.joinable()) return;
+  context.workers[0]->enabled = false;
+  thread.join();
+}
+
+class WorkerBoardTest : public ::testing::Test {
+ protected:
+  // The board, a model 7 unless a suite says otherwise.
+  virtual const char *BoardList() const { return "xdma0 model=7\n"; }
+  virtual BoardModel Model() const { return 7; }
+
+  void SetUp() override {
+    boards.Install();
+    std::string error;
+    ASSERT_TRUE(boards.AddList(BoardList(), &error)) << error;
+    card = boards.Find("xdma0");
+    ASSERT_NE(card, nullptr);
+
+    auto worker = std::make_unique<Worker>();
+    worker->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
+    ASSERT_NE(worker->device, nullptr);
+    worker->model = Model();
+    worker->layoutVersion = 1;
+    worker->enabled = true;
+    worker->targetClockHz = 100000000;
+    context.workers.push_back(std::move(worker));
+
+    job = std::make_shared<StratumJob>();
+    job->jobId = "job-1";
+    job->extranonce = {0xa1, 0xa2, 0xa3, 0xa4};
+    for (size_t i = 0; i < 32; i++) job->headerHash[i] = static_cast<uint8_t>(i * 7 + 1);
+    job->nonceCounter = 40;
+    DifficultyToTarget(1.0, job->target);
+  }
+  void TearDown() override {
+    StopWorker(context, thread);
+    boards.Uninstall();
+  }
+
+  uint32_t Latched(uint32_t offset) {
+    return card->WithFpga(0, [&](sim::Fpga *fpga) { return fpga->HashCore()->Latched(offset); });
+  }
+
+  bool Held() {
+    return card->WithFpga(0, [&](sim::Fpga *fpga) { return fpga->HashCore()->Held(); });
+  }
+
+  sim::InProcessBoards boards{"/ombry-worker-test"};
+  sim::Card *card = nullptr;
+  std::thread thread;
+  MiningContext context;
+  std::shared_ptr<StratumJob> job;
+};
+
+TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
+  Worker &worker = *context.workers[0];
+  thread = RunWorker(context);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_FALSE(worker.active);  // no job yet
+  EXPECT_EQ(worker.state, WorkerStateWaitingForWork);
+
+  context.SetCurrentJob(job);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+  EXPECT_TRUE(worker.active);
+  EXPECT_EQ(worker.currentClockHz, 100000000u);
+  double hashClock = card->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashClockHz(); });
+  EXPECT_NEAR(hashClock, 100e6, 1e6);
+
+  uint32_t header[8], midstate[16];
+  memcpy(header, job->headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate);
+  for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(Latched(kSlotMidstate + 4 * i), midstate[i]) << i;
+
+  // Nonce block: extranonce, then the job nonce word drawn from the counter.
+  EXPECT_EQ(Latched(kSlotNonceBlock), 0xa1a2a3a4u);
+  uint32_t word = (Latched(kSlotNonceBlock + 4) >> 24) | (Latched(kSlotNonceBlock + 4) << 8 & 0xff0000) |
+                  (Latched(kSlotNonceBlock + 4) >> 8 & 0xff00) | (Latched(kSlotNonceBlock + 4) << 24);
+  EXPECT_GE(word, 40u);
+  EXPECT_GT(job->nonceCounter.load(), 40u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 8), 0u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 12), 0u);
+
+  // The board target: rate-derived for 100 MHz on 10 cores, raised to the
+  // job's top limb if that is higher.
+  uint32_t rate[8];
+  RateDerivedBoardTarget(100000000, 10, false, rate);
+  uint64_t rateTop = static_cast<uint64_t>(rate[7]) << 32 | rate[6];
+  uint64_t jobTop = static_cast<uint64_t>(job->target[7]) << 32 | job->target[6];
+  uint64_t expectedTop = rateTop < jobTop ? jobTop : rateTop;
+  EXPECT_EQ(Latched(kSlotTargetHigh), static_cast<uint32_t>(expectedTop >> 32));
+  EXPECT_EQ(Latched(kSlotTargetLow), static_cast<uint32_t>(expectedTop));
+  EXPECT_FALSE(Held());  // released: the cores run
+}
+
+TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+
+  auto next = std::make_shared<StratumJob>();
+  next->jobId = "job-2";
+  next->headerHash.fill(0x5a);
+  DifficultyToTarget(1.0, next->target);
+  context.SetCurrentJob(next);
+  context.jobGeneration++;
+
+  uint32_t header[8], midstate[16];
+  memcpy(header, next->headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate);
+  EXPECT_TRUE(WaitUntil([&] { return Latched(kSlotMidstate) == midstate[0]; }));
+  // An empty extranonce puts the nonce word at the start of the block.
+  EXPECT_EQ(Latched(kSlotNonceBlock + 4), 0u);
+}
+
+TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning; }));
+  worker.enabled = false;
+  // No clock step comes in the first 2000 passes; then 25 MHz every second pass.
+  ASSERT_TRUE(WaitUntil([&] { return !worker.active; }, 60000ms));
+  EXPECT_EQ(worker.currentClockHz, 0u);
+  EXPECT_TRUE(Held());  // cores held
+  bool stopped = card->WithFpga(0, [](sim::Fpga *fpga) { return !fpga->ClockEnabled() && !fpga->OutOfReset(); });
+  EXPECT_TRUE(stopped);
+}
+
+// A job load holds the cores, clears, sets the target, the nonce block and
+// the midstate, and only then lets the cores run: in this order, nothing else.
+TEST_F(WorkerBoardTest, AJobLoadWritesItsRegistersInTheBoardsOrder) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  WorkerLoop loop;
+  loop.slots.resize(1);
+  loop.slots[0].base = JobSlotBase(0);
+  card->SetTracing(true);
+  LoadJob(loop, context, worker);
+  std::vector<sim::Access> trace = card->TakeTrace();
+
+  std::vector<uint64_t> expected = {kSlotControl, kSlotClear, kSlotTargetHigh, kSlotTargetLow};
+  for (uint32_t i = 0; i < 4; i++) expected.push_back(kSlotNonceBlock + 4 * i);
+  for (uint32_t i = 0; i < 16; i++) expected.push_back(kSlotMidstate + 4 * i);
+  expected.push_back(kSlotControl);
+  std::vector<uint64_t> written;
+  for (const sim::Access &access : trace) {
+    if (access.node == sim::Node::User && access.write) written.push_back(access.position - JobSlotBase(0));
+  }
+  EXPECT_EQ(written, expected);
+  EXPECT_FALSE(Held());
+}
+
+// A board that fell off the bus reports all ones. The crash rule takes it out
+// at the fourth such report and not before, and a tuning run ends there: it
+// falls by the pass's step for each invalid report.
+TEST_F(WorkerBoardTest, AllOnesReportsEndTuningAndCrashTheBoardAtTheFourth) {
+  Worker &worker = *context.workers[0];
+  worker.tuning = TuningActive;
+  worker.targetClockHz = 200000000;
+  static std::vector<std::string> events;
+  events.clear();
+  VLLogSetCallback(
+      [](uint32_t, const char *, const char *message, void *) {
+        std::string text = message;
+        if (text.find("share was invalid with nonce ffffffff") != std::string::npos) events.push_back("invalid");
+        if (text.find("has crashed") != std::string::npos) events.push_back("crash");
+      },
+      nullptr);
+  std::string error;
+  ASSERT_TRUE(boards.RunCommand("xdma0 all_ones=1", &error)) << error;
+  WorkerLoop loop;
+  loop.slots.resize(1);
+  loop.slots[0].base = JobSlotBase(0);
+  loop.passStep = 50000;
+  CollectNonces(loop, context, worker);
+  VLLogSetCallback(nullptr, nullptr);
+
+  EXPECT_EQ(events, (std::vector<std::string>{"invalid", "invalid", "invalid", "invalid", "crash"}));
+  EXPECT_FALSE(worker.enabled);
+  EXPECT_EQ(worker.tuning, TuningDone);
+  EXPECT_EQ(worker.targetClockHz, 200000000u - 4 * 50000u);
+}
+
+TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
+  Worker &worker = *context.workers[0];
+  worker.device.reset();
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+  thread.join();
+  EXPECT_FALSE(worker.enabled);
+  EXPECT_FALSE(worker.active);
+}
+
+// Model 6 keeps its regulator sensors on the I2C bus: the worker shows what
+// 0x1F reads and throttles when it runs hot.
+class WorkerRegulatorTest : public WorkerBoardTest {
+ protected:
+  const char *BoardList() const override { return "xdma0 model=6 i2c_temp_1f=110\n"; }
+  BoardModel Model() const override { return 6; }
+};
+
+TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+
+  EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature >= 109.0; }));
+  // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
+  EXPECT_TRUE(WaitUntil([&] { return worker.currentClockHz < 100000000; }, 60000ms));
+
+  // The sensor cools; the reading shown never falls while the worker runs.
+  std::string error;
+  ASSERT_TRUE(boards.RunCommand("xdma0 i2c_temp_1f=40", &error)) << error;
+  std::this_thread::sleep_for(300ms);
+  EXPECT_GE(worker.vrmTemperature, 109.0);
+  StopWorker(context, thread);
+  EXPECT_FALSE(worker.active);
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+// Options beside the seven positional words: where they may stand, how their
+// values are taken, and what is refused.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "shell/command_line.h"
+
+namespace {
+
+struct Parsed {
+  bool ok;
+  CommandLine line;
+  std::string error;
+};
+
+Parsed Parse(std::vector<std::string> words) {
+  words.insert(words.begin(), "ombry-miner");
+  std::vector<char *> argv;
+  for (std::string &word : words) argv.push_back(word.data());
+  Parsed parsed;
+  parsed.ok = ParseCommandLine(static_cast<int>(argv.size()), argv.data(), parsed.line, parsed.error);
+  return parsed;
+}
+
+TEST(CommandLineTest, OptionsStandAnywhereAndLeaveThePositionalWordsInOrder) {
+  Parsed parsed = Parse({"--pool-silence", "45", "ckb", "pool", "--share-timeout=12.5", "3333", "w", "x", "200"});
+  ASSERT_TRUE(parsed.ok) << parsed.error;
+  EXPECT_EQ(parsed.line.positional, (std::vector<std::string>{"ombry-miner", "ckb", "pool", "3333", "w", "x", "200"}));
+  EXPECT_EQ(parsed.line.options.poolSilenceSeconds, 45);
+  EXPECT_EQ(parsed.line.options.shareTimeoutSeconds, 12.5);
+
+  Parsed plain = Parse({"ckb", "pool", "3333", "w", "x"});
+  ASSERT_TRUE(plain.ok);
+  EXPECT_EQ(plain.line.positional.size(), 6u);
+  EXPECT_EQ(plain.line.options.poolSilenceSeconds, RunOptions{}.poolSilenceSeconds);
+  EXPECT_FALSE(plain.line.showHelp || plain.line.showVersion);
+}
+
+TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
+  struct Case {
+    std::vector<std::string> words;
+    const char *errorPart;
+  };
+  const Case cases[] = {
+      {{"ckb", "--bogus", "1"}, "unknown option --bogus"},
+      {{"ckb", "--pool-silence"}, "--pool-silence needs a value"},
+      {{"--pool-silence", "-5"}, "--pool-silence '-5'"},
+      {{"--pool-silence", "0"}, "--pool-silence '0'"},
+      {{"--share-timeout", "1e3"}, "--share-timeout '1e3'"},
+      {{"--share-timeout", "30s"}, "--share-timeout '30s'"},
+      {{"--help=yes"}, "--help takes no value"},
+  };
+  for (const Case &c : cases) {
+    Parsed parsed = Parse(c.words);
+    EXPECT_FALSE(parsed.ok) << c.words[0];
+    EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
+  }
+}
+
+}  // namespace
+
+namespace {
+
+std::string WriteSettings(const std::string &text) {
+  static int count = 0;
+  std::string path =
+      testing::TempDir() + "ombry-settings-" + std::to_string(getpid()) + "-" + std::to_string(count++) + ".json";
+  FILE *file = fopen(path.c_str(), "w");
+  fputs(text.c_str(), file);
+  fclose(file);
+  return path;
+}
+
+TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
+  std::string path =
+      WriteSettings(R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
+                    R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20"})");
+  Parsed fromFile = Parse({"--config", path});
+  ASSERT_TRUE(fromFile.ok) << fromFile.error;
+  // A device without a clock: the clock's place holds "no forced clock".
+  EXPECT_EQ(fromFile.line.positional,
+            (std::vector<std::string>{"ombry-miner", "ckb", "pool.example", "3333", "w.rig", "x", "0", "/dev/xdma0"}));
+  EXPECT_EQ(fromFile.line.options.poolSilenceSeconds, 120);
+  EXPECT_EQ(fromFile.line.options.shareTimeoutSeconds, 20);
+
+  Parsed overridden = Parse({"ckb", "other.pool", "--pool-silence", "60", "--config=" + path});
+  ASSERT_TRUE(overridden.ok) << overridden.error;
+  EXPECT_EQ(overridden.line.positional[2], "other.pool");
+  EXPECT_EQ(overridden.line.positional[3], "3333");
+  EXPECT_EQ(overridden.line.options.poolSilenceSeconds, 60);
+  EXPECT_EQ(overridden.line.options.shareTimeoutSeconds, 20);
+  std::remove(path.c_str());
+}
+
+TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
+  struct Case {
+    const char *text;
+    const char *errorPart;
+  };
+  const Case cases[] = {
+      {R"({"pool-silence":90,})", "is not valid JSON"},
+      {R"(["ckb"])", "one JSON object"},
+      {R"({"pool-silnce":90})", "key 'pool-silnce': not a setting"},
+      {R"({"help":"1"})", "key 'help': not a setting"},
+      {R"({"pool-silence":-3})", "key 'pool-silence' '-3'"},
+      {R"({"share-timeout":[1,2]})", "key 'share-timeout': takes one value"},
+      {R"({"port":{"n":1}})", "key 'port': needs a string or a number"},
+      {R"({"port":"33x3"})", "key 'port' '33x3': must be a port number"},
+      {R"({"port":70000})", "key 'port' '70000': must be a port number"},
+      {R"({"algorithm":"sha256"})", "key 'algorithm' 'sha256': must be ckb"},
+      {R"({"clock":"fast"})", "key 'clock' 'fast': must be a whole number"},
+  };
+  for (const Case &c : cases) {
+    std::string path = WriteSettings(c.text);
+    Parsed parsed = Parse({"--config", path});
+    std::remove(path.c_str());
+    EXPECT_FALSE(parsed.ok) << c.text;
+    EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
+  }
+  Parsed missing = Parse({"--config", "/nonexistent/ombry.json"});
+  EXPECT_FALSE(missing.ok);
+  EXPECT_NE(missing.error.find("cannot read the settings file /nonexistent/ombry.json"), std::string::npos);
+}
+
+}  // namespace

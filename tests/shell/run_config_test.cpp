@@ -1,0 +1,120 @@
+// The argument vector applied to the run: forced clocks, the wide family's
+// cap, pool settings and the algorithm check.
+#include "shell/run_config.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "support/fake_workers.h"
+#include "foundation/logger.h"
+#include "support/capture.h"
+
+using miner_testing::MakeWorker;
+using miner_testing::RunStateGuard;
+using testing_support::StreamCapture;
+
+namespace {
+
+constexpr BoardModel kNarrowModel = 1;  // "1525"
+constexpr BoardModel kWideModel = 3;    // "215 "
+
+class SetupRunTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VLLogEnableConsole();
+    context_.workers.push_back(MakeWorker("1525", kNarrowModel, "narrow"));
+    context_.workers.push_back(MakeWorker("215 ", kWideModel, "wide"));
+    // Lets the started worker threads run to their end: with no board they
+    // clear `enabled` and stop.
+    miner_testing::GiveJob(context_);
+  }
+  void TearDown() override {
+    EXPECT_TRUE(WorkerThreadsEnded());
+    capture_.reset();
+  }
+
+  bool WorkerThreadsEnded() {
+    for (int i = 0; i < 1000; i++) {  // a bound against a hang, not a timing
+      if (context_.workerThreads.load(std::memory_order_acquire) == 0) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
+  // returns what it logged.
+  std::string Run(std::vector<std::string> extra, const std::string &port = "3333") {
+    args_ = {"miner", "ckb", "pool.example.org", port, "wallet", "pw"};
+    for (auto &value : extra) args_.push_back(value);
+    return RunArgs();
+  }
+
+  // Output is captured from the call on, worker threads included, until the
+  // test ends.
+  std::string RunArgs() {
+    argv_.clear();
+    for (auto &arg : args_) argv_.push_back(arg.data());
+    argv_.push_back(nullptr);
+    if (!capture_) capture_ = std::make_unique<StreamCapture>();
+    // Each stream is cut on its own: worker threads of an earlier call may
+    // still be adding error lines.
+    size_t outBefore = capture_->Out().size();
+    size_t errBefore = capture_->Err().size();
+    SetupRun(context_, static_cast<int>(args_.size()), argv_.data());
+    return capture_->Out().substr(outBefore) + capture_->Err().substr(errBefore);
+  }
+
+  uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
+
+  RunStateGuard runState_;
+  MiningContext context_;
+  std::vector<std::string> args_;
+  std::vector<char *> argv_;
+  std::unique_ptr<StreamCapture> capture_;
+};
+
+TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
+  struct Row {
+    const char *argument;
+    const char *line;
+    uint64_t narrowHz, wideHz;
+  };
+  const Row rows[] = {
+      {"350", "I/Miner        : Forcing clock to 350 MHz\n", 350000000, 350000000},
+      {"351", "I/Miner        : Forcing clock to 351 MHz\n", 351000000, 250000000},
+      // Out of range is reported but still applied; a negative value wraps as unsigned.
+      {"1000", "I/Miner        : Forced clock 1000 MHz was out of range\n", 1000000000, 250000000},
+      {"-1", "Forced clock 4294967295 MHz was out of range\n", UINT64_MAX * 1000000u, 250000000},
+      // Zero or unreadable forces nothing.
+      {"0", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
+      {"fast", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.argument);
+    std::string log = Run({row.argument});
+    EXPECT_NE(log.find(row.line), std::string::npos) << log;
+    EXPECT_EQ(Target(0), row.narrowHz);
+    EXPECT_EQ(Target(1), row.wideHz);
+    ASSERT_TRUE(WorkerThreadsEnded());
+  }
+}
+
+using SetupRunDeathTest = SetupRunTest;
+
+TEST_F(SetupRunDeathTest, UnknownAlgorithmEndsTheProcessWithCodeOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  args_ = {"miner", "recovery", "pool", "3333", "wallet", "pw"};
+  argv_.clear();
+  for (auto &arg : args_) argv_.push_back(arg.data());
+  argv_.push_back(nullptr);
+  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1),
+              "E/Miner        : Algorithm 'recovery' is not known");
+  // Case matters.
+  args_[1] = "CKB";
+  argv_[1] = args_[1].data();
+  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1), "Algorithm 'CKB' is not known");
+}
+
+}  // namespace

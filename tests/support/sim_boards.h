@@ -1,0 +1,85 @@
+// Running the unmodified miner against in-process simulated boards: a board
+// list in a temporary file, and the environment that points the miner at it.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+
+namespace miner_testing {
+
+// The directory the simulated boards appear in, so device paths are known.
+constexpr const char *kSimDeviceDir = "/sim";
+
+inline std::string SimMiner() { return testing_support::BuiltProgram("bin/ombry-sim-miner"); }
+
+// A scratch directory for one run, removed again at the end of the test.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    static std::atomic<int> counter{0};
+    path_ = std::filesystem::temp_directory_path() /
+            ("ombry-run-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
+    std::filesystem::remove_all(path_);
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchDir() { std::filesystem::remove_all(path_); }
+  ScratchDir(const ScratchDir &) = delete;
+  ScratchDir &operator=(const ScratchDir &) = delete;
+  const std::filesystem::path &Path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A board list (sim/README.md) written for one run.
+class SimBoardList {
+ public:
+  explicit SimBoardList(const std::string &boards) {
+    std::ofstream(dir_.Path() / "boards.txt") << boards;
+    // Runs in the work directory find the checkout's image tree there.
+    if (const char *source = getenv("OMBRY_SOURCE_DIR")) {
+      std::filesystem::create_directory_symlink(std::filesystem::path(source) / "bitstreams",
+                                                dir_.Path() / "bitstreams");
+    }
+  }
+  std::vector<std::string> Env() const {
+    return {"OMBRY_SIM_BOARDS=" + (dir_.Path() / "boards.txt").string(),
+            std::string("OMBRY_DEVICE_DIR=") + kSimDeviceDir};
+  }
+  // A working directory for the run, for files the miner writes.
+  const std::filesystem::path &WorkDir() const { return dir_.Path(); }
+
+ private:
+  ScratchDir dir_;
+};
+
+// Starts the simulated miner on a terminal, in the board list's directory.
+inline std::unique_ptr<testing_support::PtyProcess> StartOnTerminal(const SimBoardList &boards,
+                                                                    std::vector<std::string> args,
+                                                                    const std::vector<std::string> &extraEnv = {}) {
+  args.insert(args.begin(), SimMiner());
+  auto env = boards.Env();
+  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+  std::string workDir = boards.WorkDir().string();
+  return std::make_unique<testing_support::PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{},
+                                                       [args, env, workDir] {
+                                                         if (chdir(workDir.c_str()) != 0) return 126;
+                                                         for (const auto &entry : env) putenv(strdup(entry.c_str()));
+                                                         std::vector<char *> argv;
+                                                         for (const auto &arg : args)
+                                                           argv.push_back(strdup(arg.c_str()));
+                                                         argv.push_back(nullptr);
+                                                         execv(argv[0], argv.data());
+                                                         return 127;
+                                                       });
+}
+
+}  // namespace miner_testing
