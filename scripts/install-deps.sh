@@ -9,6 +9,7 @@ packages=(
   libfuse3-dev fuse3
   libssl-dev openssl ca-certificates nlohmann-json3-dev
   libsystemd-dev dpkg-dev
+  debhelper help2man lintian systemd bubblewrap
   clang libclang-rt-14-dev clang-format clang-tidy
   prometheus
 )

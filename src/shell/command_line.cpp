@@ -95,7 +95,7 @@ void PrintUsage(FILE *out) {
   fprintf(out,
           "Usage: ombry-miner <algorithm> <pool host> <pool port> <wallet> <password> [clock MHz] [device] "
           "[options]\n"
-          "       ombry-miner recovery | dump [options]\n"
+          "   or: ombry-miner recovery | dump [options]\n"
           "\n"
           "Positional arguments:\n"
           "  algorithm   ckb; or recovery (flash boards, mine nothing) or dump (do nothing)\n"
@@ -106,11 +106,20 @@ void PrintUsage(FILE *out) {
           "  clock MHz   optional: a fixed clock for every board\n"
           "  device      optional: one device path; only that board is used\n"
           "\n"
-          "Options (--name value or --name=value, anywhere on the line):\n");
+          "Options are --name value or --name=value and may stand anywhere on the line.\n"
+          "\n"
+          "Options:\n");
+  // Two spaces part an option from its help, or the help goes on the next
+  // line: the manual page is made from this text and needs the gap.
+  constexpr int kColumn = 26;
   for (const CommandLineOption &option : CommandLineOptions()) {
     std::string left = std::string("--") + option.name;
     if (option.valueName != nullptr) left += std::string(" ") + option.valueName;
-    fprintf(out, "  %-26s %s\n", left.c_str(), option.help);
+    if (left.size() < kColumn) {
+      fprintf(out, "  %-*s %s\n", kColumn, left.c_str(), option.help);
+    } else {
+      fprintf(out, "  %s\n  %-*s %s\n", left.c_str(), kColumn, "", option.help);
+    }
   }
   fprintf(out,
           "\n"

@@ -4,7 +4,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFI
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "cmake --install failed: ${result}")
 endif()
-foreach(path bin/ombry-miner lib/systemd/system/ombry-miner.service lib/udev/rules.d/60-ombry-xdma.rules
+foreach(path bin/ombry-miner share/man/man1/ombry-miner.1 lib/systemd/system/ombry-miner.service lib/udev/rules.d/60-ombry-xdma.rules
              lib/sysusers.d/ombry-miner.conf share/doc/ombry-miner/README.md
              share/doc/ombry-miner/examples/ombry-miner.json share/ombry-miner/bitstreams/README.md
              share/doc/ombry-miner/examples/prometheus/ombry-rules.yml

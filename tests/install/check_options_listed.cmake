@@ -1,0 +1,51 @@
+# The options --help lists, each with the name of its value, are the ones the
+# manual page and the README list, in the same order.
+#   cmake -DMINER=... -DMANUAL=... -DREADME=... -P check_options_listed.cmake
+execute_process(COMMAND ${MINER} --help OUTPUT_VARIABLE help RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "ombry-miner --help: ${result}")
+endif()
+# "  --name VALUE   what it does", or the same over two lines. (A semicolon
+# would split CMake's list.)
+string(REPLACE ";" "," help "${help}")
+string(REGEX MATCHALL "\n  --[^\n]*" help_lines "${help}")
+set(help_options "")
+foreach(line IN LISTS help_lines)
+  string(REGEX REPLACE "^\n  ([^ ]+( [^ ]+)?).*" "\\1" option "${line}")
+  list(APPEND help_options "${option}")
+endforeach()
+if(help_options STREQUAL "")
+  message(FATAL_ERROR "no options found in --help:\n${help}")
+endif()
+
+# help2man writes each option as a tagged paragraph: ".TP", then the option
+# and its value in bold and italics alone on the next line.
+file(READ ${MANUAL} manual)
+string(FIND "${manual}" "\n.SH OPTIONS\n" start)
+if(start EQUAL -1)
+  message(FATAL_ERROR "the manual page has no OPTIONS section")
+endif()
+string(SUBSTRING "${manual}" ${start} -1 section)
+string(SUBSTRING "${section}" 1 -1 section)
+string(FIND "${section}" "\n.SH " end)
+string(SUBSTRING "${section}" 0 ${end} section)
+string(REGEX MATCHALL "\\.TP\n[^\n]+" tags "${section}")
+set(manual_options "")
+foreach(tag IN LISTS tags)
+  string(REGEX REPLACE "^\\.TP\n|\\\\f[BRI]|\\\\[,/]" "" tag "${tag}")
+  string(REPLACE "\\-" "-" tag "${tag}")
+  list(APPEND manual_options "${tag}")
+endforeach()
+
+file(STRINGS ${README} readme_rows REGEX "^\\| `--")
+set(readme_options "")
+foreach(row IN LISTS readme_rows)
+  string(REGEX MATCH "^\\| `([^`]+)`" row "${row}")
+  list(APPEND readme_options "${CMAKE_MATCH_1}")
+endforeach()
+
+foreach(where manual readme)
+  if(NOT "${${where}_options}" STREQUAL "${help_options}")
+    message(FATAL_ERROR "the ${where} lists the options\n  ${${where}_options}\nbut --help lists\n  ${help_options}")
+  endif()
+endforeach()
