@@ -18,7 +18,10 @@ using VLLogCallback = void (*)(uint32_t level, const char *tag, const char *mess
 using VLLogHostFilter = void (*)(char *buffer, uint32_t size, const char *text);
 
 // Formats and emits one line when `level` passes the threshold. `line` and
-// `file` name the call site; the console sink doesn't print them.
+// `file` name the call site; the console sink doesn't print them. Control
+// characters in the result are escaped (foundation/escape.h), colour
+// sequences excepted, so no line can steer the terminal; text from outside
+// is still escaped by the caller, colours and all, with VLEscapeControl.
 void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
