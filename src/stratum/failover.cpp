@@ -28,7 +28,9 @@ void Switch(StratumContext &context, uint32_t index, const std::string &reason) 
 
 StratumContext &ContextOf(void *userData) { return *static_cast<StratumContext *>(userData); }
 
-void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::initializer_list<std::string> params) {
+// `secret`: the parameter the log shows as ***, if any.
+void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::initializer_list<std::string> params,
+                 int secret = -1) {
   VLObject *idValue = VLNumberCreateUInt32(id);
   VLObject *methodValue = VLStringCreate(method, 0);
   VLJsonRpcMessage *message = VLJsonRpcRequestCreate(idValue, methodValue, VLJsonRpcVersion2);
@@ -39,6 +41,7 @@ void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::
     VLJsonRpcMessageAddParam(message, value);
     VLObjectRelease(value);
   }
+  if (secret >= 0) VLJsonRpcMessageSetSecretParam(message, static_cast<uint32_t>(secret));
   VLJsonRpcClientSend(client, message);
   VLJsonRpcMessageRelease(message);
 }
@@ -57,7 +60,7 @@ void OnProbeMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *us
   const PoolEndpoint &primary = context.pools[0];
   if (VLNumberGetUInt64(id) == kSubscribeId) {
     if (VLObjectType(result) == VLTypeArray && VLArrayCount(result) > 2) {
-      SendRequest(client, kAuthorizeId, "mining.authorize", {primary.user, primary.password});
+      SendRequest(client, kAuthorizeId, "mining.authorize", {primary.user, primary.password}, 1);
     } else {
       context.probe.lost = true;
     }
