@@ -27,7 +27,7 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BOARDS = "xdma0 model=7 ratecap=1\nxdma1 model=2 ratecap=1\n"
-POOL = ["--difficulty", "0.0002", "--notify-interval", "2", "--seed", "9"]
+POOL = ["--difficulty", "0.0002", "--seed", "9"]
 PASSWORD = "Pa55-s3cret"
 HASH = "a" * 64
 
@@ -36,29 +36,20 @@ def notification(method, params):
     return b'{"id":null,"method":"%s","params":%s}' % (method.encode(), params.encode())
 
 
-def bplist_bomb():
-    """A binary property list whose arrays name the next array 14 times, 20
-    levels deep: 14^20 values to a reader that follows every reference. No
-    byte of it is a line feed (object 10 is left out of the chain)."""
-    count = 22
-    after = lambda index: 11 if index + 1 == 10 else index + 1  # noqa: E731
-    for padding in range(64):
-        out, offsets = bytearray(b"bplist00"), []
-        for index in range(count):
-            offsets.append(len(out))
-            if index < count - 1 and index != 10:
-                out += bytes([0xA0 | 14]) + bytes([after(index)]) * 14
-            else:
-                out += b"\x10\x01"
-            if index == 0:
-                out += b" " * padding
+def bplist_bomb(string_bytes=430000, references=430000):
+    """A binary property list whose root array names one string again and
+    again: a reader that follows every reference copies the string each
+    time (references x string_bytes bytes). No byte of it is a line feed."""
+    while True:
+        out = bytearray(b"bplist00\xaf\x12") + references.to_bytes(4, "big") + b"\x01" * references
+        string = len(out)
+        out += b"\x5f\x12" + string_bytes.to_bytes(4, "big") + b"x" * string_bytes
         table = len(out)
-        for offset in offsets:
-            out += offset.to_bytes(2, "big")
-        out += bytes(6) + bytes([2, 1]) + count.to_bytes(8, "big") + bytes(8) + table.to_bytes(8, "big")
+        out += (8).to_bytes(4, "big") + string.to_bytes(4, "big")
+        out += bytes(6) + b"\x04\x01" + (2).to_bytes(8, "big") + bytes(8) + table.to_bytes(8, "big")
         if b"\n" not in out:
             return bytes(out)
-    raise RuntimeError("no padding keeps line feeds out")
+        references += 1
 
 
 def key_flood(keys):
@@ -82,11 +73,11 @@ LINES = {
 }
 
 
-def start_pool(work, inject):
+def start_pool(work, inject, notify_interval):
     stats = os.path.join(work, "stats.json")
     pool = subprocess.Popen(
         [sys.executable, os.path.join(ROOT, "tools/test_pool/pool.py"), "--port", "0", "--quiet", "--stats", stats,
-         "--inject-dir", inject] + POOL, stdout=subprocess.PIPE)
+         "--inject-dir", inject, "--notify-interval", str(notify_interval)] + POOL, stdout=subprocess.PIPE)
     for line in pool.stdout:
         if line.startswith(b"listening on 127.0.0.1:"):
             return pool, int(line.rsplit(b":", 1)[1]), stats
@@ -112,14 +103,14 @@ def peak_kib(pid):
     return 0
 
 
-def run(build, name, settle, after, limit_gib):
+def run(build, name, settle, after, limit_gib, notify_interval):
     with tempfile.TemporaryDirectory(prefix="ombry-hostile-") as work:
         with open(os.path.join(work, "boards.txt"), "w") as board_list:
             board_list.write(BOARDS)
         os.symlink(os.path.join(ROOT, "bitstreams"), os.path.join(work, "bitstreams"))
         inject = os.path.join(work, "inject")
         os.mkdir(inject)
-        pool, port, stats_path = start_pool(work, inject)
+        pool, port, stats_path = start_pool(work, inject, notify_interval)
         log_path, out_path = os.path.join(work, "miner.log"), os.path.join(work, "miner.out")
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
         limit = int(limit_gib * (1 << 30))
@@ -180,13 +171,15 @@ def main():
     parser.add_argument("--settle", type=float, default=15.0, help="seconds of mining before the line")
     parser.add_argument("--after", type=float, default=45.0, help="seconds watched after it")
     parser.add_argument("--limit-gib", type=float, default=4.0, help="the miner's address-space cap")
+    parser.add_argument("--notify-interval", type=float, default=2.0,
+                        help="seconds between the pool's jobs: how soon a bad job or difficulty is replaced")
     options = parser.parse_args()
     builds = [os.path.abspath(b) for b in (options.build or ["build"])]
     print(f"{'line':<22} {'build':<28} {'peak MiB':>9} {'accepted':>8} {'rejected':>8} {'miner':>6} "
           f"{'password':>8} {'raw ESC':>7}")
     for name in options.lines.split(","):
         for build in builds:
-            r = run(build, name, options.settle, options.after, options.limit_gib)
+            r = run(build, name, options.settle, options.after, options.limit_gib, options.notify_interval)
             shown = os.path.relpath(build, ROOT)
             print(f"{name:<22} {shown:<28} {r['peak_mib']:>9.1f} {r['accepted']:>8} {r['rejected']:>8} "
                   f"{'alive' if r['alive'] else 'died':>6} {'shown' if r['password'] else '-':>8} "

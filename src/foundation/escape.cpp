@@ -112,6 +112,10 @@ std::string VLEscapeControl(std::string_view text, size_t limit) {
   return out;
 }
 
+std::string VLEscapeControl(const char *text, size_t limit) {
+  return text ? VLEscapeControl(std::string_view(text), limit) : "(null)";
+}
+
 std::string VLEscapeControl(const VLObject *string, size_t limit) {
   if (VLObjectType(string) != VLTypeString) return "(null)";
   return VLEscapeControl(std::string_view(VLStringChars(string), VLStringLength(string)), limit);

@@ -20,7 +20,9 @@ constexpr size_t kVLEscapeLimit = 1024;
 // The escaped text of at most `limit` input bytes; a longer text ends in
 // "... (N bytes)" with its whole length.
 std::string VLEscapeControl(std::string_view text, size_t limit = kVLEscapeLimit);
-// The same for a string value; "(null)" for anything that is no string.
+// The same for C text and for a string value; "(null)" for a null pointer or
+// a value that is no string.
+std::string VLEscapeControl(const char *text, size_t limit = kVLEscapeLimit);
 std::string VLEscapeControl(const VLObject *string, size_t limit = kVLEscapeLimit);
 
 // Escapes `text` into `out` (`size` bytes, terminator included), cutting

@@ -5,8 +5,8 @@
 // with no more values than the value limit (keys count, and so do
 // containers), no longer than the byte limit. Anything else is refused whole.
 //
-// The parse needs no recursion, and its memory stays within a small multiple
-// of the line: the line itself and about 60 bytes a value.
+// The parse needs no recursion, and its memory is the line's and about 100
+// bytes for each value: some 10 MB at the value limit.
 #pragma once
 
 #include <cstddef>

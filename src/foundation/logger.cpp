@@ -188,7 +188,8 @@ const char *VLLogFilterHost(const char *text) {
   if (filter) {
     filter(buffer, sizeof buffer, text ? text : "");
   } else {
-    snprintf(buffer, sizeof buffer, "%s", text ? text : "");
+    // A host name comes from the operator's settings or a URL: escaped.
+    VLEscapeInto(buffer, sizeof buffer, text ? text : "", text ? strlen(text) : 0, false);
   }
   return buffer;
 }

@@ -42,7 +42,8 @@ void VLLogSetBanner(const char *text);
 uint32_t VLLogGetLevel();
 const char *VLLogLevelName(uint32_t level);
 
-// The text to log in place of a host name; unchanged unless a filter is set.
+// The text to log in place of a host name: the name with its control
+// characters escaped, unless a filter is set.
 const char *VLLogFilterHost(const char *text);
 void VLLogSetHostFilter(VLLogHostFilter filter);
 

@@ -1,8 +1,8 @@
 #include "net/json_rpc.h"
 
 #include <chrono>
-#include <iterator>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "foundation/escape.h"
@@ -136,7 +136,7 @@ void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessage
 
 bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port) {
   if (!client || client->socketSet || !IsType(host, VLTypeString)) return false;
-  if (client->peerName.empty()) client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
+  if (client->peerName.empty()) client->peerName = VLEscapeControl(host) + ":" + std::to_string(port);
   TRPSocketSet *set = nullptr;
   if (!TRPSocketSetCreate(&set)) return false;
   TRPSocketSetSetName(set, "JSON-RPC Client");
@@ -149,7 +149,7 @@ bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t
 
 bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t port, const TlsSettings &settings) {
   if (!client || client->socketSet || client->tls || !IsType(host, VLTypeString)) return false;
-  client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
+  client->peerName = VLEscapeControl(host) + ":" + std::to_string(port);
   std::string error;
   std::unique_ptr<TlsLink> link = TlsLink::Create(
       settings,

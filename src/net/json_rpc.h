@@ -85,7 +85,7 @@ struct VLJsonRpcClient {
     double lastWarning = -1;  // steady-clock seconds; -1: never
   } dropNotices[6];           // by VLJsonRefusal
   // The TLS transport: the link, whether its handshake has been reported as
-  // the connection, and the peer's name for messages.
+  // the connection, and the peer's name for messages (escaped).
   TlsLink *tls = nullptr;
   bool tlsReported = false;
   std::string peerName;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "net/tls_link.h"
 
@@ -15,8 +16,8 @@ constexpr uint64_t kAuthorizeId = 3;
 void Switch(StratumContext &context, uint32_t index, const std::string &reason) {
   const PoolEndpoint &from = context.pools[context.activePool];
   const PoolEndpoint &to = context.pools[index];
-  VL_LOG(VLLogLevelError, kTag, "Switching from pool %s to pool %s: %s", from.Name().c_str(), to.Name().c_str(),
-         reason.c_str());
+  VL_LOG(VLLogLevelError, kTag, "Switching from pool %s to pool %s: %s", VLEscapeControl(from.Name()).c_str(),
+         VLEscapeControl(to.Name()).c_str(), reason.c_str());
   // Leaving the primary: it is tried again after the interval, not at once.
   if (context.activePool == 0) context.probe.nextAttempt = context.link.clock() + context.primaryRetryInterval;
   StratumUsePool(context, index);

@@ -270,7 +270,7 @@ void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
     VLObjectRelease(host);
   }
   if (!started) {
-    VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", context.poolHost ? context.poolHost : "",
+    VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", VLEscapeControl(context.poolHost).c_str(),
            static_cast<unsigned>(context.poolPort));
     StratumSetState(context, Disconnected);
   }
@@ -447,7 +447,7 @@ void StratumPoll(StratumContext &context) {
     }
     case Connecting:
       if (inState > link.connectLimit) {
-        DropLink(context, std::string("Connecting to ") + (context.poolHost ? context.poolHost : "") + ":" +
+        DropLink(context, "Connecting to " + VLEscapeControl(context.poolHost) + ":" +
                               std::to_string(context.poolPort) + " took over " + Seconds(link.connectLimit));
       }
       break;

@@ -17,40 +17,30 @@ namespace {
 
 constexpr const char *kPassword = "Pa55-s3cret";
 
-// A binary property list whose containers name the same object again and
-// again: a reader that follows the references builds 14^20 values. It holds
-// no line feed, so it arrives as one line.
-std::string PropertyListBomb() {
-  constexpr int kLevels = 20;
-  constexpr int kFanOut = 14;
-  for (int padding = 0;; padding++) {
+// A binary property list whose root array names one string again and again:
+// a reader that follows every reference copies the string each time, which
+// makes `references` x `stringBytes` bytes of it. Holds no line feed, so it
+// arrives as one line.
+std::string PropertyListBomb(size_t stringBytes, size_t references) {
+  for (;; references++) {
     std::string out = "bplist00";
-    std::vector<size_t> offsets;
-    // Objects 0..kLevels-1 are arrays of kFanOut references to the next one;
-    // the last is an integer. Object 10 would be referenced as a line feed,
-    // so it is an unused integer and the chain steps over it.
-    auto next = [](int index) { return index + 1 == 10 ? 11 : index + 1; };
-    int count = kLevels + 2;
-    for (int index = 0; index < count; index++) {
-      offsets.push_back(out.size());
-      bool chained = index < count - 1 && index != 10 && next(index) < count;
-      if (chained) {
-        out += static_cast<char>(0xA0 | kFanOut);
-        out.append(kFanOut, static_cast<char>(next(index)));
-      } else {
-        out += "\x10\x01";
-      }
-      if (index == 0) out.append(padding, ' ');  // moves every later offset
-    }
+    auto bigEndian = [&out](uint64_t value, int width) {
+      for (int i = width - 1; i >= 0; i--) out += static_cast<char>(value >> (8 * i));
+    };
+    out += "\xAF\x12";  // an array, its count in the 4-byte integer that follows
+    bigEndian(references, 4);
+    out.append(references, '\x01');  // object 1, every time
+    size_t string = out.size();
+    out += "\x5F\x12";  // a string, its length likewise
+    bigEndian(stringBytes, 4);
+    out.append(stringBytes, 'x');
     size_t table = out.size();
-    for (size_t offset : offsets) out += {static_cast<char>(offset >> 8), static_cast<char>(offset & 0xFF)};
-    std::string trailer(32, '\0');
-    trailer[6] = 2;  // offset width
-    trailer[7] = 1;  // reference width
-    trailer[15] = static_cast<char>(count);
-    trailer[31] = static_cast<char>(table & 0xFF);
-    trailer[30] = static_cast<char>(table >> 8);
-    out += trailer;
+    bigEndian(8, 4);
+    bigEndian(string, 4);
+    out += std::string(6, '\0') + "\x04\x01";  // offsets of 4 bytes, references of 1
+    bigEndian(2, 8);                            // objects
+    bigEndian(0, 8);                            // the root
+    bigEndian(table, 8);
     if (out.find('\n') == std::string::npos) return out;
   }
 }
@@ -93,7 +83,7 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
     const char *told;  // what the miner says about it; empty: nothing in particular
   };
   const Line lines[] = {
-      {"property-list bomb", PropertyListBomb(), "Dropped a line from 127.0.0.1:"},
+      {"property-list bomb", PropertyListBomb(430000, 430000), "Dropped a line from 127.0.0.1:"},
       {"error nested 40,000 deep", R"({"id":4,"result":null,"error":)" + Nested(40000) + "}",
        "nested deeper than 64 levels"},
       {"45,000 keys", KeyFlood(45000), ""},
