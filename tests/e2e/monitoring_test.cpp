@@ -141,6 +141,7 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
   for (int fd : idle) close(fd);
   EXPECT_EQ(Api(api, std::string(70 * 1024, ' ')), Json::object());  // over the size limit: cut off, no answer
   EXPECT_EQ(Api(api, "version")["STATUS"][0]["STATUS"], "S");
+  EXPECT_EQ(Api(api, "config")["CONFIG"][0]["Password"], "***");
 
   // Privileged commands by address: refused from 127.0.0.2, done from 127.0.0.1.
   Json refused = Api(api, R"({"command":"disable","parameter":"1"})", "127.0.0.2");
