@@ -119,6 +119,8 @@ const std::vector<CommandLineOption> kOptions = {
        line.options.logFile = value;
        return true;
      }},
+    {"verbose", nullptr, "also log every line sent to and received from the pool",
+     [](CommandLine &line, const std::string &, std::string &) { return line.options.verbose = true; }},
 };
 
 }  // namespace
