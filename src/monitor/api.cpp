@@ -62,6 +62,7 @@ Json Devs(const RunSnapshot &run) {
                         {"Name", board.model},
                         {"Path", board.path},
                         {"DNA", board.dna},
+                        {"PCI Address", board.pciAddress.empty() ? Json(nullptr) : Json(board.pciAddress)},
                         {"Enabled", board.enabled ? "Y" : "N"},
                         {"Status", board.status},
                         {"Temperature", Reading(board.temperature, 100)},
