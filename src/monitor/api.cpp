@@ -217,3 +217,12 @@ std::string ApiReply(const std::string &text, bool privileged, const RunSnapshot
   }
   return reply.dump();
 }
+
+std::string StatusJson(const RunSnapshot &snapshot, const std::string &description, int64_t now) {
+  return Json{{"Miner", description},
+              {"When", now},
+              {"SUMMARY", Summary(snapshot)},
+              {"DEVS", Devs(snapshot)},
+              {"POOLS", Pools(snapshot)}}
+      .dump();
+}

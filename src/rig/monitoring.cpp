@@ -10,6 +10,7 @@
 #include "rig/governor.h"
 #include "rig/worker.h"
 #include "monitor/api.h"
+#include "monitor/http_pages.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "stratum/session.h"
@@ -186,14 +187,20 @@ void RunMonitoring::Start() {
     }
   }
   if (!options.metricsListen.empty()) {
-    metrics_ =
-        std::make_unique<TcpServer>(HttpRequestComplete, [this](const std::string &request, const std::string &) {
-          return MetricsHttpAnswer(request, [this] {
-            return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
-          });
-        });
+    HttpContent content;
+    content.metrics = [this] {
+      return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
+    };
+    content.status = [this] {
+      return StatusJson(TakeRunSnapshot(context_, StratumMonotonicSeconds()),
+                        std::string("ombry-miner ") + OmbryVersion(), static_cast<int64_t>(time(nullptr)));
+    };
+    metrics_ = std::make_unique<TcpServer>(
+        HttpRequestComplete,
+        [content](const std::string &request, const std::string &) { return HttpAnswer(request, content); });
     if (metrics_->Start(options.metricsListen, error)) {
-      VL_LOG(VLLogLevelInfo, kTag, "Metrics on port %u at /metrics", static_cast<unsigned>(metrics_->Port()));
+      VL_LOG(VLLogLevelInfo, kTag, "Metrics on port %u at /metrics, status page at /",
+             static_cast<unsigned>(metrics_->Port()));
     } else {
       VL_LOG(VLLogLevelError, kTag, "Metrics are off: %s", error.c_str());
       metrics_.reset();
