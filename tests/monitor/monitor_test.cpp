@@ -190,9 +190,7 @@ TEST(HttpPagesTest, EachPathGetsItsBodyAndEverythingElseIsNotFound) {
     std::string head = answer.substr(0, answer.find("\r\n\r\n"));
     std::string body = answer.substr(head.size() + 4);
     EXPECT_NE(head.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos) << c.request;
-    if (c.type) {
-      EXPECT_NE(head.find(std::string("Content-Type: ") + c.type), std::string::npos) << c.request;
-    }
+    if (c.type) { EXPECT_NE(head.find(std::string("Content-Type: ") + c.type), std::string::npos) << c.request; }
     EXPECT_EQ(metricsMade - metricsBefore, c.metrics) << c.request;
     EXPECT_EQ(body == StatusPage(), c.page == 1) << c.request;
   }

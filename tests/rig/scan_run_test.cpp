@@ -87,5 +87,4 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   EXPECT_EQ(result.out.substr(result.out.find(found) + found.size()), colours);
 }
 
-
 }  // namespace
