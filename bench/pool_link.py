@@ -8,7 +8,11 @@ accepted and rejected shares, duplicates, connections; and from the miner's
 time-stamped log: reconnects and, for the silent pool, how long after the
 pool's last line the miner gave the connection up.
 
-    bench/pool_link.py [--seconds 40] [--cases clean,split,...]
+    bench/pool_link.py [--seconds 40] [--cases clean,split,...] [--before DIR]
+
+The dialect-NAME cases speak as the test pool's --profile NAME. With
+--before DIR each case runs first with DIR/bin/ombry-sim-miner (a build of an
+earlier commit), then with this tree's, one after the other in one run.
 
 Needs a build (build/bin/ombry-sim-miner). Not run by the tests.
 """
@@ -32,12 +36,15 @@ CASES = {
     "clean": ([], None, None),
     "split": (["--split-lines", "2", "--split-random", "--split-delay", "0.03"], None, None),
     "stalled-subscribe": ([], {"subscribe": "silent"}, None),
-    "silent": ([], {"silent_after": 8}, 120),
+    "silent": ([], {"silent_after": 8}, 60),
     "silent-no-shares": (["--difficulty", "1000"], {"silent_after": 8}, 120),
     "refused-login": ([], {"authorize": "error"}, None),
     "drops": (["--close-after", "12", "--resend-job", "--extranonce1", "a1a2a3a4"], None, None),
     "refused-connections": (["--refuse-for", "10"], None, None),
 }
+for _profile in ("ckb-empty", "null-subscription", "session-id", "notify-pair", "pool-requests",
+                 "reconnect-elsewhere"):
+    CASES["dialect-" + _profile] = (["--profile", _profile], None, None)
 
 STAMP = re.compile(rb"^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})Z ")
 
@@ -75,7 +82,7 @@ def silence_detected_after(log):
     return None
 
 
-def run(name, seconds):
+def run(name, seconds, build):
     options, first, own_seconds = CASES[name]
     seconds = own_seconds or seconds
     with tempfile.TemporaryDirectory(prefix="ombry-pool-link-") as work:
@@ -90,9 +97,13 @@ def run(name, seconds):
         pool, port, stats_path = start_pool(work, POOL + options)
         log_path = os.path.join(work, "miner.log")
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
+        binary = os.path.join(build, "bin/ombry-sim-miner")
+        help_text = subprocess.run([binary, "--help"], capture_output=True, text=True).stdout
         miner = subprocess.Popen(
-            [os.path.join(ROOT, "build/bin/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
-             "--log-file", log_path, "--verbose"],  # the raw lines time the pool's last one
+            [binary, "ckb", "127.0.0.1", str(port), "bench.rig", "x", "--log-file", log_path]
+            # The raw lines time the pool's last one; builds older than
+            # --verbose log them anyway.
+            + (["--verbose"] if "--verbose" in help_text else []),
             cwd=work, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(seconds)
         miner.send_signal(signal.SIGTERM)
@@ -124,13 +135,19 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seconds", type=float, default=40.0)
     parser.add_argument("--cases", default=",".join(CASES))
+    parser.add_argument("--before", default="", help="build dir of an earlier commit to run each case with first")
     options = parser.parse_args()
-    print(f"{'case':<20} {'s':>4} {'accepted':>8} {'rejected':>8} {'dupl.':>5} {'submits':>7} "
+    builds = [("after", os.path.join(ROOT, "build"))]
+    if options.before:
+        builds.insert(0, ("before", options.before))
+    print(f"{'case':<28} {'s':>4} {'accepted':>8} {'rejected':>8} {'dupl.':>5} {'submits':>7} "
           f"{'conns':>5} {'reconn.':>7} {'silence found after':>21}")
-    for name in options.cases.split(","):
-        r = run(name, options.seconds)
+    for name, (label, build) in ((n, b) for n in options.cases.split(",") for b in builds):
+        r = run(name, options.seconds, build)
         silence = f"{r['silence'][0]:.1f} s ({r['silence'][1]})" if r["silence"] is not None else "-"
-        print(f"{name:<20} {r['seconds']:>4.0f} {r['accepted']:>8} {r['rejected']:>8} {r['duplicate']:>5} "
+        if options.before:
+            name = f"{name} ({label})"
+        print(f"{name:<28} {r['seconds']:>4.0f} {r['accepted']:>8} {r['rejected']:>8} {r['duplicate']:>5} "
               f"{r['submits']:>7} {r['connections']:>5} {r['reconnects']:>7} {silence:>21}")
         sys.stdout.flush()
 

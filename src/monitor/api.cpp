@@ -87,6 +87,8 @@ Json Devs(const RunSnapshot &run) {
 Json Pools(const RunSnapshot &run) {
   Json pools = Json::array();
   for (const PoolSnapshot &pool : run.pools) {
+    Json reasons = Json::object();
+    for (const auto &[reason, count] : pool.rejectedByReason) reasons[reason] = count;
     pools.push_back(Json{{"POOL", pool.priority},
                          {"URL", pool.url},
                          {"User", pool.user},
@@ -97,6 +99,7 @@ Json Pools(const RunSnapshot &run) {
                          {"Jobs", pool.jobs},
                          {"Accepted", pool.accepted},
                          {"Rejected", pool.rejected},
+                         {"Rejected By Reason", reasons},
                          {"Reconnects", pool.reconnects},
                          {"Last Share Time", pool.lastShareTime},
                          {"Last Job Time", pool.lastJobTime}});

@@ -1,5 +1,7 @@
 #include "monitor/ledger.h"
 
+#include <algorithm>
+
 namespace {
 
 void Credit(ShareTally &tally, bool accepted, int64_t unixNow) {
@@ -22,7 +24,7 @@ void RunLedger::Open(size_t boards, size_t pools, double start) {
 }
 
 void RunLedger::ShareAnswered(uint64_t board, uint32_t pool, double difficulty, bool accepted, double now,
-                              int64_t unixNow) {
+                              int64_t unixNow, const std::string &reason) {
   std::lock_guard<std::mutex> guard(lock_);
   Credit(total_, accepted, unixNow);
   if (accepted) totalRate_.Add(now, difficulty);
@@ -30,7 +32,16 @@ void RunLedger::ShareAnswered(uint64_t board, uint32_t pool, double difficulty, 
     Credit(boards_[board], accepted, unixNow);
     if (accepted) boardRates_[board].Add(now, difficulty);
   }
-  if (pool < pools_.size()) Credit(pools_[pool], accepted, unixNow);
+  if (pool >= pools_.size()) return;
+  Credit(pools_[pool], accepted, unixNow);
+  if (accepted) return;
+  auto &reasons = pools_[pool].rejectedByReason;
+  auto entry = std::find_if(reasons.begin(), reasons.end(), [&](const auto &pair) { return pair.first == reason; });
+  if (entry == reasons.end()) {
+    reasons.emplace_back(reason, 1);
+  } else {
+    entry->second++;
+  }
 }
 
 void RunLedger::Job(uint32_t pool, int64_t unixNow) {

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "monitor/effective_rate.h"
@@ -17,6 +19,8 @@ struct ShareTally {
 };
 
 struct PoolTally : ShareTally {
+  // The rejections by the reason's label, in the order first seen.
+  std::vector<std::pair<std::string, uint64_t>> rejectedByReason;
   uint64_t jobs = 0;
   uint64_t reconnects = 0;
   int64_t lastJobTime = 0;
@@ -38,7 +42,9 @@ class RunLedger {
   void Open(size_t boards, size_t pools, double start);
 
   // An answer out of range of the accounts still counts in the run's total.
-  void ShareAnswered(uint64_t board, uint32_t pool, double difficulty, bool accepted, double now, int64_t unixNow);
+  // A rejection counts against its pool under `reason`, a label.
+  void ShareAnswered(uint64_t board, uint32_t pool, double difficulty, bool accepted, double now, int64_t unixNow,
+                     const std::string &reason = "other");
   void Job(uint32_t pool, int64_t unixNow);
   void Reconnect(uint32_t pool);
 

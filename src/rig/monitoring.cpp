@@ -14,6 +14,7 @@
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "stratum/session.h"
+#include "stratum/share_verdict.h"
 
 namespace {
 
@@ -93,9 +94,9 @@ std::vector<std::pair<std::string, std::string>> RunConfig(const MiningContext &
 
 }  // namespace
 
-void MiningContext::OnShareAnswered(const PendingShare &share, bool accepted) {
-  ledger.ShareAnswered(share.worker, share.pool, share.difficulty, accepted, StratumMonotonicSeconds(),
-                       static_cast<int64_t>(time(nullptr)));
+void MiningContext::OnShareAnswered(const PendingShare &share, const ShareVerdict &verdict) {
+  ledger.ShareAnswered(share.worker, share.pool, share.difficulty, verdict.accepted, StratumMonotonicSeconds(),
+                       static_cast<int64_t>(time(nullptr)), RejectReasonLabel(verdict.reason));
 }
 
 void MiningContext::OnJob(uint32_t pool) { ledger.Job(pool, static_cast<int64_t>(time(nullptr))); }
@@ -139,8 +140,13 @@ RunSnapshot TakeRunSnapshot(MiningContext &context, double now) {
     pool.jobs = tally.jobs;
     pool.accepted = tally.accepted;
     pool.rejected = tally.rejected;
-    // The pool's reasons are not told apart yet.
-    pool.rejectedByReason = {{"other", tally.rejected}};
+    // Every reason, in a fixed order, whether or not it has come up.
+    for (uint32_t reason = 0; reason < kRejectReasonCount; reason++) {
+      const char *label = RejectReasonLabel(static_cast<RejectReason>(reason));
+      uint64_t count = 0;
+      for (const auto &[seen, times] : tally.rejectedByReason) count += seen == label ? times : 0;
+      pool.rejectedByReason.emplace_back(label, count);
+    }
     pool.reconnects = tally.reconnects;
     pool.lastShareTime = tally.lastShareTime;
     pool.lastJobTime = tally.lastJobTime;

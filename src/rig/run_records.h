@@ -114,7 +114,7 @@ struct MiningContext : StratumContext {
   StratumShareCounters *ShareCounters(uint64_t worker) override {
     return worker < workers.size() ? workers[worker].get() : nullptr;
   }
-  void OnShareAnswered(const PendingShare &share, bool accepted) override;
+  void OnShareAnswered(const PendingShare &share, const ShareVerdict &verdict) override;
   void OnJob(uint32_t pool) override;
   void OnReconnect(uint32_t pool) override;
 };

@@ -10,8 +10,6 @@ namespace {
 
 constexpr const char *kTag = "Miner";
 constexpr uint32_t kFailuresBeforeSwitch = 3;
-constexpr uint64_t kSubscribeId = 1;
-constexpr uint64_t kAuthorizeId = 3;
 
 void Switch(StratumContext &context, uint32_t index, const std::string &reason) {
   const PoolEndpoint &from = context.pools[context.activePool];
@@ -95,6 +93,12 @@ void StartProbe(StratumContext &context, double now) {
 void StratumUsePool(StratumContext &context, uint32_t index) {
   if (index >= context.pools.size()) return;
   const PoolEndpoint &pool = context.pools[index];
+  if (index != context.activePool) {
+    // Another pool: its answer times are its own, and so is its port.
+    std::lock_guard<std::mutex> guard(context.link.pendingLock);
+    context.link.answerTimes.Clear();
+    context.link.redirectPort = 0;
+  }
   context.activePool = index;
   context.poolHost = pool.host.c_str();
   context.poolPort = pool.port;

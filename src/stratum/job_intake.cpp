@@ -166,13 +166,6 @@ void StratumSetExtranonce(VLJsonRpcMessage *message, StratumContext &context) {
   VL_LOG(VLLogLevelInfo, kTag, "Updated extranonce");
 }
 
-bool StratumTakeExtranonce(const VLObject *extranonce1, const VLObject *size, StratumContext &context) {
-  std::string why;
-  if (ReadExtranonce(extranonce1, size, context.extranonce1, context.extranonce2Size, why)) return true;
-  RefusePoolValue("extranonce1", extranonce1, why, HexText(context.extranonce1));
-  return false;
-}
-
 bool StratumTakeDifficulty(const VLObject *value, StratumContext &context) {
   double difficulty = 0;
   std::string why;

@@ -22,8 +22,6 @@ void StratumSetDifficulty(VLJsonRpcMessage *message, StratumContext &context);
 void StratumSetTarget(VLJsonRpcMessage *message, StratumContext &context);
 void StratumSetExtranonce(VLJsonRpcMessage *message, StratumContext &context);
 
-// The subscribe answer's extranonce1 and extranonce2 size, and a difficulty
-// of its subscription list (where a numeric string counts as a number).
-// False when refused.
-bool StratumTakeExtranonce(const VLObject *extranonce1, const VLObject *size, StratumContext &context);
+// A difficulty of the subscribe answer's subscription list (where a numeric
+// string counts as a number). False when refused.
 bool StratumTakeDifficulty(const VLObject *value, StratumContext &context);

@@ -13,20 +13,16 @@
 #include "foundation/logger.h"
 #include "stratum/failover.h"
 #include "stratum/job_intake.h"
+#include "stratum/message_kind.h"
+#include "stratum/pool_requests.h"
 #include "stratum/pool_values.h"
+#include "stratum/share_verdict.h"
 
 namespace {
 
 constexpr const char *kTag = "Miner";
 constexpr const char *kClientName = "testminer";
 constexpr uint64_t kNonceCounterStep = 32;
-
-enum RequestId : uint32_t {
-  kSubscribeId = 1,
-  kExtranonceSubscribeId = 2,
-  kAuthorizeId = 3,
-  kSubmitId = 4,
-};
 
 // Coloured lines go through the console's escape sequences, as the miner's
 // other coloured lines do.
@@ -66,9 +62,36 @@ bool MethodIs(const VLObject *method, const char *name) {
 // The text of the message's JSON-RPC error, as the pool sent it, escaped.
 std::string ErrorText(VLJsonRpcMessage *message) { return VLEscapeControl(VLJsonRpcMessageErrorMessage(message)); }
 
-// The subscribe response: [subscriptions, extranonce1, extranonce2 size],
-// with difficulty pairs searched in the subscriptions.
+// Difficulty pairs in the subscriptions: a list of [method, value] pairs, or
+// one pair on its own. Session ids, nulls and empty lists hold none.
+void TakeSubscribedDifficulty(const VLObject *subscriptions, StratumContext &context) {
+  if (VLObjectType(subscriptions) != VLTypeArray) return;
+  if (VLObjectType(VLArrayGet(subscriptions, 0)) == VLTypeString) {
+    if (VLArrayCount(subscriptions) >= 2 && MethodIs(VLArrayGet(subscriptions, 0), "mining.set_difficulty")) {
+      StratumTakeDifficulty(VLArrayGet(subscriptions, 1), context);
+    }
+    return;
+  }
+  for (uint32_t i = 0; i < VLArrayCount(subscriptions); i++) {
+    const VLObject *entry = VLArrayGet(subscriptions, i);
+    if (VLObjectType(entry) != VLTypeArray || VLArrayCount(entry) < 2) continue;
+    if (!MethodIs(VLArrayGet(entry, 0), "mining.set_difficulty")) continue;
+    StratumTakeDifficulty(VLArrayGet(entry, 1), context);
+  }
+}
+
+// The subscribe response: [subscriptions, extranonce1, extranonce2 size]. An
+// extranonce the boards can't mine with ends the connection.
 void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, const VLObject *result) {
+  std::string why;
+  if (!ReadExtranonce(VLArrayGet(result, 1), VLArrayGet(result, 2), context.extranonce1, context.extranonce2Size,
+                      why)) {
+    VL_LOG(VLLogLevelWarning, kTag,
+           "Refused the subscription of extranonce1 %s and extranonce2 size %s: %s; reconnecting",
+           PoolValueText(VLArrayGet(result, 1)).c_str(), PoolValueText(VLArrayGet(result, 2)).c_str(), why.c_str());
+    context.link.closeAsked = kCloseSubscriptionUnusable;
+    return;
+  }
   auto emptyJob = std::make_shared<StratumJob>();
   emptyJob->pool = context.activePool;
   emptyJob->link = context.LinkNumber();
@@ -77,19 +100,11 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
   if (std::shared_ptr<StratumJob> previous = context.CurrentJob()) {
     emptyJob->nonceCounter = previous->nonceCounter.load() + kNonceCounterStep;
   }
-  const VLObject *subscriptions = VLArrayGet(result, 0);
-  if (VLObjectType(subscriptions) == VLTypeArray) {
-    for (uint32_t i = 0; i < VLArrayCount(subscriptions); i++) {
-      const VLObject *entry = VLArrayGet(subscriptions, i);
-      if (VLObjectType(entry) != VLTypeArray || VLArrayCount(entry) < 2) continue;
-      if (!MethodIs(VLArrayGet(entry, 0), "mining.set_difficulty")) continue;
-      StratumTakeDifficulty(VLArrayGet(entry, 1), context);
-    }
-  }
-  StratumTakeExtranonce(VLArrayGet(result, 1), VLArrayGet(result, 2), context);
+  TakeSubscribedDifficulty(VLArrayGet(result, 0), context);
   // An empty job marks the initial data as taken; workers keep waiting.
   context.SetCurrentJob(std::move(emptyJob));
 
+  // Its answer is not waited for: a pool that never answers mines as well.
   VLJsonRpcMessage *extranonce = NewRequest(kExtranonceSubscribeId, "mining.extranonce.subscribe");
   VLObject *noParams = VLArrayCreate(0);
   VLJsonRpcMessageSetParams(extranonce, noParams);
@@ -106,81 +121,73 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
   SendAndRelease(client, authorize);
 }
 
-void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
-  std::optional<PendingShare> answered;
-  {
-    uint64_t link = context.LinkNumber();
-    std::lock_guard<std::mutex> guard(context.link.pendingLock);
-    auto &pending = context.link.pendingShares;
-    while (!pending.empty() && pending.front().link != link) pending.pop_front();
-    if (!pending.empty()) {
-      answered = pending.front();
-      pending.pop_front();
-    }
+// The share an answer is for, by its id, taken off the list; none when the
+// pool answers a share of ours that isn't under way (or never was).
+std::optional<PendingShare> TakeAnsweredShare(StratumContext &context, uint64_t id) {
+  uint64_t link = context.LinkNumber();
+  StratumLink &state = context.link;
+  std::lock_guard<std::mutex> guard(state.pendingLock);
+  auto &pending = state.pendingShares;
+  while (!pending.empty() && pending.front().link != link) pending.pop_front();
+  for (auto share = pending.begin(); share != pending.end(); ++share) {
+    if (share->id != id || share->link != link) continue;
+    PendingShare answered = *share;
+    pending.erase(share);
+    state.answerTimes.Add(state.clock() - answered.sentAt);
+    return answered;
   }
-  bool accepted = !VLJsonRpcMessageIsError(message);
-  if (answered) context.OnShareAnswered(*answered, accepted);
+  return std::nullopt;
+}
+
+void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
+  uint64_t id = VLNumberGetUInt64(VLJsonRpcMessageId(message));
+  std::optional<PendingShare> answered = TakeAnsweredShare(context, id);
+  if (!answered) {
+    VL_LOG(VLLogLevelDebug, kTag, "Ignored an answer to id %llu: no share of that id is under way",
+           static_cast<unsigned long long>(id));
+    return;
+  }
+  ShareVerdict verdict = StratumReadVerdict(message);
+  context.OnShareAnswered(*answered, verdict);
   // The pool's answer time closes the outcome line: the raw lines that
   // would show it are off by default.
-  char answerTime[48] = "";
-  if (answered) {
-    snprintf(answerTime, sizeof answerTime, " (answered in %.0f ms)",
-             std::max(0.0, (context.link.clock() - answered->sentAt) * 1000.0));
-  }
+  char answerTime[48];
+  snprintf(answerTime, sizeof answerTime, " (answered in %.0f ms)",
+           std::max(0.0, (context.link.clock() - answered->sentAt) * 1000.0));
   StratumShareCounters *counters = context.ShareCounters(context.lastSubmitWorker);
-  if (!accepted) {
+  if (!verdict.accepted) {
     VLRef error(VLJsonRpcMessageError(message));
+    std::string words = error ? PoolValueText(error.get()) + " " : "";
     Colour(kRed);
-    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s%s", PoolValueText(error.get()).c_str(), answerTime);
+    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s(%s)%s", words.c_str(), RejectReasonWords(verdict.reason),
+           answerTime);
     Colour(kNormal);
     if (counters) ++counters->sharesRejected;
     return;
   }
-  // Only the error member decides: a false result is still an acceptance.
+  context.link.shareAccepted = true;
   Colour(kGreen);
   VL_LOG(VLLogLevelInfo, kTag, "Share Accepted!%s", answerTime);
   Colour(kNormal);
   if (counters) ++counters->sharesAccepted;
 }
 
-// The pool's words for an error response: a 2.0 error object, or the common
-// [code, "text", data] array, or an object of a 1.0 peer. `code` stays 0 when
-// the pool gave none.
-std::string PoolErrorText(VLJsonRpcMessage *message, long long &code) {
-  code = 0;
-  if (!VLJsonRpcMessageIsError(message)) return "no reason given";
-  if (VLJsonRpcMessageVersion(message) == VLJsonRpcVersion2) {
-    code = VLJsonRpcMessageErrorCode(message);
-    const VLObject *text = VLJsonRpcMessageErrorMessage(message);
-    return text ? VLEscapeControl(text) : "no reason given";
-  }
-  const VLObject *error = VLJsonRpcMessageErrorObject(message);
-  const VLObject *codeValue = nullptr;
-  const VLObject *textValue = error;
-  if (VLObjectType(error) == VLTypeArray) {
-    codeValue = VLArrayGet(error, 0);
-    textValue = VLArrayGet(error, 1);
-  } else if (VLObjectType(error) == VLTypeDictionary) {
-    codeValue = VLDictionaryGetByName(error, "code");
-    textValue = VLDictionaryGetByName(error, "message");
-  }
-  if (VLObjectType(codeValue) == VLTypeNumber) code = VLNumberGetInt64(codeValue);
-  return VLObjectType(textValue) == VLTypeString ? VLEscapeControl(textValue) : "no reason given";
-}
-
 void ReportRefusedLogin(VLJsonRpcMessage *message, StratumContext &context) {
-  long long code = 0;
-  std::string text = PoolErrorText(message, code);
+  int64_t code = 0;
+  std::string text;
+  PoolErrorParts(message, text, code);
+  if (text.empty()) text = "no reason given";
   std::string account = VLEscapeControl(context.account ? context.account : "");
   Colour(kRed);
   if (code != 0) {
-    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s (%lld)", account.c_str(), text.c_str(), code);
+    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s (%lld)", account.c_str(), text.c_str(),
+           static_cast<long long>(code));
   } else {
     VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s", account.c_str(), text.c_str());
   }
   Colour(kNormal);
   // The console loop closes the connection and tries again later.
-  context.link.loginRefused = true;
+  context.link.closeAsked = kCloseLoginRefused;
 }
 
 void StartMining(StratumContext &context) {
@@ -198,42 +205,56 @@ void StartMining(StratumContext &context) {
   }
 }
 
-void WhileAuthorizing(VLJsonRpcClient *, VLJsonRpcMessage *message, StratumContext &context, const VLObject *id,
-                      const VLObject *result) {
-  const VLObject *method = VLJsonRpcMessageMethod(message);
-  uint64_t idValue = id ? VLNumberGetUInt64(id) : 0;
-  if (id && idValue == kAuthorizeId && result && VLNumberGetBool(result)) {
-    StartMining(context);
-  } else if (id && idValue == kAuthorizeId && !method) {
-    ReportRefusedLogin(message, context);
-  } else if (id && idValue == kExtranonceSubscribeId) {
-    // The answer to mining.extranonce.subscribe, whatever it says.
-  } else if (MethodIs(method, "mining.notify")) {
-    StratumProcessJob(message, context, true);
-    VL_LOG(VLLogLevelError, kTag, "Processed pre-authorization job");
-  } else if (MethodIs(method, "mining.set_difficulty")) {
-    if (context.CurrentJob()) StratumSetDifficulty(message, context);
+// Difficulty, target, extranonce and jobs, from authorising on. Both target
+// messages may come: the last one received wins.
+bool TakeWork(VLJsonRpcMessage *message, PoolMessageKind kind, StratumContext &context, bool preAuthorization) {
+  switch (kind) {
+    case PoolMessageKind::SetDifficulty: StratumSetDifficulty(message, context); return true;
+    case PoolMessageKind::SetTarget: StratumSetTarget(message, context); return true;
+    case PoolMessageKind::SetExtranonce: StratumSetExtranonce(message, context); return true;
+    case PoolMessageKind::Notify:
+      StratumProcessJob(message, context, preAuthorization);
+      if (preAuthorization) VL_LOG(VLLogLevelError, kTag, "Processed pre-authorization job");
+      return true;
+    default: return false;
+  }
+}
+
+void WhileSubscribing(VLJsonRpcClient *client, VLJsonRpcMessage *message, PoolMessageKind kind,
+                      StratumContext &context) {
+  // Anything else before the subscription is dropped without a word.
+  if (kind != PoolMessageKind::SubscribeAnswer) return;
+  const VLObject *result = VLJsonRpcMessageResult(message);
+  if (VLObjectType(result) == VLTypeArray && VLArrayCount(result) > 2) {
+    TakeSubscribeResponse(client, context, result);
   } else {
+    VL_LOG(VLLogLevelError, kTag, "Failed to subscribe - invalid or failed response %s", ErrorText(message).c_str());
+  }
+}
+
+void WhileAuthorizing(VLJsonRpcMessage *message, PoolMessageKind kind, StratumContext &context) {
+  if (kind == PoolMessageKind::AuthorizeAnswer) {
+    const VLObject *result = VLJsonRpcMessageResult(message);
+    bool granted = !VLJsonRpcMessageIsError(message) && VLObjectType(result) == VLTypeNumber && VLNumberGetBool(result);
+    if (granted) {
+      StartMining(context);
+    } else {
+      ReportRefusedLogin(message, context);
+    }
+  } else if (kind == PoolMessageKind::ExtranonceSubscribeAnswer) {
+    // The answer to mining.extranonce.subscribe, whatever it says.
+  } else if (!TakeWork(message, kind, context, true)) {
     VL_LOG(VLLogLevelError, kTag, "Not authorization related message, ignoring: %s", ErrorText(message).c_str());
   }
 }
 
-void WhileMining(VLJsonRpcMessage *message, StratumContext &context) {
-  const VLObject *id = VLJsonRpcMessageId(message);
-  if (VLObjectType(id) == VLTypeNumber) {
-    // A notification with a numeric id is dropped here, however good its method.
-    if (VLNumberGetUInt64(id) == kSubmitId) BookShareResponse(message, context);
-    return;
-  }
-  const VLObject *method = VLJsonRpcMessageMethod(message);
-  if (MethodIs(method, "mining.set_difficulty")) {
-    StratumSetDifficulty(message, context);
-  } else if (MethodIs(method, "mining.set_target")) {
-    StratumSetTarget(message, context);
-  } else if (MethodIs(method, "mining.set_extranonce")) {
-    StratumSetExtranonce(message, context);
-  } else if (MethodIs(method, "mining.notify")) {
-    StratumProcessJob(message, context, false);
+void WhileMining(VLJsonRpcMessage *message, PoolMessageKind kind, StratumContext &context) {
+  if (kind == PoolMessageKind::ShareAnswer) {
+    BookShareResponse(message, context);
+  } else {
+    // Late handshake answers, answers to no request and unknown methods are
+    // dropped without a word.
+    TakeWork(message, kind, context, false);
   }
 }
 
@@ -270,17 +291,23 @@ void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
   VLJsonRpcClientSetDisconnectedCallback(client, OnStratumDisconnected);
   VLJsonRpcClientSetMessageCallback(client, OnStratumMessage);
   StratumSetState(context, Connecting);
+  // A port the pool named in client.reconnect serves this one connection.
+  auto port = static_cast<uint16_t>(context.link.redirectPort.load());
+  if (port == 0) port = context.poolPort;
+  context.link.redirectPort = 0;
   bool started;
   if (context.activePool < context.pools.size()) {
-    started = StratumOpen(client, context.pools[context.activePool]);
+    PoolEndpoint pool = context.pools[context.activePool];
+    pool.port = port;
+    started = StratumOpen(client, pool);
   } else {
     VLObject *host = VLStringCreate(context.poolHost ? context.poolHost : "", 0);
-    started = VLJsonRpcClientConnectTcp(client, host, context.poolPort);
+    started = VLJsonRpcClientConnectTcp(client, host, port);
     VLObjectRelease(host);
   }
   if (!started) {
     VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", VLEscapeControl(context.poolHost).c_str(),
-           static_cast<unsigned>(context.poolPort));
+           static_cast<unsigned>(port));
     StratumSetState(context, Disconnected);
   }
 }
@@ -318,27 +345,21 @@ void OnStratumDisconnected(VLJsonRpcClient *, void *userData) {
 void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *userData) {
   StratumContext &context = ContextOf(userData);
   context.link.lastLineAt = context.link.clock();
-  const VLObject *id = VLJsonRpcMessageId(message);
-  const VLObject *fullResult = VLJsonRpcMessageResult(message);
-  if (VLObjectType(id) != VLTypeNumber) id = nullptr;
-  const VLObject *result = VLObjectType(fullResult) == VLTypeNumber ? fullResult : nullptr;
-
-  switch (context.stratumState.load()) {
-    case Authorizing: WhileAuthorizing(client, message, context, id, result); break;
-    case Subscribing:
-      if (!id || VLNumberGetUInt64(id) != kSubscribeId) break;
-      if (VLObjectType(fullResult) == VLTypeArray && VLArrayCount(fullResult) > 2) {
-        TakeSubscribeResponse(client, context, fullResult);
-      } else {
-        VL_LOG(VLLogLevelError, kTag, "Failed to subscribe - invalid or failed response %s",
-               ErrorText(message).c_str());
-      }
-      break;
-    case Mining: WhileMining(message, context); break;
-    default:
-      VL_LOG(VLLogLevelError, kTag, "Ignoring unexpected stratum message %s",
-             VLEscapeControl(VLJsonRpcMessageMethod(message)).c_str());
-      break;
+  PoolMessageKind kind = StratumClassifyMessage(message);
+  uint32_t state = context.stratumState.load();
+  bool connected =
+      state == Subscribing || state == Subscribed || state == Authorizing || state == Authorized || state == Mining;
+  if (connected && IsPoolRequest(kind)) {
+    StratumAnswerPoolRequest(client, message, kind, context);
+  } else if (state == Subscribing) {
+    WhileSubscribing(client, message, kind, context);
+  } else if (state == Authorizing) {
+    WhileAuthorizing(message, kind, context);
+  } else if (state == Mining) {
+    WhileMining(message, kind, context);
+  } else {
+    VL_LOG(VLLogLevelError, kTag, "Ignoring unexpected stratum message %s",
+           VLEscapeControl(VLJsonRpcMessageMethod(message)).c_str());
   }
   Colour(kNormal);
 }
@@ -358,7 +379,8 @@ void CloseLink(StratumContext &context) {
     std::lock_guard<std::mutex> guard(context.link.pendingLock);
     context.link.pendingShares.clear();
   }
-  context.link.loginRefused = false;
+  context.link.closeAsked = kCloseNone;
+  context.link.reconnectAt = -1;
 }
 
 void DropLink(StratumContext &context, const std::string &why) {
@@ -396,28 +418,54 @@ void ReconnectAtOnce(StratumContext &context, double now) {
   link.retryAt = now;
 }
 
-double OldestPendingShare(StratumContext &context) {
+// When the oldest share under way was sent (-1: none), and the limit its
+// answer has, from the pool's recent answer times.
+double OldestPendingShare(StratumContext &context, double &limit, std::string &limitWords) {
   uint64_t current = context.LinkNumber();
   StratumLink &link = context.link;
   std::lock_guard<std::mutex> guard(link.pendingLock);
   auto &pending = link.pendingShares;
   while (!pending.empty() && pending.front().link != current) pending.pop_front();
+  limit = link.answerTimes.ShareLimit(link.shareLimitFloor, link.shareLimit);
+  if (link.answerTimes.Adapted()) {
+    char words[160];
+    snprintf(words, sizeof words,
+             "past its adaptive limit of %.0f s (%g times its 99th-percentile answer time, %.3f s)", limit,
+             AnswerTimes::kTimesTheUsual, link.answerTimes.Percentile99());
+    limitWords = words;
+  } else {
+    limitWords = "for " + Seconds(limit);
+  }
   return pending.empty() ? -1 : pending.front().sentAt;
 }
 
 void KeepMining(StratumContext &context, double now) {
   StratumLink &link = context.link;
-  double oldestShare = OldestPendingShare(context);
+  double shareLimit = 0;
+  std::string limitWords;
+  double oldestShare = OldestPendingShare(context, shareLimit, limitWords);
   if (now - link.lastLineAt > link.silenceLimit) {
     link.giveUpReason = "it went silent";
     DropLink(context, "No line from the pool for " + Seconds(link.silenceLimit));
-  } else if (oldestShare >= 0 && now - oldestShare > link.shareLimit) {
+  } else if (oldestShare >= 0 && now - oldestShare > shareLimit) {
     link.giveUpReason = "it went silent";
-    DropLink(context, "The pool left a share unanswered for " + Seconds(link.shareLimit));
+    DropLink(context, "The pool left a share unanswered " + limitWords);
   } else if (now - link.stateSince >= link.settledAfter) {
     // A settled session: the next loss is retried after the first delay.
     link.retryDelay = 0;
   }
+}
+
+// The pool asked for a new connection to its own host: it comes at once, as
+// after a session that mined, and goes to the port the pool named.
+void FollowReconnect(StratumContext &context, double now) {
+  StratumLink &link = context.link;
+  CloseLink(context);
+  StratumSetState(context, Disconnected);
+  link.mined = false;
+  link.shareAccepted = false;
+  link.retryDelay = 0;
+  link.retryAt = now;
 }
 
 }  // namespace
@@ -434,10 +482,17 @@ void StratumPoll(StratumContext &context) {
   StratumLink &link = context.link;
   double now = link.clock();
   double inState = now - link.stateSince;
-  if (link.loginRefused) {
-    CloseLink(context);
-    link.giveUpReason = "it refused the login";
-    StratumSetState(context, Disconnected);
+  switch (link.closeAsked.load()) {
+    case kCloseLoginRefused: link.giveUpReason = "it refused the login"; [[fallthrough]];
+    case kCloseSubscriptionUnusable:
+      CloseLink(context);
+      StratumSetState(context, Disconnected);
+      return;
+    default: break;
+  }
+  double reconnectAt = link.reconnectAt;
+  if (reconnectAt >= 0 && now >= reconnectAt && context.stratumState != Disconnected) {
+    FollowReconnect(context, now);
     return;
   }
   // Back to the primary: the backup's connection ends and the primary's
@@ -475,6 +530,11 @@ void StratumPoll(StratumContext &context) {
     case Mining: KeepMining(context, now); break;
     case Disconnected:
       if (link.retryAt < 0) {
+        // After a session in which the pool took a share, the pauses start
+        // again from the first: only sessions that fail before mining
+        // make them grow.
+        if (link.shareAccepted) link.retryDelay = 0;
+        link.shareAccepted = false;
         // A new pool is tried at once; once every pool has failed since the
         // last session that mined, the pauses grow as for one pool.
         if (StratumFailOver(context) && link.switchesSinceMined < context.pools.size()) {

@@ -16,28 +16,29 @@ void SendShare(StratumContext &context, const StratumJob &job, const char *nonce
   }
   // The account of the job's pool; the run's pool list never changes.
   const char *account = job.pool < context.pools.size() ? context.pools[job.pool].user.c_str() : context.account;
-  VLObject *id = VLNumberCreateUInt32(4);
-  VLObject *method = VLStringCreate("mining.submit", 0);
-  VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion2);
-  VLObjectRelease(id);
-  VLObjectRelease(method);
-  for (const char *text : {account ? account : "", job.jobId.c_str(), nonceText}) {
-    VLObject *value = VLStringCreateFormat("%s", text);
-    VLJsonRpcMessageAddParam(submit, value);
-    VLObjectRelease(value);
-  }
   StratumLink &link = context.link;
   bool sent;
   {
-    // Booked and queued under one lock: shares leave in the order of the
-    // list, so each answer finds its own share, and a fast answer finds it
-    // booked. Queuing never waits on the network.
+    // Numbered, booked and queued under one lock: shares leave in the order
+    // of the list, and a fast answer finds its share booked. Queuing never
+    // waits on the network.
     std::lock_guard<std::mutex> guard(link.pendingLock);
-    link.pendingShares.push_back({link.clock(), worker, job.pool, job.difficulty, job.link});
+    uint64_t shareId = link.nextShareId++;
+    VLObject *id = VLNumberCreateUInt64(shareId);
+    VLObject *method = VLStringCreate("mining.submit", 0);
+    VLJsonRpcMessage *submit = VLJsonRpcRequestCreate(id, method, VLJsonRpcVersion2);
+    VLObjectRelease(id);
+    VLObjectRelease(method);
+    for (const char *text : {account ? account : "", job.jobId.c_str(), nonceText}) {
+      VLObject *value = VLStringCreateFormat("%s", text);
+      VLJsonRpcMessageAddParam(submit, value);
+      VLObjectRelease(value);
+    }
+    link.pendingShares.push_back({shareId, link.clock(), worker, job.pool, job.difficulty, job.link});
     sent = VLJsonRpcClientSend(client.get(), submit);
+    VLJsonRpcMessageRelease(submit);
     // Closed meanwhile: no answer will come.
     if (!sent) link.pendingShares.pop_back();
   }
   if (!sent) CountDroppedShare(context);
-  VLJsonRpcMessageRelease(submit);
 }

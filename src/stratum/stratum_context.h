@@ -14,8 +14,10 @@
 #include <vector>
 
 #include "foundation/relaxed.h"
+#include "stratum/answer_times.h"
 #include "stratum/job.h"
 #include "stratum/pool_endpoint.h"
+#include "stratum/share_verdict.h"
 
 struct VLJsonRpcClient;
 
@@ -32,12 +34,29 @@ enum StratumState : uint32_t {
   Mining = 7,
 };
 
+// The ids of the session's requests. Every share has its own, counted up from
+// kFirstShareId, so that each answer finds the share it answers.
+enum StratumRequestId : uint64_t {
+  kSubscribeId = 1,
+  kExtranonceSubscribeId = 2,
+  kAuthorizeId = 3,
+  kFirstShareId = 4,
+};
+
+// Why the receive thread wants the console loop to end the connection.
+enum StratumCloseReason : uint32_t {
+  kCloseNone = 0,
+  kCloseLoginRefused,
+  kCloseSubscriptionUnusable,  // an extranonce the boards cannot mine with
+};
+
 // Seconds on the monotonic clock.
 double StratumMonotonicSeconds();
 
 // A share sent and not yet answered. The pool answers in order, so the
 // oldest one is the share an answer belongs to.
 struct PendingShare {
+  uint64_t id = 0;    // the mining.submit request's
   double sentAt = 0;  // on the link's clock
   uint64_t worker = 0;
   uint32_t pool = 0;
@@ -51,7 +70,8 @@ struct StratumLink {
   double connectLimit = 10;
   double answerLimit = 10;   // each handshake answer
   double silenceLimit = 90;  // no line from the pool while mining
-  double shareLimit = 30;    // a share left unanswered
+  double shareLimit = 30;    // a share left unanswered: the ceiling of the adaptive limit
+  double shareLimitFloor = 10;
   double firstRetryDelay = 1;
   double longestRetryDelay = 60;
   double settledAfter = 60;  // mining this long resets the retry delay
@@ -62,17 +82,33 @@ struct StratumLink {
   Relaxed<double> stateSince;
   Relaxed<double> lastLineAt;
   // Shares sent and not yet answered, oldest first. Entries of an earlier
-  // connection are stale and skipped.
+  // connection are stale and skipped. The lock also guards the share ids and
+  // the pool's answer times, which are kept until the pool changes.
   std::mutex pendingLock;
   std::deque<PendingShare> pendingShares;
+  uint64_t nextShareId = kFirstShareId;
+  AnswerTimes answerTimes;
   // Shares found since the connection was lost, told once at reconnect.
   std::atomic<uint64_t> droppedSinceLoss{0};
   Relaxed<bool> connectedBefore;
-  // Set by the receive thread when the pool refused the login; the console
-  // loop then closes the connection.
-  Relaxed<bool> loginRefused;
-  // Set by the receive thread when this connection reached Mining.
+  // Set by the receive thread when the pool refused the login or sent a
+  // subscription the boards can't mine with; the console loop then closes the
+  // connection.
+  Relaxed<uint32_t> closeAsked{kCloseNone};
+  // Set by the receive thread when this connection reached Mining, and when
+  // the pool accepted a share on it.
   Relaxed<bool> mined;
+  Relaxed<bool> shareAccepted;
+  // The pool's client.reconnect to its own host: when to follow it (-1: not
+  // asked) and the port the next connection goes to (0: the pool's own).
+  Relaxed<double> reconnectAt{-1};
+  Relaxed<uint32_t> redirectPort{0};
+  // The receive thread's: a pool's messages and refused redirections are told
+  // at most every 10 s, the next line saying how many went untold.
+  struct Notice {
+    double last = -1;
+    uint64_t untold = 0;
+  } messageNotice, redirectNotice;
   // Why the console loop dropped the connection, when that should make the
   // miner move to the next pool at once (a silent pool, a refused login).
   std::string giveUpReason;
@@ -172,9 +208,9 @@ struct StratumContext {
   // pool's answer to a share (credited to the share it belongs to), a new
   // job, a new connection after the first. Called on the receive thread or
   // the console loop; the defaults do nothing.
-  virtual void OnShareAnswered(const PendingShare &share, bool accepted) {
+  virtual void OnShareAnswered(const PendingShare &share, const ShareVerdict &verdict) {
     (void)share;
-    (void)accepted;
+    (void)verdict;
   }
   virtual void OnJob(uint32_t pool) { (void)pool; }
   virtual void OnReconnect(uint32_t pool) { (void)pool; }

@@ -122,7 +122,9 @@ bool StampedUtcMilliseconds(const std::string &line) {
 }
 
 TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesCommand) {
-  MinerRun run("xdma0 model=7\nxdma1 model=2\n", {"--difficulty", "0.002"});
+  // Every 4th good share is refused as some pools do: result false, no error.
+  MinerRun run("xdma0 model=7\nxdma1 model=2\n",
+               {"--difficulty", "0.002", "--reject-every", "4", "--reject-with", "none"});
   std::string logFile = run.WorkDir().string() + "/miner.log";
   ASSERT_TRUE(run.Start({"--api-listen", "127.0.0.1:0", "--api-allow", "127.0.0.1", "--metrics-listen", "127.0.0.1:0",
                          "--log-file", logFile}));
@@ -183,12 +185,19 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
   EXPECT_EQ(pools[0]["Accepted"], run.Pool("accepted"));
   EXPECT_EQ(pools[0]["Status"], "Alive");
   EXPECT_GE(pools[0]["Jobs"].get<uint64_t>(), 1u);
+  uint64_t byReason = 0;
+  for (const auto &entry : pools[0]["Rejected By Reason"].items()) byReason += entry.value().get<uint64_t>();
+  EXPECT_EQ(byReason, run.Pool("rejected"));
+  EXPECT_GT(run.Pool("forced"), 0u);
+  EXPECT_EQ(pools[0]["Rejected By Reason"]["none_given"], run.Pool("forced"));
 
   std::string scrape = Ask(metrics, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
   ASSERT_EQ(scrape.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << scrape;
   std::string body = scrape.substr(scrape.find("\r\n\r\n") + 4);
   EXPECT_EQ(SumSamples(body, "ombry_shares_total", "result=\"accepted\""), static_cast<double>(run.Pool("accepted")));
   EXPECT_EQ(SumSamples(body, "ombry_pool_up", "pool=\"0\""), 1);
+  EXPECT_EQ(SumSamples(body, "ombry_pool_shares_rejected_total", "reason=\"none_given\""),
+            static_cast<double>(run.Pool("forced")));
   EXPECT_EQ(Ask(metrics, "GET /other HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 404", 0), 0u);
 
   // The log file gets the console's lines, stamped and without colour, and

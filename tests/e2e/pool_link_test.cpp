@@ -78,20 +78,6 @@ TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
   }
 }
 
-// A pool that drops the connection every few lines sends the same job again
-// each time: the search goes on in fresh nonces, so shares are not repeated.
-TEST(PoolLink, DropsEveryFewLinesCostNoDuplicates) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.0005", "--notify-interval", "600", "--close-after", "12",
-                            "--extranonce1", "a1a2a3a4", "--resend-job", "--seed", "3"});
-  ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.Pool("submits") >= 60 && run.Pool("connections") >= 5; })) << run.Output();
-  std::string stats = run.PoolProcess().Stats();
-  size_t at = stats.find("\"duplicate\":");
-  ASSERT_NE(at, std::string::npos);
-  uint64_t duplicates = std::strtoull(stats.c_str() + at + 12, nullptr, 10);
-  EXPECT_LE(duplicates * 50, run.Pool("submits")) << stats;
-}
-
 TEST(PoolLink, RefusedConnectionsAreRetriedWithGrowingPauses) {
   MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "2", "--refuse-for", "6"});
   ASSERT_TRUE(run.Start());

@@ -32,14 +32,14 @@ struct Verdict {
   std::string jobId;
   uint64_t generation;
   uint64_t accepted[4], rejected[4];
-  bool loginRefused;
+  uint32_t closeAsked;
   bool operator==(const Verdict &other) const {
     bool sameDifficulty =
         difficulty == other.difficulty || (difficulty != difficulty && other.difficulty != other.difficulty);
     return state == other.state && sameDifficulty && extranonce1 == other.extranonce1 &&
            extranonce2Size == other.extranonce2Size && jobId == other.jobId && generation == other.generation &&
            memcmp(accepted, other.accepted, sizeof accepted) == 0 &&
-           memcmp(rejected, other.rejected, sizeof rejected) == 0 && loginRefused == other.loginRefused;
+           memcmp(rejected, other.rejected, sizeof rejected) == 0 && closeAsked == other.closeAsked;
   }
 };
 
@@ -81,7 +81,7 @@ Verdict Run(const uint8_t *settings, const uint8_t *bytes, size_t size, uint32_t
                   context.jobGeneration.load(),
                   {},
                   {},
-                  context.link.loginRefused};
+                  context.link.closeAsked};
   if (auto job = context.CurrentJob()) verdict.jobId = job->jobId;
   for (int i = 0; i < 4; i++) {
     verdict.accepted[i] = context.counters[i].sharesAccepted;

@@ -51,7 +51,7 @@ class ShareVerdictTest(PoolTestCase):
         self.assertEqual((stats["accepted"], stats["rejected"]), (1, 7))
         self.assertEqual(stats["rejected_by_reason"], {"duplicate": 1, "low-difficulty": 1, "invalid-nonce": 2,
                                                        "unknown-job": 1, "unauthorized": 1, "malformed": 1,
-                                                       "stale": 0})
+                                                       "stale": 0, "forced": 0})
 
     def test_nonce_is_extranonce1_followed_by_the_submitted_bytes(self):
         lengths = {0: "", 4: "01020304", 15: "00112233445566778899aabbccddee",

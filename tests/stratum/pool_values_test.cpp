@@ -116,19 +116,4 @@ TEST_F(PoolValuesTest, GoodValuesAreTakenAsTheNumbersTheyAre) {
   EXPECT_EQ(log.Count("Refused"), 0u);
 }
 
-// The subscribe answer's values are checked too; the session goes on to
-// authorize with what it had.
-TEST_F(PoolValuesTest, ASubscribeAnswerWithBadValuesKeepsTheLastGoodOnes) {
-  context.stratumState = Subscribing;
-  std::string line =
-      R"({"id":1,"result":[[["mining.set_difficulty","-3"],["mining.set_difficulty","0.25"]],"zz",4],"error":null})"
-      "\n";
-  VLJsonRpcClientReceive(client, reinterpret_cast<const uint8_t *>(line.data()), static_cast<uint32_t>(line.size()));
-  EXPECT_EQ(log.Count("Refused difficulty \"-3\" from the pool"), 1u);
-  EXPECT_EQ(context.difficulty, 0.25);  // a numeric string counts here, as it always has
-  EXPECT_EQ(log.Count("Refused extranonce1 \"zz\" from the pool: not hex; keeping \"a1a2a3a4\""), 1u);
-  EXPECT_EQ(context.extranonce1.size(), 4u);
-  EXPECT_EQ(context.stratumState, Authorizing);
-}
-
 }  // namespace

@@ -94,6 +94,16 @@ class SessionTest : public ::testing::Test {
     std::vector<std::string> states = States(log);
     return static_cast<size_t>(std::count(states.begin(), states.end(), "Idle -> Connecting"));
   }
+  // Shares on the current job, each with its own nonce.
+  void SendShares(int count) {
+    for (int i = 0; i < count; i++) {
+      char nonce[32];
+      snprintf(nonce, sizeof nonce, "%024x", ++sharesSent);
+      SendShare(context, *context.CurrentJob(), nonce, 0);
+    }
+  }
+  uint64_t Answered() { return context.counters.sharesAccepted + context.counters.sharesRejected; }
+  int sharesSent = 0;
   std::unique_ptr<TestPool> pool;
   PoolContext context;
   std::atomic<double> skipped{0};
@@ -187,6 +197,72 @@ TEST_F(SessionTest, ASharesUnansweredAnswerAndTheOptionsLimitsEndTheConnection) 
   Skip(21);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
   EXPECT_TRUE(log.Has("Miner", "No line from the pool for 20 s; reconnecting"));
+}
+
+// A pool where nearly every hash is a share (its jobs seeded, so the same
+// shares every run): ids and answers, not hashing, are tested.
+const std::vector<std::string> kEasyShares = {"--notify-interval", "600", "--difficulty", "2.5e-10", "--seed", "1"};
+
+std::vector<std::string> With(std::vector<std::string> options, std::initializer_list<std::string> more) {
+  options.insert(options.end(), more);
+  return options;
+}
+
+// A pool that answered its last shares in moments and then goes quiet is
+// left after the floor of the adaptive limit, not the option's 30 s.
+TEST_F(SessionTest, APoolThatAnsweredFastAndFallsSilentIsLeftAtTheAdaptiveLimit) {
+  Start(With(kEasyShares, {"--silent-after-answers", "10"}));
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+  SendShares(10);
+  ASSERT_TRUE(PollUntil([&] { return Answered() == 10; }));
+  SendShares(1);
+  Skip(9);
+  for (int i = 0; i < 3; i++) StratumPoll(context);
+  EXPECT_EQ(context.stratumState, Mining);
+  Skip(1.5);
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
+  EXPECT_EQ(log.Count("The pool left a share unanswered past its adaptive limit"), 1u);
+  EXPECT_EQ(context.link.giveUpReason, "it went silent");
+}
+
+// A pool that always takes long is given its own pace, up to the option.
+TEST_F(SessionTest, APoolThatAnswersSlowlyButSurelyIsNotGivenUp) {
+  Start(With(kEasyShares, {"--submit-delay", "0.5"}));
+  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+  SendShares(10);
+  Skip(12);  // every answer comes after more than the floor of 10 s
+  ASSERT_TRUE(PollUntil([&] { return Answered() == 10; }));
+  SendShares(1);
+  Skip(25);
+  ASSERT_TRUE(PollUntil([&] { return Answered() == 11 || context.stratumState != Mining; }));
+  EXPECT_EQ(context.stratumState, Mining);
+  EXPECT_EQ(log.Count("The pool left a share unanswered"), 0u);
+}
+
+// The pauses before a new attempt start again from the first after a session
+// in which the pool took a share, and grow on after one that only mined.
+TEST_F(SessionTest, ASessionWithAnAcceptedShareResetsThePauses) {
+  for (bool share : {true, false}) {
+    SCOPED_TRACE(share ? "a share accepted" : "no share");
+    Start(With(kEasyShares, {"--close-at", "1.5"}));
+    context.link.retryDelay = 8;  // the pauses had grown
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+    if (share) {
+      SendShares(3);
+      ASSERT_TRUE(PollUntil([&] { return Answered() == 3; }));
+      ASSERT_GE(context.counters.sharesAccepted.load(), 1u);
+    }
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
+    double wait = context.link.retryAt - context.link.clock();
+    if (share) {
+      EXPECT_LE(wait, 1.0);
+    } else {
+      EXPECT_GE(wait, 8.0);
+    }
+    StratumShutdown(context);
+    context.counters.sharesAccepted = 0;
+    context.counters.sharesRejected = 0;
+  }
 }
 
 TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {

@@ -15,7 +15,9 @@ hash + nonce, and its Eaglesong value must be at most the job's target.
 
 Misbehaviour for tests is switched on by flags; --script FILE takes the same
 settings as JSON ({"option_name": value, ...}), and a "connections" list in it
-overrides settings for the first, second, ... connection.
+overrides settings for the first, second, ... connection. --profile NAME
+switches on a set of settings at once: the ways real pools speak (see
+PROFILES).
 
 Counts go to the --stats JSON file after every change; --transcript FILE
 records every line in and out.
@@ -51,11 +53,22 @@ REJECTIONS = {
     "duplicate": (22, "Duplicate share"),
     "low-difficulty": (23, "Low difficulty share"),
     "unauthorized": (24, "Unauthorized worker"),
+    "forced": (20, "Rejected on purpose"),  # reject_every; the text comes from reject_with
 }
 
 SUBSCRIBE_MODES = ("ok", "short", "error", "not-array", "silent")
+# The first element of the subscribe answer: difficulty and notify pairs, a
+# null, an empty list, one [["mining.notify", id]] pair, or a session id.
+SUBSCRIBE_SHAPES = ("pairs", "null", "empty", "notify-pair", "session-id")
+EXTRANONCE_SUBSCRIBE_MODES = ("answer", "silent")
+RECONNECT_MODES = ("", "same", "other")
+# Requests a pool may send once a connection is authorized, with an id each.
+POOL_REQUESTS = ("client.get_version", "client.show_message", "mining.ping")
 AUTHORIZE_MODES = ("accept", "false", "error", "silent")
-TARGET_MODES = ("difficulty", "target", "none")
+# "both": mining.set_difficulty with a decoy a quarter of the difficulty, then
+# mining.set_target with the real one; a miner that keeps the first finds
+# shares the pool rejects.
+TARGET_MODES = ("difficulty", "target", "both", "none")
 CLOSE_MODES = ("close", "reset")
 # Jobs that the miner refuses are not recorded, and they leave earlier jobs valid.
 BAD_JOBS = ("invalid-hex", "hex-prefix", "short-header", "short-prevhash", "four-params", "not-clean")
@@ -69,6 +82,27 @@ GARBAGE_LINES = (
     b'{"id":null,"method":"mining.notify","params":["cut\n',
     b"\n",
 )
+
+# Ways real pools speak, each a set of settings (--profile NAME); "clean" is
+# this pool's own dialect.
+PROFILES = {
+    "clean": {},
+    # Subscriptions [[], en1, n]; the target by mining.set_target with "id":0;
+    # mining.extranonce.subscribe never answered; rejections {"result":false,"error":null}.
+    "ckb-empty": {"subscribe_shape": "empty", "target_mode": "target", "notify_id": 0,
+                  "extranonce_subscribe": "silent", "reject_with": "none"},
+    # [null, en1, n]; notifications with a numeric id; 16-digit job ids.
+    "null-subscription": {"subscribe_shape": "null", "notify_id": 7, "job_id_digits": 16},
+    # ["sessionid", en1, n] with a 5-byte extranonce1; string ids; JSON-RPC 2.0.
+    "session-id": {"subscribe_shape": "session-id", "extranonce1": "0a0b0c0d0e", "notify_id": "n1",
+                   "jsonrpc2": True},
+    # [[["mining.notify", id]], en1, n]; both target messages, the real one last.
+    "notify-pair": {"subscribe_shape": "notify-pair", "target_mode": "both", "notify_id": "absent"},
+    # client.get_version, client.show_message, mining.ping; client.reconnect to itself.
+    "pool-requests": {"requests": list(POOL_REQUESTS), "reconnect": "same", "reconnect_after": 4.0},
+    # client.reconnect to another host, which the miner must refuse.
+    "reconnect-elsewhere": {"reconnect": "other", "reconnect_after": 2.0},
+}
 
 HEX_RE = re.compile(r"[0-9a-fA-F]*")
 JOB_HISTORY = 64
@@ -102,11 +136,22 @@ class SessionOptions:
     set_extranonce: str = ""           # hex; sent after set_extranonce_after jobs
     set_extranonce_size: int = -1
     set_extranonce_after: int = 1
-    notify_id: object = None           # None, "absent" or an integer id for notifications
+    notify_id: object = None           # None, "absent", an integer or a string: the id of notifications
     huge_line: int = 0                 # bytes of one oversized line after authorize
     bad_job: str = ""
     bad_job_every: int = 1
     jsonrpc2: bool = False             # "jsonrpc":"2.0" and error objects on everything sent
+    subscribe_shape: str = "pairs"
+    job_id_digits: int = 0             # job ids of this many hex digits (0: as short as the count)
+    extranonce_subscribe: str = "answer"
+    requests: list = field(default_factory=list)  # POOL_REQUESTS sent after authorizing
+    reconnect: str = ""                # client.reconnect to the pool's own host ("same") or another
+    reconnect_after: float = 3.0       # seconds after authorizing
+    reconnect_wait: float = 1.0        # the wait the request asks for
+    reject_every: int = 0              # reject every n-th good share (counted as "forced")
+    reject_with: str = "none"          # "none": {"result":false,"error":null}; or "CODE:TEXT"
+    submit_delay: float = 0.0          # seconds before a share is answered
+    silent_after_answers: int = 0      # go silent once this many shares are answered
     inject_dir: str = ""               # once authorized, each NAME.line file put here is sent as one line
 
     def validate(self):
@@ -124,9 +169,18 @@ class SessionOptions:
             _check_hex("target", self.target)
             if len(self.target) > 64:
                 raise ValueError("target: at most 64 hex digits")
-        if not (self.notify_id is None or self.notify_id == "absent"
+        if not (self.notify_id is None or isinstance(self.notify_id, str)
                 or (isinstance(self.notify_id, int) and not isinstance(self.notify_id, bool))):
-            raise ValueError("notify_id: null, 'absent' or an integer")
+            raise ValueError("notify_id: null, 'absent', an integer or a string")
+        _check_choice("subscribe_shape", self.subscribe_shape, SUBSCRIBE_SHAPES)
+        _check_choice("extranonce_subscribe", self.extranonce_subscribe, EXTRANONCE_SUBSCRIBE_MODES)
+        _check_choice("reconnect", self.reconnect, RECONNECT_MODES)
+        for request in self.requests:
+            _check_choice("requests", request, POOL_REQUESTS)
+        if self.reject_with != "none" and not re.fullmatch(r"-?\d+:.*", self.reject_with):
+            raise ValueError("reject_with: 'none' or CODE:TEXT")
+        if not 0 <= self.job_id_digits <= 64:
+            raise ValueError("job_id_digits: 0 to 64")
         for name in ("split_lines", "bad_job_every", "set_extranonce_after"):
             if getattr(self, name) < 1:
                 raise ValueError(f"{name}: at least 1")
@@ -157,6 +211,8 @@ def apply_settings(options, settings, where):
             pass
         elif kind is float and isinstance(value, int) and not isinstance(value, bool):
             value = float(value)
+        elif key == "requests" and isinstance(value, list):
+            pass
         elif kind is list and isinstance(value, list) and all(
                 isinstance(v, (int, float)) and not isinstance(v, bool) for v in value):
             value = [float(v) for v in value]
@@ -213,6 +269,8 @@ class Stats:
             "methods": {},
             "bad_lines_received": 0,
             "injected": 0,
+            "answers": {},          # the miner's answers to the pool's requests, by method
+            "reconnects_sent": 0,
         }
 
     def update(self, change):
@@ -265,6 +323,7 @@ class Pool:
         self.job_prefix = job_prefix
         self.newest_job = None  # (Job, notify params), for resend_job
         self.connection_counter = 0
+        self.port = 0
         self.stopping = threading.Event()
         self.listener = None
         self.threads = []
@@ -283,10 +342,10 @@ class Pool:
                 self.transcript.write(f"{number} {direction} {text}\n")
                 self.transcript.flush()
 
-    def next_job_id(self):
+    def next_job_id(self, digits=0):
         with self.lock:
             self.job_counter += 1
-            return f"{self.job_prefix}{self.job_counter:x}"
+            return f"{self.job_prefix}{self.job_counter:0{digits}x}"
 
     def random_sample(self, population, count):
         with self.lock:
@@ -314,6 +373,7 @@ class Pool:
         if self.refuse_for <= 0:
             self.listener.listen(16)
         port = self.listener.getsockname()[1]
+        self.port = port
         self.stats.update(lambda d: d.__setitem__("port", port))
         self.stats.flush(force=True)
         thread = threading.Thread(target=self._accept_loop, name="pool-accept", daemon=True)
@@ -389,6 +449,11 @@ class Session:
         self.authorized_at = None
         self.extranonce_switched = False
         self.close_reason = None
+        self.requests_sent = {}       # id -> method of the pool's own requests
+        self.reconnect_sent = False
+        self.good_shares = 0
+        self.answers_sent = 0
+        self.delayed_answers = []     # (due, message) in order, for submit_delay
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         # A client that stops reading must not hold a session (and the pool's stop) forever.
         sock.settimeout(10)
@@ -427,17 +492,45 @@ class Session:
             message = {"jsonrpc": "2.0", **message}
         self.send_raw(json.dumps(message, separators=(",", ":")).encode() + b"\n")
 
-    def respond(self, msg_id, result):
+    def respond(self, msg_id, result, delay=0.0):
         if self.o.jsonrpc2:
-            self.send({"id": msg_id, "result": result})
+            self.answer({"id": msg_id, "result": result}, delay)
         else:
-            self.send({"id": msg_id, "result": result, "error": None})
+            self.answer({"id": msg_id, "result": result, "error": None}, delay)
 
-    def respond_error(self, msg_id, code, text):
+    def respond_error(self, msg_id, code, text, delay=0.0):
         if self.o.jsonrpc2:
-            self.send({"id": msg_id, "error": {"code": code, "message": text}})
+            self.answer({"id": msg_id, "error": {"code": code, "message": text}}, delay)
         else:
-            self.send({"id": msg_id, "result": None, "error": [code, text, None]})
+            self.answer({"id": msg_id, "result": None, "error": [code, text, None]}, delay)
+
+    def answer(self, message, delay):
+        """Sends an answer now, or after `delay` seconds (in order with the others)."""
+        if delay > 0 or self.delayed_answers:
+            self.delayed_answers.append((time.monotonic() + delay, message))
+        else:
+            self.send(message)
+
+    def request(self, method, msg_id, params):
+        """A request of the pool's own; the miner's answer is counted by method."""
+        if msg_id is not None:
+            self.requests_sent[msg_id] = method
+        self.send({"id": msg_id, "method": method, "params": params})
+
+    def send_requests(self):
+        for n, method in enumerate(self.o.requests):
+            if method == "client.get_version":
+                self.request(method, f"v{n}", [])
+            elif method == "mining.ping":
+                self.request(method, 100 + n, [])
+            else:
+                self.request(method, None, [f"Hello from test pool connection {self.number}"])
+
+    def send_reconnect(self):
+        self.reconnect_sent = True
+        host = "127.0.0.1" if self.o.reconnect == "same" else "pool.elsewhere.example"
+        self.pool.stats.count("reconnects_sent")
+        self.send({"id": None, "method": "client.reconnect", "params": [host, self.pool.port, self.o.reconnect_wait]})
 
     def notify(self, method, params):
         message = {}
@@ -455,6 +548,10 @@ class Session:
         mode = "difficulty" if before_authorize and self.o.target_mode != "none" else self.o.target_mode
         if mode == "difficulty":
             self.notify("mining.set_difficulty", [self.o.difficulty])
+            self.difficulty = self.o.difficulty
+        elif mode == "both":
+            self.notify("mining.set_difficulty", [self.o.difficulty / 4])
+            self.notify("mining.set_target", [targets.target_hex(targets.difficulty_to_target(self.o.difficulty))])
             self.difficulty = self.o.difficulty
         elif mode == "target":
             if self.o.target:
@@ -479,7 +576,7 @@ class Session:
     def send_job(self):
         self.jobs_sent += 1
         kind = self.o.bad_job if self.o.bad_job and self.jobs_sent % self.o.bad_job_every == 0 else ""
-        job_id = self.pool.next_job_id()
+        job_id = self.pool.next_job_id(self.o.job_id_digits)
         header = self.pool.random_bytes(32)
         prev_hash = self.pool.random_bytes(32)
         height = 1000 + self.jobs_sent
@@ -534,6 +631,10 @@ class Session:
             return
         subscriptions = [["mining.set_difficulty", d] for d in self.o.subscribe_difficulty]
         subscriptions.append(["mining.notify", f"{self.number:08x}"])
+        shape = self.o.subscribe_shape
+        if shape != "pairs":
+            subscriptions = {"null": None, "empty": [], "notify-pair": [["mining.notify", f"{self.number:016x}"]],
+                             "session-id": f"{self.number:08x}"}[shape]
         size = self.o.extranonce2_size
         if size < 0:
             size = max(0, 16 - len(self.extranonce1))
@@ -570,6 +671,8 @@ class Session:
         self.worker = params[0] if isinstance(params, list) and params and isinstance(params[0], str) else ""
         self.pool.stats.count("authorized")
         self.respond(msg_id, True)
+        if self.o.requests:
+            self.send_requests()
         if self.o.huge_line > 0:
             self.send_huge_line()
         self.announce_difficulty()
@@ -587,8 +690,23 @@ class Session:
         self.pool.stats.count("submits")
         reason, job, nonce = self.judge(params)
         job_text = params[1] if isinstance(params, list) and len(params) > 1 else None
+        delay = self.o.submit_delay
+        self.answers_sent += 1
+        if not reason and self.o.reject_every:
+            self.good_shares += 1
+            if self.good_shares % self.o.reject_every == 0:
+                reason = "forced"
+        if reason == "forced" and self.o.reject_with == "none":
+            self.pool.stats.update(lambda d: (d.__setitem__("rejected", d["rejected"] + 1),
+                                              d["rejected_by_reason"].__setitem__("forced",
+                                                                                  d["rejected_by_reason"]["forced"] + 1)))
+            self.respond(msg_id, False, delay)
+            return
         if reason:
             code, text = REJECTIONS[reason]
+            if reason == "forced":
+                code, text = self.o.reject_with.split(":", 1)
+                code = int(code)
 
             def book(d):
                 d["rejected"] += 1
@@ -596,12 +714,12 @@ class Session:
             self.pool.stats.update(book)
             shown = nonce.hex() if nonce else (params[2] if isinstance(params, list) and len(params) > 2 else None)
             self.pool.log(f"share rejected ({reason}): connection {self.number}, job {job_text!r}, nonce {shown!r}")
-            self.respond_error(msg_id, code, text)
+            self.respond_error(msg_id, code, text, delay)
             return
         self.pool.stats.count("accepted")
         self.pool.log(f"share accepted: connection {self.number}, job {job.job_id}, nonce {nonce.hex()}, "
                       f"difficulty {job.difficulty:g}")
-        self.respond(msg_id, True)
+        self.respond(msg_id, True, delay)
 
     def judge(self, params):
         """Returns (rejection reason or None, job, full nonce)."""
@@ -647,7 +765,11 @@ class Session:
         if method == "mining.subscribe":
             self.on_subscribe(msg_id)
         elif method == "mining.extranonce.subscribe":
-            self.respond(msg_id, True)
+            if self.o.extranonce_subscribe == "answer":
+                self.respond(msg_id, True)
+        elif method is None and msg_id in self.requests_sent:
+            answered = self.requests_sent.pop(msg_id)
+            self.pool.stats.update(lambda d: d["answers"].__setitem__(answered, d["answers"].get(answered, 0) + 1))
         elif method == "mining.authorize":
             self.on_authorize(msg_id, params)
         elif method == "mining.submit":
@@ -683,8 +805,13 @@ class Session:
 
     def run_timers(self):
         now = time.monotonic()
+        while self.delayed_answers and self.delayed_answers[0][0] <= now:
+            self.send(self.delayed_answers.pop(0)[1])
         if self.o.inject_dir and self.authorized:
             self.inject_lines()
+        if (self.o.reconnect and not self.reconnect_sent and self.authorized_at is not None
+                and now - self.authorized_at >= self.o.reconnect_after):
+            self.send_reconnect()
         if self.o.close_at and now - self.started >= self.o.close_at:
             raise ConnectionClosed(f"after {self.o.close_at:g} s")
         if self.pending_authorize and now >= self.pending_authorize[0]:
@@ -705,6 +832,10 @@ class Session:
             deadlines.append(self.started + self.o.close_at)
         if self.pending_authorize:
             deadlines.append(self.pending_authorize[0])
+        if self.delayed_answers:
+            deadlines.append(self.delayed_answers[0][0])
+        if self.o.reconnect and not self.reconnect_sent and self.authorized_at is not None:
+            deadlines.append(self.authorized_at + self.o.reconnect_after)
         if self.next_notify is not None:
             deadlines.append(self.next_notify)
         return max(0.0, min(deadlines) - time.monotonic())
@@ -720,8 +851,10 @@ class Session:
                 self.sock = self.pool.tls.wrap_socket(self.sock, server_side=True)
             self.on_connect()
             while not self.pool.stopping.is_set():
-                if (self.o.silent_after and self.authorized_at is not None
-                        and time.monotonic() - self.authorized_at >= self.o.silent_after):
+                if ((self.o.silent_after and self.authorized_at is not None
+                        and time.monotonic() - self.authorized_at >= self.o.silent_after)
+                        or (self.o.silent_after_answers and self.answers_sent >= self.o.silent_after_answers
+                            and not self.delayed_answers)):
                     # Gone quiet: the connection stays open, nothing is read or written.
                     time.sleep(0.1)
                     continue
@@ -800,11 +933,26 @@ def build_parser():
     add("--set-extranonce", help="hex extranonce1 sent by mining.set_extranonce")
     add("--set-extranonce-size", type=int, help="extranonce2 size sent with it")
     add("--set-extranonce-after", type=int, help="send it after this many jobs")
-    add("--notify-id", type=_notify_id, help="id of notifications: null, absent or a number")
+    add("--notify-id", type=_notify_id, help="id of notifications: null, absent, a number or a string")
     add("--huge-line", type=int, help="send one line of this many bytes after authorize")
     add("--bad-job", choices=BAD_JOBS, help="send malformed jobs of this kind")
     add("--bad-job-every", type=int, help="every n-th job is the bad one")
     add("--jsonrpc2", action="store_true", help="JSON-RPC 2.0 form (jsonrpc member, error objects)")
+    add("--profile", default="", choices=[""] + sorted(PROFILES), help="speak as some real pools do (settings of PROFILES); "
+        "other options override it")
+    add("--subscribe-shape", choices=SUBSCRIBE_SHAPES, help="first element of the subscribe answer")
+    add("--job-id-digits", type=int, help="job ids of this many hex digits")
+    add("--extranonce-subscribe", choices=EXTRANONCE_SUBSCRIBE_MODES, help="answer mining.extranonce.subscribe or not")
+    add("--request", dest="requests", action="append", choices=POOL_REQUESTS,
+        help="send this request once a connection is authorized (repeatable)")
+    add("--reconnect", choices=[m for m in RECONNECT_MODES if m], help="send client.reconnect to the pool's own "
+        "host (same) or another")
+    add("--reconnect-after", type=float, help="seconds after authorizing for client.reconnect")
+    add("--reconnect-wait", type=float, help="the wait client.reconnect asks for")
+    add("--reject-every", type=int, help="reject every n-th good share on purpose (counted as forced)")
+    add("--reject-with", help="how: none ({\"result\":false,\"error\":null}) or CODE:TEXT")
+    add("--submit-delay", type=float, help="seconds before a share is answered")
+    add("--silent-after-answers", type=int, help="go silent once this many shares are answered")
     add("--inject-dir", help="once authorized, send the bytes of each NAME.line file put in this directory as "
         "one line, in name order, and remove the file")
     return parser
@@ -813,11 +961,14 @@ def build_parser():
 def _notify_id(text):
     if text in ("null", "absent"):
         return None if text == "null" else "absent"
-    return int(text)
+    try:
+        return int(text)
+    except ValueError:
+        return text
 
 
 GLOBAL_KEYS = ("port", "stats", "transcript", "duration", "seed", "script", "quiet", "refuse_for", "tls_cert",
-               "tls_key", "job_prefix")
+               "tls_key", "job_prefix", "profile")
 
 
 def options_from_arguments(argv):
@@ -825,6 +976,8 @@ def options_from_arguments(argv):
     arguments = vars(build_parser().parse_args(argv))
     globals_ = {key: arguments.pop(key) for key in GLOBAL_KEYS}
     options = SessionOptions()
+    if globals_["profile"]:
+        options = apply_settings(options, PROFILES[globals_["profile"]], f"profile {globals_['profile']}")
     connections = []
     if globals_["script"]:
         with open(globals_["script"]) as source:
