@@ -38,6 +38,8 @@ VLObject *VLObjectSerialize(const VLObject *obj, uint32_t format);
 // The JSON reader on raw bytes, and the writer.
 VLObject *VLJsonRead(const char *bytes, uint32_t length);
 VLObject *VLJsonWrite(const VLObject *root);
+// The same values on one line, with no blanks outside strings and no line end.
+VLObject *VLJsonWriteCompact(const VLObject *root);
 
 // Escapes for the writer: bytes 0-31 as \u00XX (upper-case hex), quote and
 // backslash with a backslash; every other byte as it is.

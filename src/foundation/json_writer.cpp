@@ -19,7 +19,19 @@ namespace {
 void Append(VLObject *out, const char *text, uint32_t length) { VLStringAppendBytes(out, text, length); }
 void Append(VLObject *out, const char *text) { VLStringAppendBytes(out, text, static_cast<uint32_t>(strlen(text))); }
 
-void Indent(VLObject *out, uint32_t depth) { VLStringAppendRepeated(out, ' ', uint64_t{2} * depth); }
+// The layout: the saved configuration's, or one line with no blanks outside
+// strings.
+struct Layout {
+  bool compact;
+  void Indent(VLObject *out, uint32_t depth) const {
+    if (!compact) VLStringAppendRepeated(out, ' ', uint64_t{2} * depth);
+  }
+  // `text` followed by a line end, which the compact layout leaves out.
+  void Line(VLObject *out, const char *text) const {
+    Append(out, text);
+    if (!compact) Append(out, "\n", 1);
+  }
+};
 
 void WriteNumber(VLObject *out, const VLObject *number) {
   char text[256];  // a number's text is held to 255 characters
@@ -45,8 +57,9 @@ struct Frame {
 
 // Writes the indent and a leaf's whole text, or a container's opening (and
 // leaves a frame for the rest). Returns whether the value is complete.
-bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::vector<Frame> &stack) {
-  Indent(out, depth);
+bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::vector<Frame> &stack,
+           const Layout &layout) {
+  layout.Indent(out, depth);
   switch (value->type) {
     case VLTypeNumber: WriteNumber(out, value); return true;
     case VLTypeString:
@@ -68,11 +81,11 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::
       return true;
     }
     case VLTypeArray:
-      Append(out, "[\n");
+      layout.Line(out, "[");
       stack.push_back({value, depth, 0});
       return false;
     case VLTypeDictionary:
-      Append(out, "{\n");
+      layout.Line(out, "{");
       stack.push_back({value, depth, 0});
       return false;
     case VLTypeNull: Append(out, "null"); return true;
@@ -89,20 +102,18 @@ bool Begin(VLObject *out, const VLObject *value, uint32_t depth, bool key, std::
 
 // After a member of `frame` is complete: the separator, unless that member was
 // a key.
-void Separate(VLObject *out, const Frame &frame) {
+void Separate(VLObject *out, const Frame &frame, const Layout &layout) {
   if (frame.container->type == VLTypeArray) {
-    Append(out, frame.next < frame.container->array.count ? ",\n" : "\n");
+    layout.Line(out, frame.next < frame.container->array.count ? "," : "");
   } else if (frame.next % 2 == 0) {
-    Append(out, frame.next < 2 * frame.container->dictionary.count ? ",\n" : "\n");
+    layout.Line(out, frame.next < 2 * frame.container->dictionary.count ? "," : "");
   }
 }
 
-}  // namespace
-
-VLObject *VLJsonWrite(const VLObject *root) {
+VLObject *Write(const VLObject *root, const Layout &layout) {
   VLObject *out = VLStringCreateWithCapacity(0);
   std::vector<Frame> stack;
-  Begin(out, root, 0, false, stack);
+  Begin(out, root, 0, false, stack, layout);
   while (!stack.empty()) {
     size_t top = stack.size() - 1;
     const VLObject *container = stack[top].container;
@@ -118,17 +129,23 @@ VLObject *VLJsonWrite(const VLObject *root) {
     }
     if (member) {
       stack[top].next++;
-      if (Begin(out, member, depth + 1, key, stack)) Separate(out, stack[top]);
+      if (Begin(out, member, depth + 1, key, stack, layout)) Separate(out, stack[top], layout);
       continue;
     }
-    Indent(out, depth);
+    layout.Indent(out, depth);
     Append(out, container->type == VLTypeArray ? "]" : "}");
     stack.pop_back();
-    if (!stack.empty()) Separate(out, stack.back());
+    if (!stack.empty()) Separate(out, stack.back(), layout);
   }
-  Append(out, "\n", 1);
+  layout.Line(out, "");
   return out;
 }
+
+}  // namespace
+
+VLObject *VLJsonWrite(const VLObject *root) { return Write(root, Layout{false}); }
+
+VLObject *VLJsonWriteCompact(const VLObject *root) { return Write(root, Layout{true}); }
 
 VLObject *VLStringJsonEscape(const char *text, uint32_t length) {
   VLObject *escaped = VLStringCreateWithCapacity(length);

@@ -1,5 +1,6 @@
 #include "foundation/logger.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <ctime>
 
 #include "foundation/colour.h"
+#include "foundation/escape.h"
 
 namespace {
 
@@ -95,11 +97,16 @@ void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, con
   (void)file;
   if (level < g_threshold.load(std::memory_order_relaxed)) return;
 
-  char message[kMessageBufferSize];
+  char formatted[kMessageBufferSize];
   va_list args;
   va_start(args, format);
-  vsnprintf(message, sizeof message, format, args);
+  int length = vsnprintf(formatted, sizeof formatted, format, args);
   va_end(args);
+  if (length < 0) length = 0;
+  // Text from outside that a caller passed on unescaped still can't steer the
+  // terminal: every control character but the program's colours is escaped.
+  char message[kMessageBufferSize];
+  VLEscapeInto(message, sizeof message, formatted, std::min(static_cast<size_t>(length), sizeof formatted - 1), true);
 
   VLLogCallback callback = g_callback.load(std::memory_order_relaxed);
   if (callback) callback(level, tag, message, g_callbackContext.load(std::memory_order_relaxed));
@@ -185,7 +192,8 @@ const char *VLLogFilterHost(const char *text) {
   if (filter) {
     filter(buffer, sizeof buffer, text ? text : "");
   } else {
-    snprintf(buffer, sizeof buffer, "%s", text ? text : "");
+    // A host name comes from the operator's settings or a URL: escaped.
+    VLEscapeInto(buffer, sizeof buffer, text ? text : "", text ? strlen(text) : 0, false);
   }
   return buffer;
 }

@@ -18,7 +18,10 @@ using VLLogCallback = void (*)(uint32_t level, const char *tag, const char *mess
 using VLLogHostFilter = void (*)(char *buffer, uint32_t size, const char *text);
 
 // Formats and emits one line when `level` passes the threshold. `line` and
-// `file` name the call site; the console sink doesn't print them.
+// `file` name the call site; the console sink doesn't print them. Control
+// characters in the result are escaped (foundation/escape.h), colour
+// sequences excepted, so no line can steer the terminal; text from outside
+// is still escaped by the caller, colours and all, with VLEscapeControl.
 void VLLog(uint32_t level, const char *tag, uint32_t line, const char *file, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
@@ -39,7 +42,8 @@ void VLLogSetBanner(const char *text);
 uint32_t VLLogGetLevel();
 const char *VLLogLevelName(uint32_t level);
 
-// The text to log in place of a host name; unchanged unless a filter is set.
+// The text to log in place of a host name: the name with its control
+// characters escaped, unless a filter is set.
 const char *VLLogFilterHost(const char *text);
 void VLLogSetHostFilter(VLLogHostFilter filter);
 

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "foundation/json_bounded.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -101,6 +103,14 @@ Json Pools(const RunSnapshot &run) {
   return pools;
 }
 
+// A request is held to the limits of every reader of the network: nesting,
+// values and length.
+constexpr VLJsonLimits kRequestLimits;
+
+VLJsonRefusal CheckRequest(const std::string &text) {
+  return VLJsonCheckObject(text.data(), text.size(), kRequestLimits);
+}
+
 bool Number(const std::string &text, uint64_t &value) {
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 9) return false;
   value = std::strtoull(text.c_str(), nullptr, 10);
@@ -113,6 +123,7 @@ bool ParseApiRequest(const std::string &text, ApiRequest &request) {
   size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) return false;
   if (text[first] == '{') {
+    if (CheckRequest(text) != VLJsonRefusal::kNone) return false;
     Json document = Json::parse(text, nullptr, false);
     if (document.is_discarded() || !document.is_object()) return false;
     auto command = document.find("command");
@@ -142,7 +153,8 @@ bool ParseApiRequest(const std::string &text, ApiRequest &request) {
 bool ApiRequestComplete(const std::string &text) {
   size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) return false;
-  if (text[first] == '{') return !Json::parse(text, nullptr, false).is_discarded();
+  // JSON that is whole, or past a limit (it is answered at once, and refused).
+  if (text[first] == '{') return CheckRequest(text) != VLJsonRefusal::kNotJson;
   // A plain name is short and comes in one piece; clients send it without a
   // line feed and wait for the answer.
   return true;

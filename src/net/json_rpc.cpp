@@ -1,8 +1,11 @@
 #include "net/json_rpc.h"
 
+#include <chrono>
 #include <cstring>
+#include <iterator>
 #include <string>
 
+#include "foundation/escape.h"
 #include "foundation/json.h"
 #include "foundation/logger.h"
 #include "net/tls_link.h"
@@ -133,7 +136,7 @@ void VLJsonRpcClientSetMessageCallback(VLJsonRpcClient *client, VLJsonRpcMessage
 
 bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t port) {
   if (!client || client->socketSet || !IsType(host, VLTypeString)) return false;
-  if (client->peerName.empty()) client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
+  if (client->peerName.empty()) client->peerName = VLEscapeControl(host) + ":" + std::to_string(port);
   TRPSocketSet *set = nullptr;
   if (!TRPSocketSetCreate(&set)) return false;
   TRPSocketSetSetName(set, "JSON-RPC Client");
@@ -146,7 +149,7 @@ bool VLJsonRpcClientConnectTcp(VLJsonRpcClient *client, VLObject *host, uint16_t
 
 bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t port, const TlsSettings &settings) {
   if (!client || client->socketSet || client->tls || !IsType(host, VLTypeString)) return false;
-  client->peerName = std::string(VLStringChars(host)) + ":" + std::to_string(port);
+  client->peerName = VLEscapeControl(host) + ":" + std::to_string(port);
   std::string error;
   std::unique_ptr<TlsLink> link = TlsLink::Create(
       settings,
@@ -163,6 +166,33 @@ bool VLJsonRpcClientConnectTls(VLJsonRpcClient *client, VLObject *host, uint16_t
   return VLJsonRpcClientConnectTcp(client, host, port);
 }
 
+namespace {
+
+// The message as the log shows it: its line without the line feed, secret
+// parameters as ***, control characters escaped.
+std::string SentForLog(const VLJsonRpcMessage *message, VLObject *text) {
+  VLRef shown = VLRef::Retain(text);
+  if (message->secretParams != 0 && IsType(message->params, VLTypeArray)) {
+    VLRef params(VLArrayCreate(VLArrayCount(message->params)));
+    for (uint32_t i = 0; i < VLArrayCount(message->params); i++) {
+      bool secret = i < 32 && (message->secretParams >> i & 1u) != 0;
+      VLArrayAppend(params.get(), secret ? VLStringConstant("***") : VLArrayGet(message->params, i));
+    }
+    VLJsonRpcMessage masked;
+    masked.kind = message->kind;
+    masked.version = message->version;
+    masked.id = message->id;
+    masked.method = message->method;
+    masked.params = params.get();
+    shown.Reset(VLJsonRpcMessageSerialize(&masked));
+  }
+  std::string_view line(VLStringChars(shown.get()), VLStringLength(shown.get()));
+  if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+  return VLEscapeControl(line);
+}
+
+}  // namespace
+
 bool VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
   if (!client || client->transport != VLJsonRpcTransportLine) return false;
   VLObject *text = VLJsonRpcMessageSerialize(message);
@@ -173,7 +203,9 @@ bool VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
     // this lock first.
     std::lock_guard<std::mutex> guard(client->sendLock);
     if (TRPSocketSet *set = client->socketSet) {
-      VL_LOG(VLLogLevelInfo, kTag, "Sending %s", VLStringChars(text));
+      if (VLLogGetLevel() <= VLLogLevelInfo) {
+        VL_LOG(VLLogLevelInfo, kTag, "Sending %s", SentForLog(message, text).c_str());
+      }
       if (client->tls) {
         queued = client->tls->Send(reinterpret_cast<const uint8_t *>(VLStringChars(text)), VLStringLength(text));
       } else {
@@ -223,11 +255,46 @@ void VLJsonRpcClientDestroy(VLJsonRpcClient *client) {
 
 namespace {
 
+double SteadySeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// A line dropped unread: counted, and told at once unless a warning of the
+// same reason went out in the last 10 s; the next one then says how many went.
+void DropLine(VLJsonRpcClient *client, VLJsonRefusal why) {
+  client->droppedLines += 1;
+  if (why == VLJsonRefusal::kNotObject) why = VLJsonRefusal::kNotJson;  // the same words
+  VLJsonRpcClient::DropNotice &notice = client->dropNotices[static_cast<size_t>(why) % std::size(client->dropNotices)];
+  notice.sinceWarning++;
+  double now = SteadySeconds();
+  if (notice.lastWarning >= 0 && now - notice.lastWarning < kVLJsonRpcDropWarningSeconds) return;
+  const char *peer = client->peerName.empty() ? "the peer" : client->peerName.c_str();
+  std::string reason = VLJsonRefusalText(why, kVLJsonRpcLineLimits);
+  if (notice.sinceWarning == 1) {
+    VL_LOG(VLLogLevelWarning, kTag, "Dropped a line from %s: %s", peer, reason.c_str());
+  } else {
+    VL_LOG(VLLogLevelWarning, kTag, "Dropped %llu lines from %s since the last such warning: %s",
+           static_cast<unsigned long long>(notice.sinceWarning), peer, reason.c_str());
+  }
+  notice.sinceWarning = 0;
+  notice.lastWarning = now;
+}
+
+bool Blank(const char *line, size_t length) {
+  for (size_t i = 0; i < length; i++) {
+    if (line[i] != ' ' && line[i] != '\t' && line[i] != '\r') return false;
+  }
+  return true;
+}
+
 void DeliverLine(VLJsonRpcClient *client, const char *line, size_t length) {
-  if (length == 0) return;
-  VLObject *data = VLDataCreate(line, static_cast<uint32_t>(length));
-  VLJsonRpcMessage *message = VLJsonRpcMessageParse(data);
-  VLObjectRelease(data);
+  if (Blank(line, length)) return;
+  if (VLLogGetLevel() <= VLLogLevelInfo) {
+    VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLEscapeControl(std::string_view(line, length)).c_str());
+  }
+  VLJsonRefusal why = VLJsonRefusal::kNone;
+  VLJsonRpcMessage *message = VLJsonRpcMessageParseLine(line, length, &why);
+  if (why != VLJsonRefusal::kNone) DropLine(client, why);
   if (!message) return;
   if (client->message) client->message(client, message, client->userData);
   VLJsonRpcMessageRelease(message);
@@ -240,9 +307,6 @@ void DeliverLine(VLJsonRpcClient *client, const char *line, size_t length) {
 // always has. A line that grows past the limit is dropped, and reading takes
 // up again after its line feed.
 void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length) {
-  VLObject *text = VLStringCreate(reinterpret_cast<const char *>(bytes), length);
-  VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLStringChars(text));
-  VLObjectRelease(text);
   const char *next = reinterpret_cast<const char *>(bytes);
   const char *end = next + length;
   while (next < end && !client->destroyPending) {
@@ -252,8 +316,9 @@ void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint3
     if (client->skippingLongLine) {
       if (feed) client->skippingLongLine = false;
     } else if (client->partialLine.size() + piece > kVLJsonRpcMaxLineBytes) {
-      VL_LOG(VLLogLevelWarning, kTag, "Dropped a line of over %zu bytes from the peer", kVLJsonRpcMaxLineBytes);
+      DropLine(client, VLJsonRefusal::kTooLong);
       client->partialLine.clear();
+      client->partialLine.shrink_to_fit();
       client->skippingLongLine = feed == nullptr;
     } else if (feed && client->partialLine.empty()) {
       DeliverLine(client, next, piece);
@@ -268,6 +333,8 @@ void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint3
     next = feed ? feed + 1 : end;
   }
 }
+
+uint64_t VLJsonRpcClientDroppedLines(const VLJsonRpcClient *client) { return client ? client->droppedLines.load() : 0; }
 
 // ---- Messages -----------------------------------------------------------------
 
@@ -344,6 +411,10 @@ void VLJsonRpcMessageSetNamedParam(VLJsonRpcMessage *message, VLObject *key, VLO
   }
   if (!message->params) message->params = VLDictionaryCreate(1);
   VLDictionarySet(message->params, value, key);
+}
+
+void VLJsonRpcMessageSetSecretParam(VLJsonRpcMessage *message, uint32_t index) {
+  if (message && index < 32) message->secretParams |= 1u << index;
 }
 
 VLJsonRpcMessage *VLJsonRpcMessageRetain(VLJsonRpcMessage *message) {
@@ -429,11 +500,14 @@ VLObject *VLJsonRpcMessageSerialize(const VLJsonRpcMessage *message) {
 }
 
 VLJsonRpcMessage *VLJsonRpcMessageParse(const VLObject *data) {
-  VLObject *document = VLObjectParse(data);
-  if (!IsType(document, VLTypeDictionary)) {
-    VLObjectRelease(document);
-    return nullptr;
-  }
+  if (IsType(data, VLTypeString)) return VLJsonRpcMessageParseLine(VLStringChars(data), VLStringLength(data), nullptr);
+  if (!IsType(data, VLTypeData)) return nullptr;
+  return VLJsonRpcMessageParseLine(reinterpret_cast<const char *>(VLDataBytes(data)), VLDataLength(data), nullptr);
+}
+
+VLJsonRpcMessage *VLJsonRpcMessageParseLine(const char *line, size_t length, VLJsonRefusal *why) {
+  VLObject *document = VLJsonReadObject(line, length, kVLJsonRpcLineLimits, why);
+  if (!document) return nullptr;
   VLObject *marker = VLDictionaryGetByName(document, "jsonrpc");
   uint32_t version = VLJsonRpcVersion1;
   if (IsType(marker, VLTypeString) && VLStringCompareText(marker, VLStringConstant("2.0")) == 1) {

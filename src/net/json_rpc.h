@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "foundation/json_bounded.h"
 #include "foundation/object.h"
 #include "foundation/relaxed.h"
 #include "net/socket_set.h"
@@ -47,6 +48,9 @@ struct VLJsonRpcMessage {
   int32_t errorCode = 0;            // version 2 errors
   VLObject *errorMessage = nullptr;
   VLObject *errorData = nullptr;
+  // Parameters the log must not show (bit i: parameter i), such as a
+  // password: the client's "Sending" line has *** in their place.
+  uint32_t secretParams = 0;
 };
 
 struct VLJsonRpcClient;
@@ -73,8 +77,15 @@ struct VLJsonRpcClient {
   // from one read to the next, and whether an overlong line is being skipped.
   std::string partialLine;
   bool skippingLongLine = false;
+  // Lines dropped unread (not a JSON object, or past a limit). Each reason
+  // is warned about at most every 10 s, with the count since its last warning.
+  Relaxed<uint64_t> droppedLines;
+  struct DropNotice {
+    uint64_t sinceWarning = 0;
+    double lastWarning = -1;  // steady-clock seconds; -1: never
+  } dropNotices[6];           // by VLJsonRefusal
   // The TLS transport: the link, whether its handshake has been reported as
-  // the connection, and the peer's name for messages.
+  // the connection, and the peer's name for messages (escaped).
   TlsLink *tls = nullptr;
   bool tlsReported = false;
   std::string peerName;
@@ -82,6 +93,11 @@ struct VLJsonRpcClient {
 
 // The longest line taken from a peer; a longer one is dropped with a warning.
 constexpr size_t kVLJsonRpcMaxLineBytes = 1 << 20;
+// What one line may hold: a line nested deeper, with more values or longer
+// is dropped whole.
+constexpr VLJsonLimits kVLJsonRpcLineLimits{64, 100000, kVLJsonRpcMaxLineBytes};
+// Dropped lines are told at most this often for each reason, with their count.
+constexpr double kVLJsonRpcDropWarningSeconds = 10;
 
 // ---- Client -------------------------------------------------------------------
 // A client is good for one connection. `connected` runs on the connect thread,
@@ -116,8 +132,12 @@ void VLJsonRpcClientClose(VLJsonRpcClient *client);
 // One read of the connection, framed and delivered to the message callback on
 // the calling thread: the receive path of the line transport. Whole lines are
 // handed on however the bytes are cut into reads; a line may be up to
-// kVLJsonRpcMaxLineBytes long.
+// kVLJsonRpcMaxLineBytes long. Only JSON is read (never a property list): a
+// line that is no JSON object, or that is past kVLJsonRpcLineLimits, is
+// dropped and counted, with a warning for each reason at most every 10 s.
 void VLJsonRpcClientReceive(VLJsonRpcClient *client, const uint8_t *bytes, uint32_t length);
+// Lines dropped unread so far; from any thread.
+uint64_t VLJsonRpcClientDroppedLines(const VLJsonRpcClient *client);
 
 // ---- Messages -----------------------------------------------------------------
 
@@ -140,6 +160,8 @@ void VLJsonRpcMessageAddParam(VLJsonRpcMessage *message, VLObject *value);
 void VLJsonRpcMessageSetParams(VLJsonRpcMessage *message, VLObject *value);
 // Version 2 requests only: one named parameter.
 void VLJsonRpcMessageSetNamedParam(VLJsonRpcMessage *message, VLObject *key, VLObject *value);
+// Positional parameter `index` (below 32) is a secret: logged as ***, sent as it is.
+void VLJsonRpcMessageSetSecretParam(VLJsonRpcMessage *message, uint32_t index);
 
 VLJsonRpcMessage *VLJsonRpcMessageRetain(VLJsonRpcMessage *message);
 void VLJsonRpcMessageRelease(VLJsonRpcMessage *message);
@@ -167,5 +189,10 @@ VLObject *VLJsonRpcMessageError(const VLJsonRpcMessage *message);
 // everywhere, inside strings too, so string values must be printable ASCII
 // without blanks to be sent exactly.
 VLObject *VLJsonRpcMessageSerialize(const VLJsonRpcMessage *message);
-// A data or string value holding one JSON object to a message, or null.
+// A data or string value holding one JSON object to a message, or null. Read
+// strictly, within kVLJsonRpcLineLimits (foundation/json_bounded.h).
 VLJsonRpcMessage *VLJsonRpcMessageParse(const VLObject *data);
+// The same on bytes. A line that isn't a JSON object within the limits gives
+// null with the reason in `why`; a JSON object that is no message gives null
+// with kNone.
+VLJsonRpcMessage *VLJsonRpcMessageParseLine(const char *line, size_t length, VLJsonRefusal *why);

@@ -81,6 +81,8 @@ std::vector<std::pair<std::string, std::string>> RunConfig(const MiningContext &
   std::string allowed;
   for (const std::string &address : options.apiAllow) allowed += (allowed.empty() ? "" : ",") + address;
   config.emplace_back("API Allow", allowed.empty() ? "none" : allowed);
+  // The pool password is never shown, whatever it is.
+  config.emplace_back("Password", "***");
   return config;
 }
 

@@ -9,6 +9,7 @@
 #include "board/device_file.h"
 #include "board/dma_device.h"
 #include "board/registers.h"
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "foundation/console_io.h"
 
@@ -67,7 +68,7 @@ void ScanDevice(FlashOfferFlags &flags, MiningContext &context, bool recovery, c
   BoardModel model = ResolveBoardModel(device.get(), identity);
   if (model == 0) {
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "  Device %llu: Not a supported model (%s)", number,
-              identity.c_str());
+              VLEscapeControl(identity).c_str());
     return;
   }
   uint32_t layoutVersion = ReadLayoutVersion(device.get());
@@ -85,9 +86,10 @@ void ScanDevice(FlashOfferFlags &flags, MiningContext &context, bool recovery, c
   BitstreamInfo bitstream = DecodeBitstreamWord(BRYLDMADeviceRead(device.get(), device->userFile, kRegBitstream));
   std::string boardWord = GetBoardWord(device.get(), layoutVersion);
   LOG_COLOR(bitstream.compatible ? ConsoleColorGreen : ConsoleColorYellow, VLLogLevelError, kTag,
-            "  Device %llu: %s (%s:%s) running %s (%u) bitstream Version %i.%03i%s", number, identity.c_str(),
-            dna.c_str(), boardWord.c_str(), bitstream.name, bitstream.id, static_cast<int>(bitstream.major),
-            static_cast<int>(bitstream.minor), bitstream.compatible ? "" : " \x1b[1;31mis not compatible\x1b[0m");
+            "  Device %llu: %s (%s:%s) running %s (%u) bitstream Version %i.%03i%s", number,
+            VLEscapeControl(identity).c_str(), dna.c_str(), boardWord.c_str(), bitstream.name, bitstream.id,
+            static_cast<int>(bitstream.major), static_cast<int>(bitstream.minor),
+            bitstream.compatible ? "" : " \x1b[1;31mis not compatible\x1b[0m");
 
   if (bitstream.compatible && !recovery) {
     auto worker = std::make_unique<Worker>();

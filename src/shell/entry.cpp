@@ -15,6 +15,7 @@
 
 #include "foundation/compat.h"
 #include "foundation/console.h"
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "hash/eaglesong_lanes.h"
 #include "shell/command_line.h"
@@ -115,7 +116,7 @@ int MinerMain(int argc, char **argv) {
 
   SystemInit();
   if (!commandLineRead) {
-    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "%s", commandLineError.c_str());
+    LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "%s", VLEscapeControl(commandLineError).c_str());
     return 1;
   }
   // From here on the run sees the positional words alone, as it always has.
@@ -143,7 +144,7 @@ int MinerMain(int argc, char **argv) {
   VLLogInit(VLLogLevelInfo);
   if (!commandLine.options.logFile.empty() && !VLLogOpenFile(commandLine.options.logFile.c_str())) {
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Cannot open the log file %s: %s",
-              commandLine.options.logFile.c_str(), VLErrorText(errno).c_str());
+              VLEscapeControl(commandLine.options.logFile).c_str(), VLErrorText(errno).c_str());
     return 1;
   }
   VL_LOG(VLLogLevelInfo, kTag, "Starting miner");
@@ -192,9 +193,9 @@ int MinerMain(int argc, char **argv) {
   SetupRun(context, argc, argv);
 
   SetConsoleColor(ConsoleColorBlue);
-  VL_LOG(VLLogLevelInfo, kTag, "Starting Stratum Connection to %s on port %i", context.poolHost,
-         static_cast<int>(context.poolPort));
-  VL_LOG(VLLogLevelInfo, kTag, "Using Account: %s", context.account);
+  VL_LOG(VLLogLevelInfo, kTag, "Starting Stratum Connection to %s on port %i",
+         VLEscapeControl(context.poolHost).c_str(), static_cast<int>(context.poolPort));
+  VL_LOG(VLLogLevelInfo, kTag, "Using Account: %s", VLEscapeControl(context.account).c_str());
   SetConsoleColor(ConsoleColorNormal);
 
   RunMonitoring monitoring(context);

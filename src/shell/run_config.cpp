@@ -7,6 +7,7 @@
 #include <string>
 
 #include "foundation/json.h"
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "board/registers.h"
 #include "foundation/console_io.h"
@@ -102,8 +103,8 @@ void SetupPools(MiningContext &context) {
     pool.pinnedSha256 = PinFor(pool, options.tlsFingerprints);
   }
   for (size_t i = 1; i < context.pools.size(); i++) {
-    VL_LOG(VLLogLevelInfo, kTag, "Backup pool %zu: %s %s", i, context.pools[i].Name().c_str(),
-           context.pools[i].user.c_str());
+    VL_LOG(VLLogLevelInfo, kTag, "Backup pool %zu: %s %s", i, VLEscapeControl(context.pools[i].Name()).c_str(),
+           VLEscapeControl(context.pools[i].user).c_str());
   }
   context.failbackDelay = options.failbackDelaySeconds;
   context.primaryRetryInterval = options.primaryRetrySeconds;
@@ -148,7 +149,8 @@ void SetupRun(MiningContext &context, int argc, char **argv) {
   if (argc > 5) {
     const AlgorithmEntry *algorithm = FindAlgorithm(argv[1]);
     if (algorithm == nullptr) {
-      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Algorithm '%s' is not known", argv[1]);
+      LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Algorithm '%s' is not known",
+                VLEscapeControl(argv[1]).c_str());
       // The workers have started; the process ends under them, as it always has.
       exit(1);  // NOLINT(concurrency-mt-unsafe)
     }
@@ -159,6 +161,7 @@ void SetupRun(MiningContext &context, int argc, char **argv) {
     context.password = argv[5];
     SetupPools(context);
     VL_LOG(VLLogLevelInfo, kTag, "Stratum Config: %s://%s:%i %s", context.pools[0].tls ? "stratum-ssl" : "stratum-tcp",
-           context.poolHost, static_cast<int>(context.poolPort), context.account);
+           VLEscapeControl(context.poolHost).c_str(), static_cast<int>(context.poolPort),
+           VLEscapeControl(context.account).c_str());
   }
 }

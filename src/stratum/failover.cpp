@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "net/tls_link.h"
 
@@ -15,8 +16,8 @@ constexpr uint64_t kAuthorizeId = 3;
 void Switch(StratumContext &context, uint32_t index, const std::string &reason) {
   const PoolEndpoint &from = context.pools[context.activePool];
   const PoolEndpoint &to = context.pools[index];
-  VL_LOG(VLLogLevelError, kTag, "Switching from pool %s to pool %s: %s", from.Name().c_str(), to.Name().c_str(),
-         reason.c_str());
+  VL_LOG(VLLogLevelError, kTag, "Switching from pool %s to pool %s: %s", VLEscapeControl(from.Name()).c_str(),
+         VLEscapeControl(to.Name()).c_str(), reason.c_str());
   // Leaving the primary: it is tried again after the interval, not at once.
   if (context.activePool == 0) context.probe.nextAttempt = context.link.clock() + context.primaryRetryInterval;
   StratumUsePool(context, index);
@@ -28,7 +29,9 @@ void Switch(StratumContext &context, uint32_t index, const std::string &reason) 
 
 StratumContext &ContextOf(void *userData) { return *static_cast<StratumContext *>(userData); }
 
-void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::initializer_list<std::string> params) {
+// `secret`: the parameter the log shows as ***, if any.
+void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::initializer_list<std::string> params,
+                 int secret = -1) {
   VLObject *idValue = VLNumberCreateUInt32(id);
   VLObject *methodValue = VLStringCreate(method, 0);
   VLJsonRpcMessage *message = VLJsonRpcRequestCreate(idValue, methodValue, VLJsonRpcVersion2);
@@ -39,6 +42,7 @@ void SendRequest(VLJsonRpcClient *client, uint32_t id, const char *method, std::
     VLJsonRpcMessageAddParam(message, value);
     VLObjectRelease(value);
   }
+  if (secret >= 0) VLJsonRpcMessageSetSecretParam(message, static_cast<uint32_t>(secret));
   VLJsonRpcClientSend(client, message);
   VLJsonRpcMessageRelease(message);
 }
@@ -57,7 +61,7 @@ void OnProbeMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *us
   const PoolEndpoint &primary = context.pools[0];
   if (VLNumberGetUInt64(id) == kSubscribeId) {
     if (VLObjectType(result) == VLTypeArray && VLArrayCount(result) > 2) {
-      SendRequest(client, kAuthorizeId, "mining.authorize", {primary.user, primary.password});
+      SendRequest(client, kAuthorizeId, "mining.authorize", {primary.user, primary.password}, 1);
     } else {
       context.probe.lost = true;
     }

@@ -6,7 +6,9 @@
 #include <ctime>
 #include <memory>
 
+#include "foundation/escape.h"
 #include "foundation/logger.h"
+#include "stratum/pool_values.h"
 #include "stratum/targets.h"
 
 namespace {
@@ -27,30 +29,36 @@ bool TruthValue(const VLObject *value) {
   return VLNumberGetBool(value);
 }
 
-bool DecodeHash(const VLObject *value, std::array<uint8_t, 32> &out) {
-  std::vector<uint8_t> bytes = HexToBytes(value);
-  if (bytes.size() != out.size()) return false;
-  std::copy(bytes.begin(), bytes.end(), out.begin());
-  return true;
+std::string DifficultyText(double difficulty) {
+  char text[40];
+  snprintf(text, sizeof text, "%g", difficulty);
+  return text;
+}
+
+std::string HexText(const std::vector<uint8_t> &bytes) {
+  std::string text = "\"";
+  char pair[3];
+  for (uint8_t byte : bytes) {
+    snprintf(pair, sizeof pair, "%02x", byte);
+    text += pair;
+  }
+  return text + "\"";
+}
+
+// Refuses the job of `jobId` for a field that `why` names; the job in hand
+// stays in force.
+void RefuseJob(const VLObject *jobId, const std::string &why, const std::shared_ptr<StratumJob> &previous) {
+  std::string kept =
+      previous && !previous->jobId.empty() ? "job \"" + VLEscapeControl(previous->jobId) + "\"" : "the work in hand";
+  RefusePoolValue("job", jobId, why, kept);
+}
+
+void SetDifficulty(StratumContext &context, double difficulty) {
+  VL_LOG(VLLogLevelInfo, kTag, "Setting difficulty to %0.2f", difficulty);
+  context.difficulty = difficulty;
 }
 
 }  // namespace
-
-void HexToBytes(const VLObject *value, std::vector<uint8_t> &out) {
-  VLObject *data = VLObjectType(value) == VLTypeString ? VLDataFromHexString(value) : nullptr;
-  if (!data) {
-    out.clear();
-    return;
-  }
-  out.assign(VLDataBytes(data), VLDataBytes(data) + VLDataLength(data));
-  VLObjectRelease(data);
-}
-
-std::vector<uint8_t> HexToBytes(const VLObject *value) {
-  std::vector<uint8_t> out;
-  HexToBytes(value, out);
-  return out;
-}
 
 void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool preAuthorization) {
   const VLObject *params = ParamsArray(message);
@@ -81,15 +89,18 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
   job->extranonce = context.extranonce1;
   job->pool = context.activePool;
   job->link = context.LinkNumber();
-  // A job id that isn't a string is taken as empty.
-  const char *jobIdText = VLObjectType(jobId) == VLTypeString ? VLStringChars(jobId) : "";
-  job->jobId = jobIdText ? jobIdText : "";
-  if (!DecodeHash(headerHash, job->headerHash)) {
-    VL_LOG(VLLogLevelError, kTag, "headerHash size mismatch");
+  // Every field is checked before the job may replace the one in hand.
+  std::string why;
+  if (!ReadJobId(jobId, job->jobId, why)) {
+    RefuseJob(jobId, why, previous);
     return;
   }
-  if (!DecodeHash(prevHash, job->prevHash)) {
-    VL_LOG(VLLogLevelError, kTag, "prevHash size mismatch");
+  if (!ReadHash32(headerHash, job->headerHash, why)) {
+    RefuseJob(jobId, "header hash " + PoolValueText(headerHash) + " is " + why, previous);
+    return;
+  }
+  if (!ReadHash32(prevHash, job->prevHash, why)) {
+    RefuseJob(jobId, "previous hash " + PoolValueText(prevHash) + " is " + why, previous);
     return;
   }
   job->clean = clean;
@@ -109,31 +120,66 @@ void StratumSetDifficulty(VLJsonRpcMessage *message, StratumContext &context) {
   const VLObject *params = ParamsArray(message);
   if (!params) return;
   const VLObject *value = VLArrayGet(params, 0);
-  if (VLObjectType(value) != VLTypeNumber) return;
-  double difficulty = VLNumberGetReal(value);
-  VL_LOG(VLLogLevelInfo, kTag, "Setting difficulty to %0.2f", difficulty);
-  context.difficulty = difficulty;
+  double difficulty = 0;
+  std::string why;
+  if (!ReadDifficulty(value, false, difficulty, why)) {
+    RefusePoolValue("difficulty", value, why, DifficultyText(context.difficulty));
+    return;
+  }
+  SetDifficulty(context, difficulty);
 }
 
 void StratumSetTarget(VLJsonRpcMessage *message, StratumContext &context) {
   const VLObject *params = ParamsArray(message);
   if (!params || VLArrayCount(params) == 0) return;
-  std::vector<uint8_t> target = HexToBytes(VLArrayGet(params, 0));
+  const VLObject *value = VLArrayGet(params, 0);
+  std::array<uint8_t, 32> target{};
+  std::string why;
+  bool read = ReadHash32(value, target, why);
+  if (read && std::all_of(target.begin(), target.end(), [](uint8_t byte) { return byte == 0; })) {
+    read = false;
+    why = "all zeros";
+  }
   // The pool writes the most significant byte first.
   std::reverse(target.begin(), target.end());
-  if (target.size() != 32) {
-    VL_LOG(VLLogLevelError, kTag, "Invalid target provided by the pool");
+  double difficulty = 0;
+  if (read) {
+    VLRef number(VLNumberCreateReal(TargetBytesToDifficulty(target.data())));
+    read = ReadDifficulty(number.get(), false, difficulty, why);
+  }
+  if (!read) {
+    RefusePoolValue("target", value, why, "difficulty " + DifficultyText(context.difficulty));
     return;
   }
-  double difficulty = TargetBytesToDifficulty(target.data());
-  VL_LOG(VLLogLevelInfo, kTag, "Setting difficulty to %0.2f", difficulty);
-  context.difficulty = difficulty;
+  SetDifficulty(context, difficulty);
 }
 
 void StratumSetExtranonce(VLJsonRpcMessage *message, StratumContext &context) {
   const VLObject *params = ParamsArray(message);
   if (!params || VLArrayCount(params) < 2) return;
-  HexToBytes(VLArrayGet(params, 0), context.extranonce1);
-  context.extranonce2Size = VLNumberGetUInt64(VLArrayGet(params, 1));
+  std::string why;
+  if (!ReadExtranonce(VLArrayGet(params, 0), VLArrayGet(params, 1), context.extranonce1, context.extranonce2Size,
+                      why)) {
+    RefusePoolValue("extranonce1", VLArrayGet(params, 0), why, HexText(context.extranonce1));
+    return;
+  }
   VL_LOG(VLLogLevelInfo, kTag, "Updated extranonce");
+}
+
+bool StratumTakeExtranonce(const VLObject *extranonce1, const VLObject *size, StratumContext &context) {
+  std::string why;
+  if (ReadExtranonce(extranonce1, size, context.extranonce1, context.extranonce2Size, why)) return true;
+  RefusePoolValue("extranonce1", extranonce1, why, HexText(context.extranonce1));
+  return false;
+}
+
+bool StratumTakeDifficulty(const VLObject *value, StratumContext &context) {
+  double difficulty = 0;
+  std::string why;
+  if (ReadDifficulty(value, true, difficulty, why)) {
+    context.difficulty = difficulty;
+    return true;
+  }
+  RefusePoolValue("difficulty", value, why, DifficultyText(context.difficulty));
+  return false;
 }

@@ -10,10 +10,8 @@
 #include "net/json_rpc.h"
 #include "stratum/stratum_context.h"
 
-// Decodes a hex string value (an "0x" prefix is skipped); empties `out` when
-// there is nothing to decode.
-void HexToBytes(const VLObject *value, std::vector<uint8_t> &out);
-std::vector<uint8_t> HexToBytes(const VLObject *value);
+// Every value is checked first (stratum/pool_values.h): one the miner can't
+// use is refused with a warning that names it, and the last good one stays.
 
 // mining.notify: builds a job from [job id, header hash, -, previous hash,
 // clean] and publishes it. Before authorisation the generation is left for
@@ -23,3 +21,9 @@ void StratumProcessJob(VLJsonRpcMessage *message, StratumContext &context, bool 
 void StratumSetDifficulty(VLJsonRpcMessage *message, StratumContext &context);
 void StratumSetTarget(VLJsonRpcMessage *message, StratumContext &context);
 void StratumSetExtranonce(VLJsonRpcMessage *message, StratumContext &context);
+
+// The subscribe answer's extranonce1 and extranonce2 size, and a difficulty
+// of its subscription list (where a numeric string counts as a number).
+// False when refused.
+bool StratumTakeExtranonce(const VLObject *extranonce1, const VLObject *size, StratumContext &context);
+bool StratumTakeDifficulty(const VLObject *value, StratumContext &context);

@@ -8,6 +8,21 @@ std::string PoolEndpoint::Name() const {
 
 bool LooksLikePoolUrl(const std::string &text) { return text.find("://") != std::string::npos; }
 
+namespace {
+
+// The URL as messages show it: a password in it as ***.
+std::string Shown(const std::string &url) {
+  size_t start = url.find("://");
+  start = start == std::string::npos ? 0 : start + 3;
+  size_t at = url.rfind('@');
+  if (at == std::string::npos || at < start) return url;
+  size_t colon = url.find(':', start);
+  if (colon == std::string::npos || colon > at) return url;
+  return url.substr(0, colon + 1) + "***" + url.substr(at);
+}
+
+}  // namespace
+
 bool ParsePoolUrl(const std::string &text, PoolEndpoint &pool, std::string &error) {
   std::string rest = text;
   if (size_t scheme = rest.find("://"); scheme != std::string::npos) {
@@ -36,19 +51,19 @@ bool ParsePoolUrl(const std::string &text, PoolEndpoint &pool, std::string &erro
     char *end = nullptr;
     long value = strtol(port.c_str(), &end, 10);
     if (port.empty() || *end != '\0' || value < 1 || value > 65535) {
-      error = "bad port '" + port + "' in " + text;
+      error = "bad port '" + port + "' in " + Shown(text);
       return false;
     }
     pool.port = static_cast<uint16_t>(value);
     rest.resize(colon);
   }
   if (rest.empty() || rest.find_first_of("/@ ") != std::string::npos) {
-    error = "no host in " + text;
+    error = "no host in " + Shown(text);
     return false;
   }
   pool.host = rest;
   if (pool.port == 0) {
-    error = "no port in " + text;
+    error = "no port in " + Shown(text);
     return false;
   }
   return true;

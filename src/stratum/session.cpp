@@ -7,9 +7,11 @@
 #include <thread>
 
 #include "foundation/colour.h"
+#include "foundation/escape.h"
 #include "foundation/logger.h"
 #include "stratum/failover.h"
 #include "stratum/job_intake.h"
+#include "stratum/pool_values.h"
 
 namespace {
 
@@ -59,11 +61,8 @@ bool MethodIs(const VLObject *method, const char *name) {
   return text && strcmp(text, name) == 0;
 }
 
-// The text of the message's JSON-RPC error, as the pool sent it.
-const char *ErrorText(VLJsonRpcMessage *message) {
-  const char *text = VLStringChars(VLJsonRpcMessageErrorMessage(message));
-  return text ? text : "(null)";
-}
+// The text of the message's JSON-RPC error, as the pool sent it, escaped.
+std::string ErrorText(VLJsonRpcMessage *message) { return VLEscapeControl(VLJsonRpcMessageErrorMessage(message)); }
 
 // The subscribe response: [subscriptions, extranonce1, extranonce2 size],
 // with difficulty pairs searched in the subscriptions.
@@ -82,11 +81,10 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
       const VLObject *entry = VLArrayGet(subscriptions, i);
       if (VLObjectType(entry) != VLTypeArray || VLArrayCount(entry) < 2) continue;
       if (!MethodIs(VLArrayGet(entry, 0), "mining.set_difficulty")) continue;
-      context.difficulty = VLNumberGetReal(VLArrayGet(entry, 1));
+      StratumTakeDifficulty(VLArrayGet(entry, 1), context);
     }
   }
-  HexToBytes(VLArrayGet(result, 1), context.extranonce1);
-  context.extranonce2Size = VLNumberGetUInt64(VLArrayGet(result, 2));
+  StratumTakeExtranonce(VLArrayGet(result, 1), VLArrayGet(result, 2), context);
   // An empty job marks the initial data as taken; workers keep waiting.
   context.SetCurrentJob(std::move(emptyJob));
 
@@ -102,6 +100,7 @@ void TakeSubscribeResponse(VLJsonRpcClient *client, StratumContext &context, con
   VLJsonRpcMessage *authorize = NewRequest(kAuthorizeId, "mining.authorize");
   AddStringParam(authorize, context.account);
   AddStringParam(authorize, context.password);
+  VLJsonRpcMessageSetSecretParam(authorize, 1);
   SendAndRelease(client, authorize);
 }
 
@@ -121,14 +120,10 @@ void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
   if (answered) context.OnShareAnswered(*answered, accepted);
   StratumShareCounters *counters = context.ShareCounters(context.lastSubmitWorker);
   if (!accepted) {
-    VLObject *error = VLJsonRpcMessageError(message);
-    VLObject *description = VLObjectDescribe(error);
-    const char *text = VLStringChars(description);
+    VLRef error(VLJsonRpcMessageError(message));
     Colour(kRed);
-    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s", text ? text : "(null)");
+    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s", PoolValueText(error.get()).c_str());
     Colour(kNormal);
-    VLObjectRelease(description);
-    VLObjectRelease(error);
     if (counters) ++counters->sharesRejected;
     return;
   }
@@ -147,8 +142,8 @@ std::string PoolErrorText(VLJsonRpcMessage *message, long long &code) {
   if (!VLJsonRpcMessageIsError(message)) return "no reason given";
   if (VLJsonRpcMessageVersion(message) == VLJsonRpcVersion2) {
     code = VLJsonRpcMessageErrorCode(message);
-    const char *text = VLStringChars(VLJsonRpcMessageErrorMessage(message));
-    return text ? text : "no reason given";
+    const VLObject *text = VLJsonRpcMessageErrorMessage(message);
+    return text ? VLEscapeControl(text) : "no reason given";
   }
   const VLObject *error = VLJsonRpcMessageErrorObject(message);
   const VLObject *codeValue = nullptr;
@@ -161,18 +156,18 @@ std::string PoolErrorText(VLJsonRpcMessage *message, long long &code) {
     textValue = VLDictionaryGetByName(error, "message");
   }
   if (VLObjectType(codeValue) == VLTypeNumber) code = VLNumberGetInt64(codeValue);
-  const char *text = VLObjectType(textValue) == VLTypeString ? VLStringChars(textValue) : nullptr;
-  return text ? text : "no reason given";
+  return VLObjectType(textValue) == VLTypeString ? VLEscapeControl(textValue) : "no reason given";
 }
 
 void ReportRefusedLogin(VLJsonRpcMessage *message, StratumContext &context) {
   long long code = 0;
   std::string text = PoolErrorText(message, code);
+  std::string account = VLEscapeControl(context.account ? context.account : "");
   Colour(kRed);
   if (code != 0) {
-    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s (%lld)", context.account, text.c_str(), code);
+    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s (%lld)", account.c_str(), text.c_str(), code);
   } else {
-    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s", context.account, text.c_str());
+    VL_LOG(VLLogLevelError, kTag, "Pool refused authorisation for %s: %s", account.c_str(), text.c_str());
   }
   Colour(kNormal);
   // The console loop closes the connection and tries again later.
@@ -210,7 +205,7 @@ void WhileAuthorizing(VLJsonRpcClient *, VLJsonRpcMessage *message, StratumConte
   } else if (MethodIs(method, "mining.set_difficulty")) {
     if (context.CurrentJob()) StratumSetDifficulty(message, context);
   } else {
-    VL_LOG(VLLogLevelError, kTag, "Not authorization related message, ignoring: %s", ErrorText(message));
+    VL_LOG(VLLogLevelError, kTag, "Not authorization related message, ignoring: %s", ErrorText(message).c_str());
   }
 }
 
@@ -275,7 +270,7 @@ void StratumConnect(VLJsonRpcClient *client, StratumContext &context) {
     VLObjectRelease(host);
   }
   if (!started) {
-    VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", context.poolHost ? context.poolHost : "",
+    VL_LOG(VLLogLevelWarning, kTag, "Cannot start a connection to %s:%u", VLEscapeControl(context.poolHost).c_str(),
            static_cast<unsigned>(context.poolPort));
     StratumSetState(context, Disconnected);
   }
@@ -326,15 +321,15 @@ void OnStratumMessage(VLJsonRpcClient *client, VLJsonRpcMessage *message, void *
       if (VLObjectType(fullResult) == VLTypeArray && VLArrayCount(fullResult) > 2) {
         TakeSubscribeResponse(client, context, fullResult);
       } else {
-        VL_LOG(VLLogLevelError, kTag, "Failed to subscribe - invalid or failed response %s", ErrorText(message));
+        VL_LOG(VLLogLevelError, kTag, "Failed to subscribe - invalid or failed response %s",
+               ErrorText(message).c_str());
       }
       break;
     case Mining: WhileMining(message, context); break;
-    default: {
-      const char *method = VLStringChars(VLJsonRpcMessageMethod(message));
-      VL_LOG(VLLogLevelError, kTag, "Ignoring unexpected stratum message %s", method ? method : "(null)");
+    default:
+      VL_LOG(VLLogLevelError, kTag, "Ignoring unexpected stratum message %s",
+             VLEscapeControl(VLJsonRpcMessageMethod(message)).c_str());
       break;
-    }
   }
   Colour(kNormal);
 }
@@ -452,7 +447,7 @@ void StratumPoll(StratumContext &context) {
     }
     case Connecting:
       if (inState > link.connectLimit) {
-        DropLink(context, std::string("Connecting to ") + (context.poolHost ? context.poolHost : "") + ":" +
+        DropLink(context, "Connecting to " + VLEscapeControl(context.poolHost) + ":" +
                               std::to_string(context.poolPort) + " took over " + Seconds(link.connectLimit));
       }
       break;

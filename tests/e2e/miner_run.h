@@ -70,7 +70,7 @@ class MinerRun {
     control_ = (boards_.WorkDir() / "control").string();
     std::string port = std::to_string(pool_.Port());
     std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://" + hostName + ":" + port;
-    std::vector<std::string> args = {"ckb", host, port, "wallet.rig", "x"};
+    std::vector<std::string> args = {"ckb", host, port, "wallet.rig", password_};
     args.insert(args.end(), options.begin(), options.end());
     std::vector<std::string> env = env_;
     env.push_back("OMBRY_SIM_CONTROL=" + control_);
@@ -80,6 +80,8 @@ class MinerRun {
 
   // Environment entries ("NAME=value") for the miner; before Start().
   void AddEnvironment(const std::string &entry) { env_.push_back(entry); }
+  // The pool password on the command line (default "x"); before Start().
+  void SetPassword(const std::string &password) { password_ = password; }
 
   // A board command such as "xdma0 hot=95", as an operator's test rig would
   // send it while the miner runs.
@@ -163,6 +165,7 @@ class MinerRun {
   testing_support::TestPool pool_;
   miner_testing::SimBoardList boards_;
   std::string control_;
+  std::string password_ = "x";
   std::vector<std::string> env_;
   std::unique_ptr<testing_support::PtyProcess> child_;
 };

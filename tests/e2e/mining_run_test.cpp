@@ -123,16 +123,6 @@ TEST(MiningRun, AClockThatNeverSettlesTakesItsBoardOutWhileTheOtherMines) {
   EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
 }
 
-TEST(PoolFaults, GarbageHugeAndMalformedLinesDoNotStopMining) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "1", "--garbage-every", "3", "--huge-line",
-                            "300000", "--bad-job", "invalid-hex", "--bad-job-every", "3"});
-  ASSERT_TRUE(run.Start());
-  EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= 4 && run.Pool("jobs") >= 6; })) << run.Output();
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
-  EXPECT_GE(run.Count("Share Accepted!"), 4u);
-}
-
 // A datagram socket where the notify protocol's messages arrive.
 class NotifySocket {
  public:

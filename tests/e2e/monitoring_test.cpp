@@ -1,7 +1,6 @@
 // Watching a run from outside: the JSON API and the metrics endpoint of the
 // running miner against what the test pool itself counted, privileged
-// commands by the client's address, clients that stall or flood, and the log
-// file through a rotation.
+// commands by the client's address, and the log file through a rotation.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -88,8 +87,9 @@ TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesComma
   ASSERT_NE(metrics, 0);
 
   // Privileged commands by address: refused from 127.0.0.2, which may still
-  // read, and done from 127.0.0.1.
+  // read, and done from 127.0.0.1. The password is never shown.
   EXPECT_EQ(Api(api, "version", "127.0.0.2")["STATUS"][0]["STATUS"], "S");
+  EXPECT_EQ(Api(api, "config")["CONFIG"][0]["Password"], "***");
   Json refused = Api(api, R"({"command":"disable","parameter":"1"})", "127.0.0.2");
   EXPECT_EQ(refused["STATUS"][0]["STATUS"], "E");
   EXPECT_EQ(refused["STATUS"][0]["Code"], 45);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "monitor/api.h"
 #include "monitor/effective_rate.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
@@ -178,6 +179,20 @@ TEST(MetricsTest, StatesThrottleAndRejectReasonsAreSeriesAlertsCanSelect) {
        }) {
     EXPECT_NE(text.find(line), std::string::npos) << line;
   }
+}
+
+// A request nested past the limit is answered at once, and refused.
+TEST(ApiRequestTest, RequestsPastTheNestingLimitAreCompleteAndRefused) {
+  const std::string deep = R"({"command":"summary","parameter":)" + std::string(64, '[') + std::string(64, ']') + "}";
+  const std::string fits = R"({"command":"summary","parameter":)" + std::string(63, '[') + std::string(63, ']') + "}";
+  ApiRequest request;
+  EXPECT_TRUE(ApiRequestComplete(deep));
+  EXPECT_FALSE(ParseApiRequest(deep, request));
+  EXPECT_TRUE(ApiRequestComplete(fits));
+  EXPECT_FALSE(ApiRequestComplete(fits.substr(0, fits.size() - 1)));
+  EXPECT_FALSE(ParseApiRequest(fits, request));  // a parameter must be text or a number
+  EXPECT_TRUE(ParseApiRequest(R"({"command":"summary","parameter":1})", request));
+  EXPECT_EQ(request.command, "summary");
 }
 
 }  // namespace

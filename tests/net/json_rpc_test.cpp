@@ -136,17 +136,28 @@ class JsonRpcClientTest : public ::testing::Test {
 
 std::string Result(int id) { return "{\"id\":" + std::to_string(id) + ",\"result\":true,\"error\":null}\n"; }
 
+// A secret parameter goes out as it is and is logged as ***.
 TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
   record.onConnected = [](VLJsonRpcClient *c) {
     VLJsonRpcMessage *subscribe = VLJsonRpcRequestCreate(Id(1).get(), Text("mining.subscribe").get(), 0);
     VLJsonRpcClientSend(c, subscribe);
     VLJsonRpcMessageRelease(subscribe);
+    VLJsonRpcMessage *authorize = VLJsonRpcRequestCreate(Id(3).get(), Text("mining.authorize").get(), 0);
+    VLJsonRpcMessageAddParam(authorize, Text("w.rig").get());
+    VLJsonRpcMessageAddParam(authorize, Text("s3cret").get());
+    VLJsonRpcMessageSetSecretParam(authorize, 1);
+    VLJsonRpcClientSend(c, authorize);
+    VLJsonRpcMessageRelease(authorize);
   };
   Peer peer = Connect();
-  const std::string expected = "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[]}\n";
-  EXPECT_EQ(peer.Read(expected.size()), expected);
+  const std::string subscribe = "{\"id\":1,\"method\":\"mining.subscribe\",\"params\":[]}";
+  const std::string authorize = "{\"id\":3,\"method\":\"mining.authorize\",\"params\":[\"w.rig\",\"s3cret\"]}";
+  EXPECT_EQ(peer.Read(subscribe.size() + authorize.size() + 2), subscribe + "\n" + authorize + "\n");
   EXPECT_EQ(record.keepAlive, "1 5 1 10 ");
-  EXPECT_TRUE(log.Has("VLJSONRPC", "Sending " + expected));
+  EXPECT_TRUE(log.Has("VLJSONRPC", "Sending " + subscribe));
+  EXPECT_TRUE(
+      log.Has("VLJSONRPC", "Sending {\"id\":3,\"method\":\"mining.authorize\",\"params\":[\"w.rig\",\"***\"]}"));
+  EXPECT_EQ(log.Count("s3cret"), 0u);
 }
 
 // The receive path on its own: the same bytes give the same messages however
@@ -188,7 +199,35 @@ TEST(JsonRpcFraming, TheSameMessagesWhereverTheReadsAreCut) {
     cuts.push_back(stream.size());
     EXPECT_EQ(feed(cuts), expected) << "reads of " << step;
   }
-  EXPECT_EQ(log.Count("Dropped a line of over 1048576 bytes"), 5u);  // one warning a feed, however cut
+  EXPECT_EQ(log.Count("Dropped a line from the peer: over 1048576 bytes"), 5u);  // one warning a feed, however cut
+}
+
+// Only JSON objects within the limits are read; every other line is dropped
+// and counted, and each reason is told once however many lines it takes.
+TEST(JsonRpcFraming, LinesThatAreNoJsonObjectOrPastALimitAreDroppedCountedAndToldOnce) {
+  const std::string deep = "{\"id\":4,\"error\":" + std::string(65, '[') + std::string(65, ']') + "}\n";
+  std::string flood = "{\"id\":5,\"result\":[0";
+  for (int i = 0; i < 100000; i++) flood += ",0";
+  flood += "]}\n";
+  const std::string stream = "bplist00\xd1\x01\x02\n<plist><dict/></plist>\n[1,2]\n{\"id\":1,\"result\":true} 2\n" +
+                             deep + deep + flood + " \r\n" + Result(6);
+  net_test::LogLines log;
+  std::vector<std::string> delivered;
+  VLJsonRpcClient *client = VLJsonRpcClientCreate();
+  VLJsonRpcClientSetUserData(client, &delivered);
+  VLJsonRpcClientSetMessageCallback(client, [](VLJsonRpcClient *, VLJsonRpcMessage *message, void *user) {
+    VLRef line(VLJsonRpcMessageSerialize(message));
+    static_cast<std::vector<std::string> *>(user)->push_back(VLStringChars(line.get()));
+  });
+  VLJsonRpcClientReceive(client, reinterpret_cast<const uint8_t *>(stream.data()),
+                         static_cast<uint32_t>(stream.size()));
+  EXPECT_EQ(delivered, std::vector<std::string>{Result(6)});
+  EXPECT_EQ(VLJsonRpcClientDroppedLines(client), 7u);
+  VLJsonRpcClientDestroy(client);
+  EXPECT_EQ(log.Count("Dropped a line from the peer: not a JSON object"), 1u);
+  EXPECT_EQ(log.Count("Dropped a line from the peer: nested deeper than 64 levels"), 1u);
+  EXPECT_EQ(log.Count("Dropped a line from the peer: more than 100,000 values"), 1u);
+  EXPECT_EQ(log.Count("Dropped"), 3u);
 }
 
 TEST_F(JsonRpcClientTest, LossIsReportedOnceAndDestroyAfterItIsHarmless) {

@@ -44,6 +44,7 @@ class PtyProcess {
   int Wait(std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
   void Signal(int signal);
   const std::string &Output() const { return output_; }
+  int Pid() const { return pid_; }
   // The terminal's line discipline as it stands (the child may have changed it).
   bool TerminalModes(struct termios *modes) const;
 

@@ -107,6 +107,7 @@ class SessionOptions:
     bad_job: str = ""
     bad_job_every: int = 1
     jsonrpc2: bool = False             # "jsonrpc":"2.0" and error objects on everything sent
+    inject_dir: str = ""               # once authorized, each NAME.line file put here is sent as one line
 
     def validate(self):
         _check_choice("subscribe", self.subscribe, SUBSCRIBE_MODES)
@@ -211,6 +212,7 @@ class Stats:
             "rejected_by_reason": {reason: 0 for reason in REJECTIONS},
             "methods": {},
             "bad_lines_received": 0,
+            "injected": 0,
         }
 
     def update(self, change):
@@ -655,8 +657,34 @@ class Session:
         if self.o.close_after and self.messages_received >= self.o.close_after:
             raise ConnectionClosed(f"after {self.messages_received} messages")
 
+    def inject_lines(self):
+        """Sends the bytes of each *.line file in inject_dir, in name order, as
+        one line each, and removes the file. A test writes a file when it wants
+        its line sent; whatever bytes it holds go out as they are."""
+        try:
+            names = sorted(n for n in os.listdir(self.o.inject_dir) if n.endswith(".line"))
+        except OSError:
+            return
+        for name in names:
+            path = os.path.join(self.o.inject_dir, name)
+            claimed = f"{path}.{self.number}.sent"
+            try:
+                os.rename(path, claimed)  # another session may be after it too
+            except OSError:
+                continue
+            with open(claimed, "rb") as source:
+                line = source.read()
+            os.remove(claimed)
+            if not line.endswith(b"\n"):
+                line += b"\n"
+            self.send_raw(line, count=False)
+            self.pool.stats.count("injected")
+            self.pool.log(f"connection {self.number}: injected {name} ({len(line)} bytes)")
+
     def run_timers(self):
         now = time.monotonic()
+        if self.o.inject_dir and self.authorized:
+            self.inject_lines()
         if self.o.close_at and now - self.started >= self.o.close_at:
             raise ConnectionClosed(f"after {self.o.close_at:g} s")
         if self.pending_authorize and now >= self.pending_authorize[0]:
@@ -777,6 +805,8 @@ def build_parser():
     add("--bad-job", choices=BAD_JOBS, help="send malformed jobs of this kind")
     add("--bad-job-every", type=int, help="every n-th job is the bad one")
     add("--jsonrpc2", action="store_true", help="JSON-RPC 2.0 form (jsonrpc member, error objects)")
+    add("--inject-dir", help="once authorized, send the bytes of each NAME.line file put in this directory as "
+        "one line, in name order, and remove the file")
     return parser
 
 

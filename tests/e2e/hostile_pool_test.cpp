@@ -1,0 +1,175 @@
+// A pool, or someone on the path to it, sends hostile lines into a mining
+// session: property-list bombs, deep nesting, floods of keys, huge strings,
+// values the miner can't mine with, terminal escapes. The miner lives, says
+// what it refused, keeps mining at no less than half its clean rate within
+// 200 MB, and neither its screen nor its log carries a raw escape byte or the
+// pool password.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+
+#include "e2e/miner_run.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char *kPassword = "Pa55-s3cret";
+
+// A binary property list whose root array names one string again and again:
+// a reader that follows every reference copies the string each time, which
+// makes `references` x `stringBytes` bytes of it. Holds no line feed, so it
+// arrives as one line.
+std::string PropertyListBomb(size_t stringBytes, size_t references) {
+  for (;; references++) {
+    std::string out = "bplist00";
+    auto bigEndian = [&out](uint64_t value, int width) {
+      for (int i = width - 1; i >= 0; i--) out += static_cast<char>(value >> (8 * i));
+    };
+    out += "\xAF\x12";  // an array, its count in the 4-byte integer that follows
+    bigEndian(references, 4);
+    out.append(references, '\x01');  // object 1, every time
+    size_t string = out.size();
+    out += "\x5F\x12";  // a string, its length likewise
+    bigEndian(stringBytes, 4);
+    out.append(stringBytes, 'x');
+    size_t table = out.size();
+    bigEndian(8, 4);
+    bigEndian(string, 4);
+    out += std::string(6, '\0') + "\x04\x01";  // offsets of 4 bytes, references of 1
+    bigEndian(2, 8);                           // objects
+    bigEndian(0, 8);                           // the root
+    bigEndian(table, 8);
+    if (out.find('\n') == std::string::npos) return out;
+  }
+}
+
+std::string Nested(size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); }
+
+std::string KeyFlood(size_t keys) {
+  std::string params = "{";
+  for (size_t i = 0; i < keys; i++) params += (i ? ",\"k" : "\"k") + std::to_string(i) + "\":0";
+  return R"({"id":null,"method":"mining.noise","params":)" + params + "}}";
+}
+
+std::string Notification(const std::string &method, const std::string &params) {
+  return R"({"id":null,"method":")" + method + R"(","params":)" + params + "}";
+}
+
+const std::string kHash(64, 'a');
+
+// Resident peak of a process, in KiB; 0 when it can't be read.
+uint64_t PeakKiB(int pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::strtoull(line.c_str() + 6, nullptr, 10);
+  }
+  return 0;
+}
+
+std::string ReadFile(const std::filesystem::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
+  struct Line {
+    const char *name;
+    std::string bytes;
+    const char *told;  // what the miner says about it; empty: nothing in particular
+  };
+  const Line lines[] = {
+      {"property-list bomb", PropertyListBomb(430000, 430000), "Dropped a line from 127.0.0.1:"},
+      {"error nested 40,000 deep", R"({"id":4,"result":null,"error":)" + Nested(40000) + "}",
+       "nested deeper than 64 levels"},
+      {"45,000 keys", KeyFlood(45000), ""},
+      {"60,000 keys", KeyFlood(60000), "more than 100,000 values"},
+      {"a string of a million bytes", Notification("client.show_message", "[\"" + std::string(1000000, 'x') + "\"]"),
+       ""},
+      {"a line over 1 MiB", Notification("client.show_message", "[\"" + std::string(1100000, 'x') + "\"]"),
+       "over 1048576 bytes"},
+      {"difficulty -1", Notification("mining.set_difficulty", "[-1]"),
+       "Refused difficulty -1 from the pool: not a finite number above zero; keeping 0.0002"},
+      {"difficulty 0", Notification("mining.set_difficulty", "[0]"), "Refused difficulty 0 from the pool"},
+      {"difficulty 1e-300", Notification("mining.set_difficulty", "[1e-300]"),
+       "Refused difficulty 1e-300 from the pool: so small that its target exceeds 256 bits"},
+      {"all-zero target", Notification("mining.set_target", "[\"" + std::string(64, '0') + "\"]"),
+       "from the pool: all zeros; keeping difficulty 0.0002"},
+      {"header hash not hex",
+       Notification("mining.notify", "[\"evil1\",\"zz" + kHash.substr(2) + "\",1,\"" + kHash + "\",true]"),
+       "Refused job \"evil1\" from the pool: header hash \"zz"},
+      {"numeric job id", Notification("mining.notify", "[7,\"" + kHash + "\",1,\"" + kHash + "\",true]"),
+       "Refused job 7 from the pool: no job id"},
+      {"extranonce1 of 17 bytes", Notification("mining.set_extranonce", "[\"" + std::string(34, '1') + "\",4]"),
+       "Refused extranonce1 \"1111"},
+      {"raw escapes in a method",
+       "{\"id\":null,\"method\":\"\x1b[2J\x1b]0;pwned\x07\rI/Miner        : Share Accepted!\",\"params\":[]}",
+       "Received Message: {\"id\":null,\"method\":\"\\u001b[2J\\u001b]0;pwned\\u0007\\u000dI/Miner"},
+      {"escaped escapes in a method",
+       Notification("\\u001b[2J\\u001b]0;pwned\\u0007\\r\\nI/Miner        : Share Accepted!", "[]"), ""},
+  };
+  miner_testing::ScratchDir inject;
+  const char *capped = "xdma0 model=7 ratecap=1\nxdma1 model=2 ratecap=1\n";
+  MinerRun run(capped, {"--difficulty", "0.0002", "--notify-interval", "2", "--seed", "7", "--inject-dir",
+                        inject.Path().string()});
+  run.SetPassword(kPassword);
+  run.AddEnvironment("NO_COLOR=1");
+  std::filesystem::path logFile = run.WorkDir() / "miner.log";
+  ASSERT_TRUE(run.Start({"--log-file", logFile.string()}));
+  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 2; })) << run.Output();
+  uint64_t start = run.Pool("accepted");
+  run.Pump(std::chrono::milliseconds(10000));
+  uint64_t clean = run.Pool("accepted") - start;
+
+  int number = 0;
+  for (const Line &line : lines) {
+    SCOPED_TRACE(line.name);
+    ASSERT_EQ(line.bytes.find('\n'), std::string::npos);
+    size_t from = run.Output().size();
+    uint64_t accepted = run.Pool("accepted");
+    char name[32];
+    snprintf(name, sizeof name, "%03d.line", number++);
+    std::ofstream(inject.Path() / "next", std::ios::binary) << line.bytes;
+    std::filesystem::rename(inject.Path() / "next", inject.Path() / name);
+    ASSERT_TRUE(run.Until([&] { return run.Pool("injected") == static_cast<uint64_t>(number); }));
+    if (*line.told) {
+      EXPECT_TRUE(run.Until([&] { return run.Output().find(line.told, from) != std::string::npos; }))
+          << run.Output().substr(from, 4000);
+    }
+    // Mining goes on, on jobs the pool knows, at a difficulty it set.
+    EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; })) << run.Output().substr(from, 4000);
+  }
+  uint64_t before = run.Pool("accepted");
+  run.Pump(std::chrono::milliseconds(10000));
+  uint64_t after = run.Pool("accepted") - before;
+  EXPECT_GE(after * 2, clean) << "clean " << clean << ", after the hostile lines " << after;
+  EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u) << run.PoolProcess().Stats();
+  uint64_t peak = PeakKiB(run.Child().Pid());
+  EXPECT_GT(peak, 0u);
+#if !defined(OMBRY_SANITIZE_ADDRESS) && !defined(OMBRY_SANITIZE_THREAD)
+  // A sanitizer's shadow memory and quarantine would be counted too.
+  EXPECT_LT(peak, 200u * 1024) << "peak " << peak << " KiB";
+#endif
+
+  run.Child().Type("q");
+  EXPECT_EQ(run.Child().Wait(), 0);
+  std::string log = ReadFile(logFile);
+  EXPECT_NE(log.find("Share Accepted!"), std::string::npos);
+  for (const std::string *text : {&run.Output(), static_cast<const std::string *>(&log)}) {
+    EXPECT_EQ(text->find(kPassword), std::string::npos);
+    EXPECT_EQ(text->find('\x1b'), std::string::npos);
+    EXPECT_EQ(text->find('\x07'), std::string::npos);
+  }
+  EXPECT_NE(log.find(R"("mining.authorize","params":["wallet.rig","***"])"), std::string::npos);
+  // The pool got the password as it was given.
+  bool sent = false;
+  for (const std::string &line : run.PoolProcess().ClientLines()) sent |= line.find(kPassword) != std::string::npos;
+  EXPECT_TRUE(sent);
+}
+
+}  // namespace
+}  // namespace e2e
