@@ -146,6 +146,20 @@ TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
   EXPECT_EQ(Latched(kSlotNonceBlock + 4), 0u);
 }
 
+// Without a new job the board is loaded again every refresh period, 20 ms
+// before the first clock step, each time with a fresh nonce word.
+TEST_F(WorkerBoardTest, TheBoardIsReloadedEveryRefreshPeriod) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+  uint64_t drawn = job->nonceCounter.load();
+  uint32_t block = Latched(kSlotNonceBlock + 4);
+  EXPECT_TRUE(
+      WaitUntil([&] { return job->nonceCounter.load() >= drawn + 3 && Latched(kSlotNonceBlock + 4) != block; }));
+  EXPECT_EQ(context.jobGeneration.load(), 0u);
+}
+
 TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
   Worker &worker = *context.workers[0];
   context.SetCurrentJob(job);
