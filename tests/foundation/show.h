@@ -69,11 +69,3 @@ inline std::string Show(const VLObject *obj) {
 
 // The JSON reader on a C string.
 inline VLObject *ReadJson(const char *text) { return VLJsonRead(text, static_cast<uint32_t>(strlen(text))); }
-
-// Parses `text` (as a string value) and renders the result.
-inline std::string ParseShow(const std::string &text) {
-  VLRef source(VLStringCreate(text.data(), static_cast<uint32_t>(text.size())));
-  if (text.empty()) source.Reset(VLStringCreateWithCapacity(0));
-  VLRef result(VLObjectParse(source.get()));
-  return Show(result.get());
-}
