@@ -12,6 +12,7 @@
 
 #include "rig/monitoring.h"
 #include "monitor/api.h"
+#include "monitor/http_pages.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "stratum/session.h"
@@ -116,8 +117,9 @@ void BM_MetricsScrapeOverLoopback(benchmark::State &state) {
   Scrape(
       state, HttpRequestComplete,
       [](const std::string &request, const std::string &) {
-        return MetricsHttpAnswer(
-            request, [] { return MetricsText(TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), "1"); });
+        HttpContent content;
+        content.metrics = [] { return MetricsText(TakeRunSnapshot(Run().context, StratumMonotonicSeconds()), "1"); };
+        return HttpAnswer(request, content);
       },
       "GET /metrics HTTP/1.1\r\nHost: rig\r\n\r\n");
 }

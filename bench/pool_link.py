@@ -92,7 +92,7 @@ def run(name, seconds):
         env = dict(os.environ, OMBRY_SIM_BOARDS=os.path.join(work, "boards.txt"))
         miner = subprocess.Popen(
             [os.path.join(ROOT, "build/bin/ombry-sim-miner"), "ckb", "127.0.0.1", str(port), "bench.rig", "x",
-             "--log-file", log_path],
+             "--log-file", log_path, "--verbose"],  # the raw lines time the pool's last one
             cwd=work, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(seconds)
         miner.send_signal(signal.SIGTERM)

@@ -12,6 +12,7 @@ packages=(
   debhelper help2man lintian systemd bubblewrap
   clang libclang-rt-14-dev clang-format clang-tidy
   prometheus
+  jq netcat-openbsd chromium
 )
 
 missing=()

@@ -6,6 +6,8 @@
 #include "foundation/logger.h"
 #include "board/registers.h"
 #include "foundation/console_io.h"
+#include "rig/monitoring.h"
+#include "stratum/stratum_context.h"
 
 namespace {
 
@@ -88,18 +90,17 @@ CounterDelta TakeCounter(const Relaxed<uint64_t> &counter, Relaxed<uint64_t> &sh
   return {now, now - before};
 }
 
-struct RowReadings {
+struct RowRates {
   double vrmTemperature;
-  double hashRateMHs;
+  double nominalMHs;
+  double effectiveMHs;
 };
 
-// One row; returns the readings it showed, so that the banner and the total
-// agree with what the operator sees.
-RowReadings PrintRow(Worker &worker, unsigned long long number) {
-  double coreTemperature = worker.coreTemperature;
-  double vrmTemperature = worker.vrmTemperature;
-  double vccint = worker.vccint;
-  double hashRateMHs = worker.hashRateMHs;
+// One row; returns what it showed, so that the banner and the totals agree
+// with what the operator sees. Readings and rates are the monitoring
+// snapshot's, so the table, the API and the metrics never disagree; the
+// counters are the worker's own, with their growth since the last row.
+RowRates PrintRow(Worker &worker, const BoardSnapshot &board) {
   bool wide = IsWideFamily(worker.model);
   double vccintRed = wide ? 0.73 : 0.0;
   double vccintYellow = wide ? 0.74 : 0.0;
@@ -111,31 +112,33 @@ RowReadings PrintRow(Worker &worker, unsigned long long number) {
   CounterDelta accepted = TakeCounter(worker.sharesAccepted, shown.sharesAccepted);
   CounterDelta rejected = TakeCounter(worker.sharesRejected, shown.sharesRejected);
 
-  Reading core(coreTemperature, "%4.1f");
-  Reading vrm(vrmTemperature, "%5.1f");
-  Reading volts(vccint, "%4.2f");
+  Reading core(board.temperature, "%4.1f");
+  Reading vrm(board.vrmTemperature, "%5.1f");
+  Reading volts(board.vccint, "%4.2f");
   VL_LOG(VLLogLevelInfo, kTag,
-         "%2llu |  %s | %s%s C\x1b[0m | %s%s C\x1b[0m | %s%s V\x1b[0m |  %3.0f / %3.0f  | %8.2f MH/s | "
+         "%2llu |  %s | %s%s C\x1b[0m | %s%s C\x1b[0m | %s%s V\x1b[0m |  %3.0f / %3.0f  | %12.2f | %14.2f | "
          "%5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu) | %5llu (+%2llu)",
-         number, worker.modelName.c_str(), AboveColor(coreTemperature, 75.0, 70.0), core.text,
-         AboveColor(vrmTemperature, 120.0, 110.0), vrm.text, BelowColor(vccint, vccintRed, vccintYellow), volts.text,
-         static_cast<double>(worker.currentClockHz.load()) / 1000.0 / 1000.0,
-         static_cast<double>(worker.targetClockHz.load()) / 1000.0 / 1000.0, hashRateMHs, found.value, found.sinceShown,
-         accepted.value, accepted.sinceShown, invalid.value, invalid.sinceShown, rejected.value, rejected.sinceShown);
-  return {vrmTemperature, hashRateMHs};
+         static_cast<unsigned long long>(board.id), worker.modelName.c_str(), AboveColor(board.temperature, 75.0, 70.0),
+         core.text, AboveColor(board.vrmTemperature, 120.0, 110.0), vrm.text,
+         BelowColor(board.vccint, vccintRed, vccintYellow), volts.text, board.clockMHz, board.targetMHz,
+         board.nominalMHs, board.mhs1m, found.value, found.sinceShown, accepted.value, accepted.sinceShown,
+         invalid.value, invalid.sinceShown, rejected.value, rejected.sinceShown);
+  return {board.vrmTemperature, board.nominalMHs, board.mhs1m};
 }
 
 }  // namespace
 
 void PrintStatusTable(ConsoleSession &session, uint64_t nowSeconds) {
   VL_LOG(VLLogLevelInfo, kTag,
-         "\x1b[1;97mId | Model | Core T |  VRM T  | VCCINT | Clock [MHz] |    Hashrate   |    Found    |   "
-         "Accepted  |   Invalid   |   Rejected  \x1b[0m");
+         "\x1b[1;97mId | Model | Core T |  VRM T  | VCCINT | Clock [MHz] | Nominal MH/s | Effective MH/s |    "
+         "Found    |   Accepted  |   Invalid   |   Rejected  \x1b[0m");
   VL_LOG(VLLogLevelInfo, kTag,
-         "---+-------+--------+---------+--------+-------------+---------------+-------------+-------------+----"
-         "---------+-------------");
+         "---+-------+--------+---------+--------+-------------+--------------+----------------+-------------+----"
+         "---------+-------------+-------------");
 
-  double totalMHs = 0.0;
+  double nominalMHs = 0.0;
+  double effectiveMHs = 0.0;
+  double snapshotTime = StratumMonotonicSeconds();
   auto &workers = session.context.workers;
   for (size_t i = 0; i < workers.size(); i++) {
     Worker &worker = *workers[i];
@@ -151,11 +154,13 @@ void PrintStatusTable(ConsoleSession &session, uint64_t nowSeconds) {
       PrintStateLine(worker.state, number, nowSeconds - heartbeat);
       continue;
     }
-    RowReadings shown = PrintRow(worker, number);
+    RowRates shown = PrintRow(worker, TakeBoardSnapshot(session.context, i, snapshotTime));
     if (shown.vrmTemperature > kVrmWarningCelsius) session.vrmWarning = true;
-    totalMHs += shown.hashRateMHs;
+    nominalMHs += shown.nominalMHs;
+    effectiveMHs += shown.effectiveMHs;
   }
-  LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag, "Total Hashrate: %0.2f MH/s", totalMHs);
+  LOG_COLOR(ConsoleColorGreen, VLLogLevelInfo, kTag, "Total Hashrate: %0.2f MH/s (effective %0.2f MH/s)", nominalMHs,
+            effectiveMHs);
 }
 
 void PrintVrmBanner() {

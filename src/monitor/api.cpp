@@ -62,6 +62,7 @@ Json Devs(const RunSnapshot &run) {
                         {"Name", board.model},
                         {"Path", board.path},
                         {"DNA", board.dna},
+                        {"PCI Address", board.pciAddress.empty() ? Json(nullptr) : Json(board.pciAddress)},
                         {"Enabled", board.enabled ? "Y" : "N"},
                         {"Status", board.status},
                         {"Temperature", Reading(board.temperature, 100)},
@@ -215,4 +216,13 @@ std::string ApiReply(const std::string &text, bool privileged, const RunSnapshot
     status(false, kCodeInvalidCommand, "Invalid command");
   }
   return reply.dump();
+}
+
+std::string StatusJson(const RunSnapshot &snapshot, const std::string &description, int64_t now) {
+  return Json{{"Miner", description},
+              {"When", now},
+              {"SUMMARY", Summary(snapshot)},
+              {"DEVS", Devs(snapshot)},
+              {"POOLS", Pools(snapshot)}}
+      .dump();
 }

@@ -34,3 +34,7 @@ struct ApiActions {
 // run; `description` is "ombry-miner <version>".
 std::string ApiReply(const std::string &text, bool privileged, const RunSnapshot &snapshot, const ApiActions &actions,
                      const std::string &description, int64_t now);
+
+// What the status page shows, in one object: "Miner" (the description),
+// "When", and the SUMMARY, DEVS and POOLS sections as the commands give them.
+std::string StatusJson(const RunSnapshot &snapshot, const std::string &description, int64_t now);

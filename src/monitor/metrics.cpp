@@ -139,16 +139,3 @@ std::string MetricsText(const RunSnapshot &run, const std::string &version) {
   }
   return e.Text();
 }
-
-bool HttpRequestComplete(const std::string &request) {
-  return request.find("\r\n\r\n") != std::string::npos || request.find("\n\n") != std::string::npos;
-}
-
-std::string MetricsHttpAnswer(const std::string &request, const std::function<std::string()> &metrics) {
-  std::string line = request.substr(0, request.find_first_of("\r\n"));
-  bool wanted = line == "GET /metrics HTTP/1.1" || line == "GET /metrics HTTP/1.0";
-  std::string body = wanted ? metrics() : "not found\n";
-  std::string head = wanted ? "HTTP/1.1 200 OK\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8\r\n"
-                            : "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\n";
-  return head + "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
-}

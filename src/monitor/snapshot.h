@@ -13,6 +13,7 @@ struct BoardSnapshot {
   std::string model;
   std::string path;
   std::string dna;
+  std::string pciAddress;  // empty where the system names none
   bool enabled = false;
   std::string status;  // Alive, Sick, Dead or Disabled
   // NaN where the board gave no reading.

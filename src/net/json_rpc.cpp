@@ -13,6 +13,10 @@
 namespace {
 
 constexpr const char *kTag = "VLJSONRPC";
+// The raw lines of the link ("Sending ...", "Received Message: ...") are for
+// whoever asks for them (--verbose, VL_LOG_TRACE): by default they would bury
+// the status table, several to a share.
+constexpr uint32_t kRawLineLevel = VLLogLevelVerbose;
 constexpr uint32_t kUnacknowledgedLimitMillis = 60000;
 
 VLJsonRpcMessage *NewMessage(uint32_t kind, uint32_t version, VLObject *id) {
@@ -203,8 +207,8 @@ bool VLJsonRpcClientSend(VLJsonRpcClient *client, VLJsonRpcMessage *message) {
     // this lock first.
     std::lock_guard<std::mutex> guard(client->sendLock);
     if (TRPSocketSet *set = client->socketSet) {
-      if (VLLogGetLevel() <= VLLogLevelInfo) {
-        VL_LOG(VLLogLevelInfo, kTag, "Sending %s", SentForLog(message, text).c_str());
+      if (VLLogGetLevel() <= kRawLineLevel) {
+        VL_LOG(kRawLineLevel, kTag, "Sending %s", SentForLog(message, text).c_str());
       }
       if (client->tls) {
         queued = client->tls->Send(reinterpret_cast<const uint8_t *>(VLStringChars(text)), VLStringLength(text));
@@ -289,8 +293,8 @@ bool Blank(const char *line, size_t length) {
 
 void DeliverLine(VLJsonRpcClient *client, const char *line, size_t length) {
   if (Blank(line, length)) return;
-  if (VLLogGetLevel() <= VLLogLevelInfo) {
-    VL_LOG(VLLogLevelInfo, kTag, "Received Message: %s", VLEscapeControl(std::string_view(line, length)).c_str());
+  if (VLLogGetLevel() <= kRawLineLevel) {
+    VL_LOG(kRawLineLevel, kTag, "Received Message: %s", VLEscapeControl(std::string_view(line, length)).c_str());
   }
   VLJsonRefusal why = VLJsonRefusal::kNone;
   VLJsonRpcMessage *message = VLJsonRpcMessageParseLine(line, length, &why);

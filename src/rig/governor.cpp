@@ -52,6 +52,8 @@ uint64_t ClockStep(const Worker &worker) {
 double CookingVccintLimit(const Worker &worker) { return IsWideFamily(worker.model) ? 0.75 : 0.5; }
 double RecoveryVccintLimit(const Worker &worker) { return IsWideFamily(worker.model) ? 0.8 : 0.0; }
 
+bool HasRegulatorSensor(BoardModel model) { return IsWideFamily(model) || model == kI2CRegulatorModel; }
+
 uint64_t CoreCount(BoardModel model) {
   switch (model) {
     case 10: return 20;

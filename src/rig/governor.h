@@ -21,6 +21,9 @@ uint64_t ClockStep(const Worker &worker);
 double CookingVccintLimit(const Worker &worker);
 double RecoveryVccintLimit(const Worker &worker);
 uint64_t CoreCount(BoardModel model);
+// Whether the model reads a regulator temperature: the wide family through
+// the XADC, model 6 over I2C. The others have no such reading at all.
+bool HasRegulatorSensor(BoardModel model);
 
 // Holds the cores, takes the MMCM out of reset and starts the clock at
 // kStartClockHz.

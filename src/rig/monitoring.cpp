@@ -10,6 +10,7 @@
 #include "rig/governor.h"
 #include "rig/worker.h"
 #include "monitor/api.h"
+#include "monitor/http_pages.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "stratum/session.h"
@@ -34,24 +35,26 @@ const char *TuningName(uint32_t tuning) {
   }
 }
 
-BoardSnapshot TakeBoard(MiningContext &context, size_t index, double now) {
+}  // namespace
+
+BoardSnapshot TakeBoardSnapshot(MiningContext &context, size_t index, double now) {
   Worker &worker = *context.workers[index];
   BoardSnapshot board;
   board.id = index + 1;
   board.model = worker.modelName.substr(0, worker.modelName.find_last_not_of(' ') + 1);
   board.path = worker.device ? worker.device->path : "";
   board.dna = worker.dna;
+  board.pciAddress = worker.pciAddress;
   board.enabled = worker.enabled;
   board.status = BoardStatus(worker);
   board.temperature = worker.coreTemperature;
-  // Only the wide family has a regulator sensor; the others have no reading.
-  board.vrmTemperature = IsWideFamily(worker.model) ? worker.vrmTemperature.load() : std::nan("");
+  board.vrmTemperature = HasRegulatorSensor(worker.model) ? worker.vrmTemperature.load() : std::nan("");
   board.vccint = worker.vccint;
   board.clockMHz = static_cast<double>(worker.currentClockHz.load()) / 1e6;
   board.targetMHz = static_cast<double>(worker.targetClockHz.load()) / 1e6;
   board.throttleMHz = static_cast<double>(worker.throttleMHz.load());
   board.tuning = TuningName(worker.tuning);
-  // What the clock can deliver, whether or not the table's figure was set.
+  // What the clock delivers now; the console's table shows the same figure.
   board.nominalMHs = worker.enabled ? board.clockMHz * static_cast<double>(CoreCount(worker.model)) : 0;
   RateWindows rates = context.ledger.BoardRates(index, now);
   board.mhs1m = Mhs(rates.m1);
@@ -67,6 +70,8 @@ BoardSnapshot TakeBoard(MiningContext &context, size_t index, double now) {
   board.elapsed = worker.enabled && since >= 0 ? now - since : 0;
   return board;
 }
+
+namespace {
 
 std::vector<std::pair<std::string, std::string>> RunConfig(const MiningContext &context) {
   const RunOptions &options = context.options;
@@ -101,7 +106,7 @@ RunSnapshot TakeRunSnapshot(MiningContext &context, double now) {
   RunSnapshot run;
   run.elapsed = now - context.ledger.Start();
   for (size_t i = 0; i < context.workers.size(); i++) {
-    run.boards.push_back(TakeBoard(context, i, now));
+    run.boards.push_back(TakeBoardSnapshot(context, i, now));
     const BoardSnapshot &board = run.boards.back();
     run.nominalMHs += board.nominalMHs;
     run.found += board.found;
@@ -182,14 +187,20 @@ void RunMonitoring::Start() {
     }
   }
   if (!options.metricsListen.empty()) {
-    metrics_ =
-        std::make_unique<TcpServer>(HttpRequestComplete, [this](const std::string &request, const std::string &) {
-          return MetricsHttpAnswer(request, [this] {
-            return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
-          });
-        });
+    HttpContent content;
+    content.metrics = [this] {
+      return MetricsText(TakeRunSnapshot(context_, StratumMonotonicSeconds()), OmbryVersion());
+    };
+    content.status = [this] {
+      return StatusJson(TakeRunSnapshot(context_, StratumMonotonicSeconds()),
+                        std::string("ombry-miner ") + OmbryVersion(), static_cast<int64_t>(time(nullptr)));
+    };
+    metrics_ = std::make_unique<TcpServer>(
+        HttpRequestComplete,
+        [content](const std::string &request, const std::string &) { return HttpAnswer(request, content); });
     if (metrics_->Start(options.metricsListen, error)) {
-      VL_LOG(VLLogLevelInfo, kTag, "Metrics on port %u at /metrics", static_cast<unsigned>(metrics_->Port()));
+      VL_LOG(VLLogLevelInfo, kTag, "Metrics on port %u at /metrics, status page at /",
+             static_cast<unsigned>(metrics_->Port()));
     } else {
       VL_LOG(VLLogLevelError, kTag, "Metrics are off: %s", error.c_str());
       metrics_.reset();

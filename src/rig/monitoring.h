@@ -15,8 +15,10 @@
 
 class TcpServer;
 
-// The run as monitoring shows it at `now` (monotonic seconds).
+// The run as monitoring shows it at `now` (monotonic seconds, as
+// StratumMonotonicSeconds gives them), and one board of it (index from 0).
 RunSnapshot TakeRunSnapshot(MiningContext &context, double now);
+BoardSnapshot TakeBoardSnapshot(MiningContext &context, size_t index, double now);
 
 // One summary line of the run's rates and counts.
 std::string SummaryLine(const RunSnapshot &run);

@@ -28,4 +28,6 @@ struct RunOptions {
   std::vector<std::string> apiAllow;
   std::string metricsListen;
   std::string logFile;
+  // The pool link's raw lines on the console and in the log (the Verbose level).
+  bool verbose = false;
 };

@@ -62,6 +62,7 @@ struct Worker : StratumShareCounters {
   BoardModel model = 0;
   std::string modelName;
   std::string dna;
+  std::string pciAddress;  // empty where the system names none (simulated boards)
   Relaxed<uint64_t> targetClockHz;
   Relaxed<double> coreTemperature;
   Relaxed<double> vrmTemperature;

@@ -8,6 +8,7 @@
 
 #include "board/device_file.h"
 #include "board/dma_device.h"
+#include "board/pci_address.h"
 #include "board/registers.h"
 #include "foundation/escape.h"
 #include "foundation/logger.h"
@@ -99,6 +100,7 @@ void ScanDevice(FlashOfferFlags &flags, MiningContext &context, bool recovery, c
     worker->model = model;
     worker->modelName = identity;
     worker->dna = dna;
+    worker->pciAddress = BRYLDMAPciAddress(path);
     worker->bitstreamName = bitstream.name;
     context.workers.push_back(std::move(worker));
     return;

@@ -96,9 +96,18 @@ bool ReadConfigText(const std::string &text, const std::string &path, ConfigFile
       continue;
     }
     const CommandLineOption *option = FindCommandLineOption(key);
-    if (option == nullptr || option->valueName == nullptr || key == "config") {
+    if (option == nullptr || key == "config" || key == "help" || key == "version") {
       error = where + ": not a setting (--help lists the options)";
       return false;
+    }
+    if (option->valueName == nullptr) {
+      // A flag is true or false; false is the same as leaving it out.
+      if (!value.is_boolean()) {
+        error = where + ": needs true or false";
+        return false;
+      }
+      if (value.get<bool>()) settings.options.emplace_back(key, std::vector<std::string>{""});
+      continue;
     }
     std::vector<std::string> words;
     const Json *items = &value;

@@ -141,7 +141,7 @@ int MinerMain(int argc, char **argv) {
   }
   bool recovery = mode == RunMode::Recovery;
 
-  VLLogInit(VLLogLevelInfo);
+  VLLogInit(commandLine.options.verbose ? VLLogLevelVerbose : VLLogLevelInfo);
   if (!commandLine.options.logFile.empty() && !VLLogOpenFile(commandLine.options.logFile.c_str())) {
     LOG_COLOR(ConsoleColorRed, VLLogLevelError, kTag, "Cannot open the log file %s: %s",
               VLEscapeControl(commandLine.options.logFile).c_str(), VLErrorText(errno).c_str());

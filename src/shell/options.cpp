@@ -113,12 +113,16 @@ const std::vector<CommandLineOption> kOptions = {
     {"api-allow", "ADDRESS", "this IPv4 address may enable, disable, switchpool and quit (repeatable)", AddApiAllow,
      true},
     {"metrics-listen", "HOST:PORT",
-     "serve Prometheus metrics at /metrics here (off unless given; a port alone is on 127.0.0.1)", SetMetricsListen},
+     "serve Prometheus metrics at /metrics and the status page at / here (off unless given; a port alone is on "
+     "127.0.0.1)",
+     SetMetricsListen},
     {"log-file", "PATH", "also write every line to this file, time-stamped; reopened on SIGUSR1",
      [](CommandLine &line, const std::string &value, std::string &) {
        line.options.logFile = value;
        return true;
      }},
+    {"verbose", nullptr, "also log every line sent to and received from the pool",
+     [](CommandLine &line, const std::string &, std::string &) { return line.options.verbose = true; }},
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "stratum/session.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -118,18 +120,25 @@ void BookShareResponse(VLJsonRpcMessage *message, StratumContext &context) {
   }
   bool accepted = !VLJsonRpcMessageIsError(message);
   if (answered) context.OnShareAnswered(*answered, accepted);
+  // The pool's answer time closes the outcome line: the raw lines that
+  // would show it are off by default.
+  char answerTime[48] = "";
+  if (answered) {
+    snprintf(answerTime, sizeof answerTime, " (answered in %.0f ms)",
+             std::max(0.0, (context.link.clock() - answered->sentAt) * 1000.0));
+  }
   StratumShareCounters *counters = context.ShareCounters(context.lastSubmitWorker);
   if (!accepted) {
     VLRef error(VLJsonRpcMessageError(message));
     Colour(kRed);
-    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s", PoolValueText(error.get()).c_str());
+    VL_LOG(VLLogLevelError, kTag, "Share was rejected %s%s", PoolValueText(error.get()).c_str(), answerTime);
     Colour(kNormal);
     if (counters) ++counters->sharesRejected;
     return;
   }
   // Only the error member decides: a false result is still an acceptance.
   Colour(kGreen);
-  VL_LOG(VLLogLevelInfo, kTag, "Share Accepted!");
+  VL_LOG(VLLogLevelInfo, kTag, "Share Accepted!%s", answerTime);
   Colour(kNormal);
   if (counters) ++counters->sharesAccepted;
 }

@@ -13,6 +13,7 @@
 #include <fstream>
 
 #include "board/dma_device.h"
+#include "board/pci_address.h"
 #include "board_fixture.h"
 
 namespace fs = std::filesystem;
@@ -115,6 +116,38 @@ TEST_F(DeviceFileTest, TransfersArePositionedAndDirectionFollowsType) {
   BRYLDMAFileClose(user);
   BRYLDMAFileClose(h2c);
   BRYLDMAFileClose(c2h);
+}
+
+// The PCI address comes from sysfs's link for the control node's character
+// device; /dev/null (1:3) stands in for a board's node, a scratch tree for sysfs.
+TEST_F(DeviceFileTest, PciAddressIsTheFunctionSysfsLinksTheControlNodeTo) {
+  fs::create_directories(dir_ + "/sys/dev/char/1:3");
+  fs::create_directories(dir_ + "/sys/dev/char/1:5");
+  fs::create_symlink("/dev/null", dir_ + "/xdma0_control");
+  fs::create_symlink("/dev/zero", dir_ + "/xdma1_control");  // 1:5
+  MakeBoard("xdma2");                                        // a plain file, as a simulator serves
+  fs::create_symlink("/dev/full", dir_ + "/xdma3_control");  // 1:7, which sysfs here knows nothing of
+  const std::string sys = dir_ + "/sys";
+  struct Case {
+    const char *board;
+    const char *link;  // where 1:3's "device" points; null: no link
+    const char *address;
+  };
+  const Case cases[] = {
+      {"xdma0", "../../../devices/pci0000:00/0000:00:1c.0/0000:1a:00.0", "0000:1a:00.0"},
+      {"xdma0", "../../../devices/platform/serial8250", ""},
+      {"xdma0", "../../../devices/pci0000:00/0000:1a:00.9", ""},  // no such function number
+      {"xdma0", nullptr, ""},
+      {"xdma2", "../../../devices/pci0000:00/0000:03:00.0", ""},
+      {"xdma3", "../../../devices/pci0000:00/0000:03:00.0", ""},
+  };
+  for (const Case &c : cases) {
+    fs::remove(sys + "/dev/char/1:3/device");
+    if (c.link) fs::create_symlink(c.link, sys + "/dev/char/1:3/device");
+    EXPECT_EQ(BRYLDMAPciAddress(dir_ + "/" + c.board, sys), c.address) << c.board << " " << (c.link ? c.link : "-");
+  }
+  fs::create_symlink("../../../devices/pci0000:00/0000:00:01.0/0000:b3:00.1", sys + "/dev/char/1:5/device");
+  EXPECT_EQ(BRYLDMAPciAddress(dir_ + "/xdma1", sys), "0000:b3:00.1");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "foundation/colour.h"
 #include "foundation/logger.h"
 #include "console/status_console.h"
+#include "stratum/stratum_context.h"
 #include "support/capture.h"
 
 using miner_testing::MakeWorker;
@@ -20,11 +21,11 @@ namespace {
 
 constexpr uint64_t kNow = 100000;
 constexpr const char *kHeader =
-    "I/Miner        : \x1b[1;97mId | Model | Core T |  VRM T  | VCCINT | Clock [MHz] |    Hashrate   |    Found    "
-    "|   Accepted  |   Invalid   |   Rejected  \x1b[0m\n";
+    "I/Miner        : \x1b[1;97mId | Model | Core T |  VRM T  | VCCINT | Clock [MHz] | Nominal MH/s | Effective MH/s "
+    "|    Found    |   Accepted  |   Invalid   |   Rejected  \x1b[0m\n";
 constexpr const char *kRule =
-    "I/Miner        : ---+-------+--------+---------+--------+-------------+---------------+-------------+-----------"
-    "--+-------------+-------------\n";
+    "I/Miner        : ---+-------+--------+---------+--------+-------------+--------------+----------------+--------"
+    "-----+-------------+-------------+-------------\n";
 
 class StatusTableTest : public ::testing::Test {
  protected:
@@ -56,23 +57,38 @@ class StatusTableTest : public ::testing::Test {
 
 std::string Row(const std::string &body) { return "I/Miner        : " + body + "\n"; }
 
-TEST_F(StatusTableTest, RowShowsReadingsClocksRateAndCountersWithGrowth) {
-  Worker &worker = Add("1525", 1);
+// The rates are the nominal one at the current clock, whatever the worker's
+// last clock step recorded, and the effective one from accepted shares; a
+// board without a regulator sensor shows "--" for it.
+TEST_F(StatusTableTest, RowShowsReadingsClocksRatesAndCountersWithGrowth) {
+  context_.ledger.Open(2, 1, StratumMonotonicSeconds() - 60);
+  Worker &worker = Add("215 ", 3);
   worker.coreTemperature = 65.3;
   worker.vrmTemperature = 80.0;
   worker.vccint = 0.85;
   worker.currentClockHz = 200000000;
   worker.targetClockHz = 250000000;
-  worker.hashRateMHs = 12.5;
+  worker.hashRateMHs = 0;  // no clock step yet
   worker.found = 7;
   worker.sharesAccepted = 5;
   worker.invalid = 1;
   worker.sharesRejected = 2;
+  Worker &narrow = Add("RK35", 7);
+  narrow.coreTemperature = 50.0;
+  narrow.vrmTemperature = 0.0;  // never read: the model has no regulator sensor
+  narrow.vccint = 0.80;
+  narrow.currentClockHz = 100000000;
+  narrow.targetClockHz = 100000000;
+  // One accepted share of difficulty 0.05 within the last minute: about 3.58 MH/s.
+  context_.ledger.ShareAnswered(0, 0, 0.05, true, StratumMonotonicSeconds() - 1, 0);
 
-  std::string expected = std::string(kHeader) + kRule +
-                         Row(" 1 |  1525 | 65.3 C\x1b[0m |  80.0 C\x1b[0m | 0.85 V\x1b[0m |  200 / 250  |    12.50 MH/s"
-                             " |     7 (+ 7) |     5 (+ 5) |     1 (+ 1) |     2 (+ 2)") +
-                         "\x1b[1;32mI/Miner        : Total Hashrate: 12.50 MH/s\n\x1b[0m";
+  std::string expected =
+      std::string(kHeader) + kRule +
+      Row(" 1 |  215  | 65.3 C\x1b[0m |  80.0 C\x1b[0m | 0.85 V\x1b[0m |  200 / 250  |       200.00 |           3.58"
+          " |     7 (+ 7) |     5 (+ 5) |     1 (+ 1) |     2 (+ 2)") +
+      Row(" 2 |  RK35 | 50.0 C\x1b[0m |    -- C\x1b[0m | 0.80 V\x1b[0m |  100 / 100  |      1000.00 |           0.00"
+          " |     0 (+ 0) |     0 (+ 0) |     0 (+ 0) |     0 (+ 0)") +
+      "\x1b[1;32mI/Miner        : Total Hashrate: 1200.00 MH/s (effective 3.58 MH/s)\n\x1b[0m";
   EXPECT_EQ(Table(), expected);
 
   worker.found = 19;
@@ -87,7 +103,7 @@ TEST_F(StatusTableTest, RowShowsReadingsClocksRateAndCountersWithGrowth) {
 TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTotal) {
   Worker &disabled = Add("1525", 1);
   disabled.enabled = false;
-  disabled.hashRateMHs = 100.0;
+  disabled.currentClockHz = 100000000;
   const char *expectedLines[] = {
       "\x1b[1;33mI/Miner        : Worker 2: Started waiting for work 6 seconds ago\n\x1b[0m",
       "\x1b[1;33mI/Miner        : Worker 3: Started initializing 7 seconds ago\n\x1b[0m",
@@ -100,17 +116,17 @@ TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTota
     Worker &stale = Add("1525", 1);
     stale.state = state;
     stale.heartbeat = kNow - 6 - state;
-    stale.hashRateMHs = 100.0;
+    stale.currentClockHz = 100000000;
   }
   Worker &fresh = Add("1525", 1);
-  fresh.heartbeat = kNow - 5;  // five seconds is not yet stale
-  fresh.hashRateMHs = 3.25;
+  fresh.heartbeat = kNow - 5;       // five seconds is not yet stale
+  fresh.currentClockHz = 25000000;  // 12 cores at 25 MHz
 
   std::string text = Table();
   EXPECT_NE(text.find("\x1b[1;33mI/Miner        : Worker 1: Offline (Disabled)\n\x1b[0m"), std::string::npos);
   for (const char *line : expectedLines) EXPECT_NE(text.find(line), std::string::npos) << line;
   EXPECT_NE(text.find("I/Miner        :  8 |  1525 |"), std::string::npos);
-  EXPECT_NE(text.find("Total Hashrate: 3.25 MH/s\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Total Hashrate: 300.00 MH/s (effective 0.00 MH/s)\n"), std::string::npos) << text;
 }
 
 // Runs `passes` console passes, returning the captured output and the pass
@@ -150,7 +166,7 @@ TEST_F(StatusTableTest, TableEveryFiftyPassesAndTheWatchdogFedEveryPass) {
 }
 
 TEST_F(StatusTableTest, VrmBannerComesOnlyWithATableThatShowsAHotRegulator) {
-  Worker &worker = Add("1525", 1);
+  Worker &worker = Add("101 ", 2);
   worker.vrmTemperature = 125.5;
   std::atomic<uint64_t> counter{0};
   Passes hot = RunPasses(session_, 50, counter);

@@ -119,7 +119,8 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
   run.SetPassword(kPassword);
   run.AddEnvironment("NO_COLOR=1");
   std::filesystem::path logFile = run.WorkDir() / "miner.log";
-  ASSERT_TRUE(run.Start({"--log-file", logFile.string()}));
+  // Verbose: the raw lines are where an escape would show.
+  ASSERT_TRUE(run.Start({"--log-file", logFile.string(), "--verbose"}));
   ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 2; })) << run.Output();
   uint64_t start = run.Pool("accepted");
   run.Pump(std::chrono::milliseconds(10000));

@@ -151,7 +151,7 @@ class MinerRun {
     uint64_t sum = 0;
     for (unsigned number = 1; number <= workers; number++) {
       auto columns = LastRow(number);
-      if (columns.size() > 8) sum += std::stoull(columns[8]);
+      if (columns.size() > 9) sum += std::stoull(columns[9]);
     }
     return sum;
   }

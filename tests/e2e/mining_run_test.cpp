@@ -8,8 +8,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
+#include <vector>
 
 #include "e2e/miner_run.h"
 
@@ -27,6 +30,26 @@ std::string ReadFile(const std::filesystem::path &path) {
   return text.str();
 }
 
+using Table = std::map<unsigned, std::vector<std::string>>;
+
+// Each status table printed so far: its rows' columns by worker number.
+std::vector<Table> Tables(const std::string &output) {
+  const std::string prefix = "I/Miner        : ";
+  std::vector<Table> tables;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("Id | Model |") != std::string::npos) tables.emplace_back();
+    unsigned number = 0;
+    if (tables.empty() || line.rfind(prefix, 0) != 0 || line.compare(prefix.size() + 2, 2, " |") != 0 ||
+        sscanf(line.c_str() + prefix.size(), "%2u |", &number) != 1) {
+      continue;
+    }
+    std::stringstream row(line.substr(prefix.size()));
+    for (std::string column; std::getline(row, column, '|');) tables.back()[number].push_back(column);
+  }
+  return tables;
+}
+
 TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
   MinerRun run(kTwoBoards, kEasyPool);
   ASSERT_TRUE(run.Start());
@@ -35,6 +58,33 @@ TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
     return run.Pool("accepted") >= 6 && run.SubmittedJobs().size() >= 2 && run.Count("Worker 1 - YAY") >= 1 &&
            run.Count("Worker 2 - YAY") >= 1;
   })) << run.Output();
+
+  // The screen: two tables in a row that show both boards give each its
+  // nominal rate (not yet stepped, the clock at its start) and an effective
+  // one; board 1 has no regulator sensor. Between them, a share is its
+  // outcome line and no raw line of the pool link.
+  size_t first = 0;
+  auto bothShown = [&](const std::vector<Table> &tables) {
+    for (first = 0; first + 1 < tables.size(); first++) {
+      if (tables[first].size() == 2 && tables[first + 1].size() == 2) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(run.Until([&] { return bothShown(Tables(run.Output())); })) << run.Output();
+  std::vector<Table> tables = Tables(run.Output());
+  for (const Table &table : {tables[first], tables[first + 1]}) {
+    for (const auto &[number, columns] : table) {
+      SCOPED_TRACE(number);
+      ASSERT_EQ(columns.size(), 12u);
+      EXPECT_GT(std::stod(columns[6]), 0.0) << "nominal";
+      EXPECT_GE(std::stod(columns[7]), 0.0) << "effective";
+      EXPECT_EQ(columns[3].find("--") != std::string::npos, number == 1) << columns[3];
+    }
+  }
+  EXPECT_EQ(run.Count("Sending "), 0u);
+  EXPECT_EQ(run.Count("Received Message"), 0u);
+  EXPECT_GE(run.Count(" ms)"), 1u);
+  EXPECT_EQ(run.Count("Share Accepted! (answered in "), run.Count("Share Accepted!"));
 
   // Searches all but stop; once the answers in flight are in, the table and
   // the pool agree.

@@ -1,14 +1,14 @@
 // Whatever a client sends the API or the metrics endpoint: the API answers
 // with one JSON object that has a STATUS, never runs a privileged command for
 // a client without the right, and a privileged client gets a STATUS too. The
-// metrics endpoint answers 200 to GET /metrics alone.
+// metrics port answers 200 to GETs alone.
 #include <cstdint>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "monitor/api.h"
-#include "monitor/metrics.h"
+#include "monitor/http_pages.h"
 
 namespace {
 
@@ -44,8 +44,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   reply = nlohmann::json::parse(ApiReply(text, true, run, record, "ombry-miner fuzz", 0), nullptr, false);
   Check(reply.is_object() && reply.contains("STATUS"));
 
-  std::string answer = MetricsHttpAnswer(text, [] { return std::string("ombry_up 1\n"); });
-  if (answer.rfind("HTTP/1.1 200 ", 0) == 0) Check(text.rfind("GET /metrics HTTP/1.", 0) == 0);
+  HttpContent content;
+  content.metrics = [] { return std::string("ombry_up 1\n"); };
+  content.status = [&run] { return StatusJson(run, "ombry-miner fuzz", 0); };
+  std::string answer = HttpAnswer(text, content);
+  if (answer.rfind("HTTP/1.1 200 ", 0) == 0) Check(text.rfind("GET /", 0) == 0);
   Check(answer.find("\r\n\r\n") != std::string::npos);
   return 0;
 }

@@ -11,6 +11,7 @@
 
 #include "monitor/api.h"
 #include "monitor/effective_rate.h"
+#include "monitor/http_pages.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "net/loopback_peer.h"
@@ -193,6 +194,50 @@ TEST(ApiRequestTest, RequestsPastTheNestingLimitAreCompleteAndRefused) {
   EXPECT_FALSE(ParseApiRequest(fits, request));  // a parameter must be text or a number
   EXPECT_TRUE(ParseApiRequest(R"({"command":"summary","parameter":1})", request));
   EXPECT_EQ(request.command, "summary");
+}
+
+// Each path gets its own body and type, a body is made only when its path is
+// asked for, and everything else is 404; the page loads nothing from elsewhere.
+TEST(HttpPagesTest, EachPathGetsItsBodyAndEverythingElseIsNotFound) {
+  int metricsMade = 0, statusMade = 0;
+  HttpContent content;
+  content.metrics = [&] { return metricsMade++, std::string("ombry_up 1\n"); };
+  content.status = [&] { return statusMade++, std::string("{\"Miner\":\"m\"}"); };
+  struct Case {
+    const char *request;
+    const char *status;
+    const char *type;  // the Content-Type, or null for 404
+    int metrics, page;
+  };
+  const Case cases[] = {
+      {"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n", "200 OK", "text/plain; version=0.0.4", 1, 0},
+      {"GET /status.json?t=1 HTTP/1.0\n\n", "200 OK", "application/json", 0, 0},
+      {"GET / HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, 1},
+      {"GET /index.html HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, 1},
+      {"POST / HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
+      {"GET /favicon.ico HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
+      {"GET /metrics HTTP/2\r\n\r\n", "404 Not Found", nullptr, 0, 0},
+      {"GET /metricsx HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
+      {"GET HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
+  };
+  for (const Case &c : cases) {
+    int metricsBefore = metricsMade;
+    std::string answer = HttpAnswer(c.request, content);
+    EXPECT_EQ(answer.rfind(std::string("HTTP/1.1 ") + c.status + "\r\n", 0), 0u) << c.request;
+    std::string head = answer.substr(0, answer.find("\r\n\r\n"));
+    std::string body = answer.substr(head.size() + 4);
+    EXPECT_NE(head.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos) << c.request;
+    if (c.type) { EXPECT_NE(head.find(std::string("Content-Type: ") + c.type), std::string::npos) << c.request; }
+    EXPECT_EQ(metricsMade - metricsBefore, c.metrics) << c.request;
+    EXPECT_EQ(body == StatusPage(), c.page == 1) << c.request;
+  }
+  EXPECT_EQ(statusMade, 1);
+  EXPECT_NE(HttpAnswer("GET / HTTP/1.1\r\n\r\n", content).find("Content-Security-Policy: default-src 'none';"),
+            std::string::npos);
+  // Self-contained: no address of anything beyond the miner itself.
+  for (const char *outside : {"http:", "https:", "//", "src=", "@import", "url("}) {
+    EXPECT_EQ(StatusPage().find(outside), std::string::npos) << outside;
+  }
 }
 
 }  // namespace

@@ -87,14 +87,4 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   EXPECT_EQ(result.out.substr(result.out.find(found) + found.size()), colours);
 }
 
-constexpr const char *kMiningBoards = R"(
-xdma0 model=7 dna=00000001,00000002,00000003
-xdma1 model=9 subdevices=1,2,3 dna=10000000,20000000,30000000
-xdma1.1 dna=10000001,20000001,30000001
-xdma1.2 bitstream=0x000C0003
-xdma1.3 dna=10000003,20000003,30000003
-xdma2 model=3 layout=0 dna=aaaa0001,bbbb0002
-xdma3 model=1 bitstream=0x00020101
-)";
-
 }  // namespace

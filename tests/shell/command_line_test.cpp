@@ -33,6 +33,8 @@ TEST(CommandLineTest, OptionsStandAnywhereAndLeaveThePositionalWordsInOrder) {
   EXPECT_EQ(parsed.line.positional, (std::vector<std::string>{"ombry-miner", "ckb", "pool", "3333", "w", "x", "200"}));
   EXPECT_EQ(parsed.line.options.poolSilenceSeconds, 45);
   EXPECT_EQ(parsed.line.options.shareTimeoutSeconds, 12.5);
+  EXPECT_FALSE(parsed.line.options.verbose);
+  EXPECT_TRUE(Parse({"ckb", "--verbose"}).line.options.verbose);
 
   Parsed plain = Parse({"ckb", "pool", "3333", "w", "x"});
   ASSERT_TRUE(plain.ok);
@@ -56,6 +58,7 @@ TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
       {{"--help=yes"}, "--help takes no value"},
       {{"--api-allow", "pool.example.org"}, "--api-allow 'pool.example.org'"},
       {{"--api-allow", "127.0.0.256"}, "--api-allow '127.0.0.256'"},
+      {{"--verbose=1"}, "--verbose takes no value"},
   };
   for (const Case &c : cases) {
     Parsed parsed = Parse(c.words);
@@ -81,7 +84,7 @@ std::string WriteSettings(const std::string &text) {
 TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
   std::string path =
       WriteSettings(R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
-                    R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20"})");
+                    R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20","verbose":true})");
   Parsed fromFile = Parse({"--config", path});
   ASSERT_TRUE(fromFile.ok) << fromFile.error;
   // A device without a clock: the clock's place holds "no forced clock".
@@ -89,6 +92,7 @@ TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
             (std::vector<std::string>{"ombry-miner", "ckb", "pool.example", "3333", "w.rig", "x", "0", "/dev/xdma0"}));
   EXPECT_EQ(fromFile.line.options.poolSilenceSeconds, 120);
   EXPECT_EQ(fromFile.line.options.shareTimeoutSeconds, 20);
+  EXPECT_TRUE(fromFile.line.options.verbose);
 
   Parsed overridden = Parse({"ckb", "other.pool", "--pool-silence", "60", "--config=" + path});
   ASSERT_TRUE(overridden.ok) << overridden.error;
@@ -97,6 +101,12 @@ TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
   EXPECT_EQ(overridden.line.options.poolSilenceSeconds, 60);
   EXPECT_EQ(overridden.line.options.shareTimeoutSeconds, 20);
   std::remove(path.c_str());
+
+  std::string quiet = WriteSettings(R"({"verbose":false})");
+  Parsed notVerbose = Parse({"ckb", "pool", "3333", "w", "x", "--config", quiet});
+  ASSERT_TRUE(notVerbose.ok) << notVerbose.error;
+  EXPECT_FALSE(notVerbose.line.options.verbose);
+  std::remove(quiet.c_str());
 }
 
 TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
@@ -109,6 +119,8 @@ TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
       {R"(["ckb"])", "one JSON object"},
       {R"({"pool-silnce":90})", "key 'pool-silnce': not a setting"},
       {R"({"help":"1"})", "key 'help': not a setting"},
+      {R"({"help":true})", "key 'help': not a setting"},
+      {R"({"verbose":"yes"})", "key 'verbose': needs true or false"},
       {R"({"pool-silence":-3})", "key 'pool-silence' '-3'"},
       {R"({"share-timeout":[1,2]})", "key 'share-timeout': takes one value"},
       {R"({"port":{"n":1}})", "key 'port': needs a string or a number"},

@@ -108,8 +108,9 @@ def run(options):
     pool.start()
     env = dict(os.environ, OMBRY_SIM_BOARDS=boards, OMBRY_SIM_CONTROL=control, OMBRY_DEVICE_DIR="/ombry-soak")
     log = open(log_path, "w", encoding="utf-8", errors="replace")
-    miner = subprocess.Popen([MINER, "ckb", "127.0.0.1", str(pool.port), "soak.rig", "x"], cwd=work, env=env,
-                             stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT)
+    # Verbose: the shares sent are counted from the raw lines.
+    miner = subprocess.Popen([MINER, "ckb", "127.0.0.1", str(pool.port), "soak.rig", "x", "--verbose"], cwd=work,
+                             env=env, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT)
     faults = []
     try:
         time.sleep(15)  # boards up, first shares in
