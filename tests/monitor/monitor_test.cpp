@@ -12,6 +12,7 @@
 #include "monitor/api.h"
 #include "monitor/effective_rate.h"
 #include "monitor/http_pages.h"
+#include "monitor/ledger.h"
 #include "monitor/metrics.h"
 #include "monitor/tcp_server.h"
 #include "net/loopback_peer.h"
@@ -158,6 +159,33 @@ TEST(EffectiveRateTest, AcceptedSharesStandForTheirDifficultyOverEachWindow) {
   rate.Add(1000, 1);
   EXPECT_DOUBLE_EQ(rate.PerSecond(1000, 900, 0), perShare / 900);
   EXPECT_DOUBLE_EQ(rate.TotalHashes(), 4.5 * perShare);
+}
+
+// Each answer is credited to its board, its pool and the run; jobs and
+// reconnects to their pool; an answer for no known board still counts in all.
+TEST(LedgerTest, EveryCounterMonitoringShowsMovesWithWhatItCounts) {
+  RunLedger ledger;
+  ledger.Open(2, 2, 0);
+  ledger.ShareAnswered(1, 1, 1, true, 5, 1005);
+  ledger.ShareAnswered(1, 1, 1, false, 6, 1006);
+  ledger.ShareAnswered(0, 0, 1, false, 7, 1007);
+  ledger.ShareAnswered(9, 0, 1, true, 8, 1008);
+  ledger.Job(1, 1009);
+  ledger.Job(1, 1010);
+  ledger.Reconnect(1);
+  using Counts = std::pair<uint64_t, uint64_t>;  // accepted, rejected
+  auto counts = [](const ShareTally &tally) { return Counts(tally.accepted, tally.rejected); };
+  EXPECT_EQ(counts(ledger.Total()), Counts(2, 2));
+  EXPECT_EQ(counts(ledger.Board(0)), Counts(0, 1));
+  EXPECT_EQ(counts(ledger.Board(1)), Counts(1, 1));
+  EXPECT_EQ(counts(ledger.Pool(0)), Counts(1, 1));
+  PoolTally second = ledger.Pool(1);
+  EXPECT_EQ(counts(second), Counts(1, 1));
+  EXPECT_EQ(second.lastShareTime, 1005);  // the last accepted one
+  EXPECT_EQ(second.jobs, 2u);
+  EXPECT_EQ(second.lastJobTime, 1010);
+  EXPECT_EQ(second.reconnects, 1u);
+  EXPECT_EQ(ledger.Pool(0).jobs + ledger.Pool(0).reconnects, 0u);
 }
 
 TEST(MetricsTest, StatesThrottleAndRejectReasonsAreSeriesAlertsCanSelect) {
