@@ -6,10 +6,8 @@
 #include <bit>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
-#include "foundation/json.h"
 #include "foundation/object.h"
 
 inline std::string Show(const VLObject *obj) {
@@ -66,6 +64,3 @@ inline std::string Show(const VLObject *obj) {
     default: return "tag" + std::to_string(VLObjectType(obj));
   }
 }
-
-// The JSON reader on a C string.
-inline VLObject *ReadJson(const char *text) { return VLJsonRead(text, static_cast<uint32_t>(strlen(text))); }
