@@ -3,23 +3,58 @@
 # in turn, rebuilds only the test binary it names (ninja rebuilds what the
 # change touches), runs that binary's tests with the given filter, and puts
 # the file back. A mutant the tests fail on is killed; one they pass is a
-# fault the suite does not catch. Prints a line per mutant and a table per
-# area. Not part of the test command: it takes a while.
+# fault the suite does not catch; one whose tests neither fail nor end within
+# the time limit (four times the unmutated run, at least 60 s) timed out,
+# counted apart: a hang is caught, but by no check. Prints a line per mutant
+# and a table per area. Not part of the test command: it takes a while.
+#
+# Stopped midway (Ctrl+C, SIGTERM, SIGHUP) it ends the build or tests under
+# way, puts the mutated file back and makes its objects stale. After a SIGKILL
+# or a power loss, the next run (or `scripts/mutate.sh --restore`) puts back
+# what a "<file>.mutate-backup" beside a source holds before anything else.
 #   scripts/mutate.sh [build-dir] [mutations-file]     defaults: build, scripts/mutations.txt
+#   scripts/mutate.sh --restore
 set -euo pipefail
 cd "$(dirname "$0")/.."
-dir=${1:-build}
-list=${2:-scripts/mutations.txt}
-[ -f "$dir/build.ninja" ] || cmake -S . -B "$dir" -G Ninja -DOMBRY_WERROR=ON >/dev/null
-cmake --build "$dir" >/dev/null
 
-exec python3 - "$dir" "$list" <<'PY'
-import collections, os, shutil, signal, subprocess, sys, time
+exec python3 - "$@" <<'PY'
+import collections, os, signal, subprocess, sys, time
 
-# A stop signal unwinds like an interrupt, so that the mutated file is put back.
-signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+STOP_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+BACKUP = ".mutate-backup"
 
-build, listing = sys.argv[1], sys.argv[2]
+
+class Stopped(Exception):
+    pass
+
+
+def on_stop(number, _frame):
+    raise Stopped(signal.Signals(number).name)
+
+
+for stop in STOP_SIGNALS:
+    signal.signal(stop, on_stop)
+
+
+def restore_leftovers():
+    """Puts back every source a run that could not clean up left mutated."""
+    for root in ("src", "sim", "tools", "bench"):
+        for folder, _, files in os.walk(root):
+            for name in files:
+                if name.endswith(BACKUP):
+                    backup = os.path.join(folder, name)
+                    source = backup[: -len(BACKUP)]
+                    os.replace(backup, source)
+                    os.utime(source)
+                    print(f"restored {source} from an interrupted run", flush=True)
+
+
+restore_leftovers()
+if sys.argv[1:] == ["--restore"]:
+    sys.exit(0)
+build = sys.argv[1] if len(sys.argv) > 1 else "build"
+listing = sys.argv[2] if len(sys.argv) > 2 else "scripts/mutations.txt"
+
 mutants = []
 for number, line in enumerate(open(listing), 1):
     if not line.strip() or line.startswith("#"):
@@ -31,11 +66,43 @@ for number, line in enumerate(open(listing), 1):
     area, path, binary, filter_ = (field.strip() for field in fields[:4])
     mutants.append((number, area, path, binary, filter_, text.replace("\\n", "\n"), replacement.replace("\\n", "\n")))
 
+# Children run in sessions of their own, so that a stop reaches the compilers
+# under ninja and the tests' own children too, and none of them writes a
+# mutated object after the source is back.
+running = []
+
+
+def start(argv, **kwargs):
+    child = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+                             **kwargs)
+    running.append(child)
+    return child
+
+
+def end(child):
+    if child.poll() is None:
+        try:
+            os.killpg(child.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+    child.wait()
+    running.remove(child)
+
+
+def run(argv):
+    child = start(argv)
+    try:
+        return child.wait()
+    finally:
+        end(child)
+
+
 def find_binary(name):
     for root, _, files in os.walk(os.path.join(build, "tests")):
         if name in files:
             return os.path.join(root, name)
     sys.exit(f"no test binary {name} in {build}")
+
 
 # As ctest runs them: the tests find the built tools and the sources by these.
 environment = dict(os.environ, OMBRY_BUILD_DIR=os.path.abspath(build), OMBRY_SOURCE_DIR=os.getcwd())
@@ -44,60 +111,98 @@ environment = dict(os.environ, OMBRY_BUILD_DIR=os.path.abspath(build), OMBRY_SOU
 SHARDED = {"tests_stratum": 4}
 
 
-def passes(binary, filter_):
-    """Whether the binary's tests pass; a run past the limit is a hang and fails."""
+def outcome(binary, filter_, limit):
+    """'passed', 'failed', or 'timed out' when no shard failed but one ran past the limit."""
     count = SHARDED.get(binary, 1)
-    shards = [subprocess.Popen([find_binary(binary), f"--gtest_filter={filter_}", "--gtest_brief=1"],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                               env=dict(environment, GTEST_TOTAL_SHARDS=str(count), GTEST_SHARD_INDEX=str(i)))
+    shards = [start([find_binary(binary), f"--gtest_filter={filter_}", "--gtest_brief=1"],
+                    env=dict(environment, GTEST_TOTAL_SHARDS=str(count), GTEST_SHARD_INDEX=str(i)))
               for i in range(count)]
-    deadline = time.time() + 150
-    ok = True
-    for shard in shards:
-        try:
-            ok = shard.wait(timeout=max(1, deadline - time.time())) == 0 and ok
-        except subprocess.TimeoutExpired:
-            ok = False
-    for shard in shards:
-        if shard.poll() is None:
-            shard.kill()
-            shard.wait()
-    return ok
-
-
-# The unmutated code must pass every run the list names, or a verdict means nothing.
-for binary, filter_ in sorted({(m[3], m[4]) for m in mutants}):
-    if not passes(binary, filter_):
-        sys.exit(f"{binary} --gtest_filter={filter_} fails without a mutant; fix that first")
-
-tally = collections.defaultdict(lambda: collections.Counter())
-for number, area, path, binary, filter_, text, replacement in mutants:
-    source = open(path).read()
-    if text not in source:
-        print(f"line {number}: {path}: text not found", flush=True)
-        tally[area]["missing"] += 1
-        continue
-    backup = path + ".mutate-backup"
-    shutil.copy2(path, backup)
-    started = time.time()
+    deadline = time.time() + limit
+    failed = hung = False
     try:
-        with open(path, "w") as out:
-            out.write(source.replace(text, replacement, 1))
-        built = subprocess.run(["cmake", "--build", build, "--target", binary],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
-        verdict = "invalid" if not built else ("survived" if passes(binary, filter_) else "killed")
+        for shard in shards:
+            try:
+                failed = shard.wait(timeout=max(1, deadline - time.time())) != 0 or failed
+            except subprocess.TimeoutExpired:
+                hung = True
     finally:
-        shutil.move(backup, path)
-        os.utime(path)  # newer than the mutant's objects: the next build redoes them
-    tally[area][verdict] += 1
-    print(f"line {number:3}: {verdict:8} {area:10} {path}  ({time.time() - started:.0f} s)", flush=True)
+        for shard in shards:
+            end(shard)
+    return "failed" if failed else "timed out" if hung else "passed"
 
-subprocess.run(["cmake", "--build", build], stdout=subprocess.DEVNULL)
+
+def mutate(path, source, mutated):
+    """Writes the mutant, with the original beside it until it is back."""
+    with open(path + BACKUP, "w") as out:
+        out.write(source)
+    with open(path, "w") as out:
+        out.write(mutated)
+
+
+def put_back(path, source):
+    # Nothing may stop this halfway: further stop signals wait until it is done.
+    signal.pthread_sigmask(signal.SIG_BLOCK, STOP_SIGNALS)
+    try:
+        for child in list(running):
+            end(child)
+        if os.path.exists(path + BACKUP):
+            with open(path, "w") as out:
+                out.write(source)
+            os.remove(path + BACKUP)
+        os.utime(path)  # newer than the mutant's objects: the next build redoes them
+    finally:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, STOP_SIGNALS)
+
+
+tally = collections.defaultdict(collections.Counter)
+try:
+    if not os.path.exists(os.path.join(build, "build.ninja")):
+        if run(["cmake", "-S", ".", "-B", build, "-G", "Ninja", "-DOMBRY_WERROR=ON"]) != 0:
+            sys.exit("cmake failed")
+    if run(["cmake", "--build", build]) != 0:
+        sys.exit(f"the unmutated code does not build in {build}")
+
+    # The unmutated code must pass every run the list names, or a verdict
+    # means nothing; its time sets the limit of each run.
+    limits = {}
+    for binary, filter_ in sorted({(m[3], m[4]) for m in mutants}):
+        started = time.time()
+        if outcome(binary, filter_, 900) != "passed":
+            sys.exit(f"{binary} --gtest_filter={filter_} fails without a mutant; fix that first")
+        limits[(binary, filter_)] = max(60, 4 * (time.time() - started))
+
+    for number, area, path, binary, filter_, text, replacement in mutants:
+        source = open(path).read()
+        if text not in source:
+            print(f"line {number}: {path}: text not found", flush=True)
+            tally[area]["missing"] += 1
+            continue
+        started = time.time()
+        try:
+            mutate(path, source, source.replace(text, replacement, 1))
+            built = run(["cmake", "--build", build, "--target", binary]) == 0
+            verdict = outcome(binary, filter_, limits[(binary, filter_)]) if built else "invalid"
+        finally:
+            put_back(path, source)
+        verdict = {"failed": "killed", "passed": "survived"}.get(verdict, verdict)
+        tally[area][verdict] += 1
+        print(f"line {number:3}: {verdict:9} {area:10} {path}  ({time.time() - started:.0f} s)", flush=True)
+    run(["cmake", "--build", build])
+except Stopped as stop:
+    # Stopped before the file was back (a signal right at the start of
+    # put_back): the backup beside it still holds the original.
+    signal.pthread_sigmask(signal.SIG_BLOCK, STOP_SIGNALS)
+    for child in list(running):
+        end(child)
+    restore_leftovers()
+    print(f"\nstopped by {stop}; every source is as it was", flush=True)
+    sys.exit(130)
+
+columns = ("killed", "survived", "timed out", "invalid", "missing")
 print()
-print(f"{'area':12}{'killed':>8}{'survived':>10}{'invalid':>9}")
+print(f"{'area':12}" + "".join(f"{c:>11}" for c in columns))
 for area in sorted(tally):
-    t = tally[area]
-    print(f"{area:12}{t['killed']:>8}{t['survived']:>10}{t['invalid']:>9}")
+    print(f"{area:12}" + "".join(f"{tally[area][c]:>11}" for c in columns))
 total = sum(tally.values(), collections.Counter())
-print(f"{'all':12}{total['killed']:>8}{total['survived']:>10}{total['invalid']:>9}")
+print(f"{'all':12}" + "".join(f"{total[c]:>11}" for c in columns))
 PY

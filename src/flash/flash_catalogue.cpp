@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr const char *kTag = "Miner";
 constexpr const char *kStaticImageName = "static.bin";
 // Address space that one model's loose images may take.
 constexpr uint64_t kModelImageBudget = 0x100000000ull;

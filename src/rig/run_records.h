@@ -97,7 +97,7 @@ struct Worker : StratumShareCounters {
 
 // The pool's part (connection, state, job, difficulty, extranonce) comes with
 // StratumContext.
-struct MiningContext : StratumContext {
+struct MiningContext final : StratumContext {
   uint32_t algorithm = 0;
   RunOptions options;
   std::vector<std::unique_ptr<Worker>> workers;

@@ -62,7 +62,12 @@ bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::
   }
   std::stringstream text;
   text << file.rdbuf();
-  Json document = Json::parse(text.str(), nullptr, false);
+  return ReadConfigText(text.str(), path, settings, error);
+}
+
+bool ReadConfigText(const std::string &text, const std::string &path, ConfigFileSettings &settings,
+                    std::string &error) {
+  Json document = Json::parse(text, nullptr, false);
   if (document.is_discarded()) {
     error = "settings file " + path + " is not valid JSON";
     return false;

@@ -18,3 +18,5 @@ struct ConfigFileSettings {
 // applies, the key: unreadable file, bad JSON, a key that is neither an option
 // nor a positional name, a value of the wrong kind.
 bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::string &error);
+// The same on text already read; `path` names the file in `error`.
+bool ReadConfigText(const std::string &text, const std::string &path, ConfigFileSettings &settings, std::string &error);

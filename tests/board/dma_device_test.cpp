@@ -3,8 +3,10 @@
 #include "board/dma_device.h"
 
 #include <numeric>
+#include <thread>
 
 #include "board_fixture.h"
+#include "foundation/vltime.h"
 
 using board_test::Boards;
 using board_test::Filter;
@@ -135,6 +137,34 @@ TEST(DmaDeviceRegisters, FailingBoardReadsAsZeroAndOthersCarryOn) {
 
   boards.Run("xdma0 faults=none");
   EXPECT_EQ(BRYLDMADeviceRead(primary.get(), primary->userFile, 8), 0x000C0004u);
+}
+
+// A failing read is told at once, then counted and told at most every 10 s,
+// by the device and by its file alike. The steps below take milliseconds and
+// start right after a second begins, so no second passes between them.
+TEST(DmaDeviceRegisters, FailedReadsAreToldOnceAndThenAtMostEvery10Seconds) {
+  Boards boards("xdma0 model=7");
+  auto device = boards.Open("xdma0");
+  ASSERT_TRUE(device);
+  boards.Run("xdma0 read_error=1");
+  LogRecorder log;
+  for (uint64_t start = VLTimeSeconds(); VLTimeSeconds() == start;) std::this_thread::yield();
+  auto failAfter = [&](int64_t secondsSinceTold) {
+    if (secondsSinceTold >= 0) {
+      device->failuresToldAt = device->userFile->failuresToldAt =
+          static_cast<int64_t>(VLTimeSeconds()) - secondsSinceTold;
+    }
+    EXPECT_EQ(BRYLDMADeviceRead(device.get(), device->userFile, 8), 0u);
+    return log.Count("failed");
+  };
+  EXPECT_EQ(failAfter(-1), 2u);  // the first failure
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "read control failed. 00000008"));
+  EXPECT_EQ(failAfter(-1), 2u);
+  EXPECT_EQ(failAfter(9), 2u);
+  EXPECT_EQ(failAfter(10), 4u);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "read control failed at 0x8, 3 times in the last 10 s"));
+  EXPECT_TRUE(log.Has("DMA_FILE", "failed to Read from device: 5, 3 times in the last 10 s"));
+  EXPECT_EQ(failAfter(-1), 4u);
 }
 
 }  // namespace

@@ -38,7 +38,8 @@ double Since(std::chrono::steady_clock::time_point start) {
 TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
   testing_support::TestPool backup(EasyPool("2"));
   MinerRun run(kTwoBoards, EasyPool("1"));
-  ASSERT_TRUE(run.Start({"--pool", Url(backup), "--failback-delay", "4", "--primary-retry", "2"}));
+  ASSERT_TRUE(run.Start({"--pool", Url(backup), "--failback-delay", "4", "--primary-retry", "2", "--api-listen",
+                         "127.0.0.1:0", "--api-allow", "127.0.0.1"}));
   ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; }));
   const uint16_t port = run.PoolProcess().Port();
 
@@ -56,6 +57,14 @@ TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
   EXPECT_EQ(run.Count("the primary pool has been back for 4 s"), 1u);
   std::cout << "first accepted share: on the backup " << toBackup << " s after the primary stopped, on the primary "
             << toPrimary << " s after it returned\n";
+
+  // The operator moves the rig to the backup through the API.
+  uint64_t onBackup = PoolCount(backup, "accepted");
+  EXPECT_EQ(Api(PortAfter(run, "JSON API listening on port "), "switchpool|1")["STATUS"][0]["STATUS"], "S");
+  ASSERT_TRUE(run.Until([&] { return PoolCount(backup, "accepted") > onBackup; }, 30s)) << run.Output();
+  EXPECT_EQ(run.Count("Switching from pool stratum+tcp://127.0.0.1:" + std::to_string(port) + " to pool " +
+                      Url(backup) + ": the operator asked for it"),
+            1u);
 
   run.Child().Type("q");
   EXPECT_EQ(run.Child().Wait(), 0);
@@ -79,8 +88,14 @@ TEST(Failover, ARefusedLoginOrASilentPoolIsLeftAtOnceForTheNextOfThree) {
     down.Stop();  // the second pool is gone too: the third takes over
     testing_support::TestPool third(EasyPool("5"));
     MinerRun run(kTwoBoards, EasyPool("6", c.primary));
-    ASSERT_TRUE(run.Start({"--pool", Url(down), "--pool", Url(third), "--pool-silence", "3", "--failback-delay", "0"}));
+    ASSERT_TRUE(run.Start({"--pool", Url(down), "--pool", Url(third), "--pool-silence", "3", "--failback-delay", "0",
+                           "--api-listen", "127.0.0.1:0"}));
     ASSERT_TRUE(run.Until([&] { return PoolCount(third, "accepted") >= 2; })) << run.Output();
+    // Without --api-allow nobody may change the run, this machine included;
+    // anybody may read.
+    uint16_t api = PortAfter(run, "JSON API listening on port ");
+    EXPECT_EQ(Api(api, "switchpool|0")["STATUS"][0]["Msg"], "Access denied");
+    EXPECT_EQ(Api(api, "pools")["POOLS"][2]["Stratum Active"], true);
     EXPECT_EQ(run.Count(std::string(c.reason)), 1u);
     EXPECT_EQ(run.Count("Switching from pool"), 2u);
     ExpectOnlyOwnShares(third, "5");

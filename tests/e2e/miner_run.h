@@ -3,12 +3,16 @@
 // the simulator's command pipe, and what both sides recorded out.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <thread>
@@ -165,5 +169,47 @@ class MinerRun {
   std::vector<std::string> env_;
   std::unique_ptr<testing_support::PtyProcess> child_;
 };
+
+// One connection from `source` to a monitoring server of the miner on 127.0.0.1.
+inline int Connect(uint16_t port, const char *source = "127.0.0.1") {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  inet_pton(AF_INET, source, &local.sin_addr);
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << source;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeval limit{10, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  return fd;
+}
+
+// Sends `request` and reads the answer until the server closes.
+inline std::string Ask(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
+  int fd = Connect(port, source);
+  if (fd < 0) return "";
+  (void)!write(fd, request.data(), request.size());
+  std::string answer;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  return answer;
+}
+
+inline nlohmann::json Api(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
+  nlohmann::json reply = nlohmann::json::parse(Ask(port, request, source), nullptr, false);
+  return reply.is_discarded() ? nlohmann::json::object() : reply;
+}
+
+inline uint16_t PortAfter(const MinerRun &run, const std::string &text) {
+  size_t at = run.Output().find(text);
+  return at == std::string::npos ? 0 : static_cast<uint16_t>(std::stoul(run.Output().substr(at + text.size())));
+}
 
 }  // namespace e2e

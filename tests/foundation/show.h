@@ -6,10 +6,8 @@
 #include <bit>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
-#include "foundation/json.h"
 #include "foundation/object.h"
 
 inline std::string Show(const VLObject *obj) {
@@ -65,15 +63,4 @@ inline std::string Show(const VLObject *obj) {
     case VLTypeNull: return "null";
     default: return "tag" + std::to_string(VLObjectType(obj));
   }
-}
-
-// The JSON reader on a C string.
-inline VLObject *ReadJson(const char *text) { return VLJsonRead(text, static_cast<uint32_t>(strlen(text))); }
-
-// Parses `text` (as a string value) and renders the result.
-inline std::string ParseShow(const std::string &text) {
-  VLRef source(VLStringCreate(text.data(), static_cast<uint32_t>(text.size())));
-  if (text.empty()) source.Reset(VLStringCreateWithCapacity(0));
-  VLRef result(VLObjectParse(source.get()));
-  return Show(result.get());
 }

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "sim/in_process.h"
+
 namespace {
 
 std::unique_ptr<Worker> NewWorker(BoardModel model) {
@@ -45,34 +47,90 @@ TEST(GovernorTablesTest, TuningStepsOnlyWhileEnabledAndActive) {
   EXPECT_EQ(ClockStep(worker), 25000000u);
 }
 
-TEST(ThermalRuleTest, ThrottleRisesWhileCookingAndFallsOnlyPastTheDeadBand) {
-  ThermalLimits wide{0.75, 0.8};
-  SensorReadings cool{70.0, 90.0, 0.85};
-  SensorReadings hot{85.5, 90.0, 0.85};
-  SensorReadings warm{82.0, 90.0, 0.85};      // dead band: neither cooking nor recovered
-  SensorReadings vrmEdge{70.0, 105.0, 0.85};  // exactly 105 isn't cooking
-  SensorReadings vrmNoRecovery{70.0, 98.0, 0.85};
-  SensorReadings sagging{70.0, 90.0, 0.74};
-  SensorReadings sagRecovering{70.0, 90.0, 0.78};  // above cooking, below recovery
-
-  EXPECT_EQ(NextThrottleMHz(hot, wide, 0, 100000000), 1u);
-  EXPECT_EQ(NextThrottleMHz(sagging, wide, 3, 100000000), 4u);
-  EXPECT_EQ(NextThrottleMHz(warm, wide, 3, 100000000), 3u);
-  EXPECT_EQ(NextThrottleMHz(sagRecovering, wide, 3, 100000000), 3u);
-  EXPECT_FALSE(IsCooking(vrmEdge, wide));
-  EXPECT_EQ(NextThrottleMHz(vrmNoRecovery, wide, 3, 100000000), 3u);
-  EXPECT_EQ(NextThrottleMHz(cool, wide, 3, 100000000), 2u);
-  EXPECT_EQ(NextThrottleMHz(cool, wide, 0, 100000000), 0u);
-  // The throttle stops growing once it covers the whole target.
-  EXPECT_EQ(NextThrottleMHz(hot, wide, 100, 100000000), 100u);
-  EXPECT_EQ(NextThrottleMHz(hot, wide, 99, 100000000), 100u);
+// Every threshold of the thermal rule just inside and just outside: a
+// reading cooks (the throttle grows by 1 MHz), holds in the dead band, or has
+// recovered (it shrinks by 1 MHz). Each row moves one reading off a cool
+// board's; the wide family's VCCINT limits are 0.75 V and 0.8 V, the narrow
+// family's 0.5 V and none.
+TEST(ThermalRuleTest, EachThresholdCooksHoldsOrRecoversAtItsEdge) {
+  struct Row {
+    double core, vrm, vccint;
+    bool wide;
+    uint64_t throttleAfter;  // from 3 MHz
+  };
+  const Row rows[] = {
+      {85.01, 90.0, 0.85, true, 4},  {85.0, 90.0, 0.85, true, 3},   {80.01, 90.0, 0.85, true, 3},
+      {80.0, 90.0, 0.85, true, 2},   {70.0, 105.01, 0.85, true, 4}, {70.0, 105.0, 0.85, true, 3},
+      {70.0, 98.0, 0.85, true, 3},   {70.0, 97.99, 0.85, true, 2},  {70.0, 90.0, 0.749, true, 4},
+      {70.0, 90.0, 0.75, true, 3},   {70.0, 90.0, 0.799, true, 3},  {70.0, 90.0, 0.8, true, 2},
+      {70.0, 90.0, 0.499, false, 4}, {70.0, 90.0, 0.5, false, 2},
+  };
+  for (const Row &row : rows) {
+    SensorReadings readings{row.core, row.vrm, row.vccint};
+    ThermalLimits limits = row.wide ? ThermalLimits{0.75, 0.8} : ThermalLimits{0.5, 0.0};
+    EXPECT_EQ(NextThrottleMHz(readings, limits, 3, 100000000), row.throttleAfter)
+        << row.core << " C, " << row.vrm << " C, " << row.vccint << " V";
+    EXPECT_EQ(IsCooking(readings, limits), row.throttleAfter == 4);
+  }
+  // Nothing to recover from at 0; the throttle stops growing once it covers
+  // the whole target.
+  SensorReadings cool{70.0, 90.0, 0.85}, hot{85.5, 90.0, 0.85};
+  EXPECT_EQ(NextThrottleMHz(cool, {0.75, 0.8}, 0, 100000000), 0u);
+  EXPECT_EQ(NextThrottleMHz(hot, {0.75, 0.8}, 100, 100000000), 100u);
+  EXPECT_EQ(NextThrottleMHz(hot, {0.75, 0.8}, 99, 100000000), 100u);
 }
 
+// The range each sensor can give, at both ends; outside it is no reading.
 TEST(SensorValidityTest, AReadingTheHardwareCannotGiveIsNone) {
-  for (double celsius : {-279.4, -40.5, 125.5}) EXPECT_TRUE(std::isnan(ValidCoreTemperature(celsius))) << celsius;
-  for (double volts : {0.0, 0.49, 1.51}) EXPECT_TRUE(std::isnan(ValidVccint(volts))) << volts;
-  EXPECT_EQ(ValidCoreTemperature(125.0), 125.0);
-  EXPECT_EQ(ValidVccint(0.5), 0.5);
+  struct Row {
+    double (*valid)(double);
+    double lowest, highest, beyond;
+  };
+  const Row rows[] = {{ValidCoreTemperature, -40.0, 125.0, 0.01},
+                      {ValidVrmTemperature, -40.0, 150.0, 0.01},
+                      {ValidVccint, 0.5, 1.5, 0.001}};
+  for (const Row &row : rows) {
+    EXPECT_EQ(row.valid(row.lowest), row.lowest);
+    EXPECT_EQ(row.valid(row.highest), row.highest);
+    EXPECT_TRUE(std::isnan(row.valid(row.lowest - row.beyond))) << row.lowest;
+    EXPECT_TRUE(std::isnan(row.valid(row.highest + row.beyond))) << row.highest;
+  }
+}
+
+// A sensor pass shows what the board's converters read, to within half a
+// code, and throttles on it, on both families: just over 85 C cooks.
+TEST(SensorPassTest, ShowsWhatTheConvertersReadAndThrottlesOnIt) {
+  struct Row {
+    const char *board;
+    BoardModel model;
+    double core, coreCode, vrm, vccint;
+  };
+  const Row rows[] = {
+      {"xdma0 model=2 hot=85.1 vrm_hot=104.5 vccint=0.95 sagrate=0", 2, 85.1, 503.975 / 4096, 104.5, 0.95},
+      {"xdma0 model=7 hot=85.01 vccint=0.87 sagrate=0", 7, 85.01, 507.592131 / 65536, NAN, 0.87},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.board);
+    sim::InProcessBoards boards("/ombry-sensor-test");
+    std::string error;
+    ASSERT_TRUE(boards.AddList(row.board, &error)) << error;
+    boards.Install();
+    BRYLDMADevice *device = BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0);
+    ASSERT_NE(device, nullptr);
+    // As the worker starts a wide board: the regulator channel, averaged.
+    BRYLDMADeviceWrite(device, device->userFile, kRegXadcSequencer, kXadcSequencerAux6);
+    BRYLDMADeviceWrite(device, device->userFile, kRegXadcConfig0, kXadcConfig0Averaging);
+    I2CController i2c(device, kRegI2CBase);
+    auto worker = NewWorker(row.model);
+    worker->targetClockHz = 100000000;
+    uint64_t throttleMHz = 0;
+    SensorPass(device, i2c, *worker, "Test", RefClockHz(*worker), throttleMHz);
+    EXPECT_NEAR(worker->coreTemperature, row.core, row.coreCode / 2);
+    EXPECT_NEAR(worker->vccint, row.vccint, 3.0 / 4096 / 2);
+    if (!std::isnan(row.vrm)) { EXPECT_NEAR(worker->vrmTemperature, row.vrm, 1.90575 * 400 / 4096 / 2); }
+    EXPECT_EQ(throttleMHz, 1u);
+    BRYLDMADeviceClose(device);
+  }
 }
 
 TEST(ClockWalkTest, StepsUpToTheTargetAndOvershootsOnTheWayDown) {

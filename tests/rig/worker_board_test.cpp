@@ -11,8 +11,12 @@
 #include "foundation/logger.h"
 #include "hash/eaglesong.h"
 #include "rig/dispatch.h"
+#include "rig/governor.h"
 #include "rig/worker.h"
 #include "sim/blocks.h"
+#include "sim/eaglesong.h"
+#include "sim/hash_engine.h"
+#include "sim/iic.h"
 #include "sim/in_process.h"
 #include "stratum/targets.h"
 
@@ -92,10 +96,7 @@ class WorkerBoardTest : public ::testing::Test {
 TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
   Worker &worker = *context.workers[0];
   thread = RunWorker(context);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(worker.active);  // no job yet
-  EXPECT_EQ(worker.state, WorkerStateWaitingForWork);
-
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateWaitingForWork; }));
   context.SetCurrentJob(job);
   ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
   EXPECT_TRUE(worker.active);
@@ -117,15 +118,10 @@ TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
   EXPECT_EQ(Latched(kSlotNonceBlock + 8), 0u);
   EXPECT_EQ(Latched(kSlotNonceBlock + 12), 0u);
 
-  // The board target: rate-derived for 100 MHz on 10 cores, raised to the
-  // job's top limb if that is higher.
-  uint32_t rate[8];
-  RateDerivedBoardTarget(100000000, 10, false, rate);
-  uint64_t rateTop = static_cast<uint64_t>(rate[7]) << 32 | rate[6];
-  uint64_t jobTop = static_cast<uint64_t>(job->target[7]) << 32 | job->target[6];
-  uint64_t expectedTop = rateTop < jobTop ? jobTop : rateTop;
-  EXPECT_EQ(Latched(kSlotTargetHigh), static_cast<uint32_t>(expectedTop >> 32));
-  EXPECT_EQ(Latched(kSlotTargetLow), static_cast<uint32_t>(expectedTop));
+  // The board target's top limb: one report a second at 100 MHz on 10 cores,
+  // 0xFFFF * 2^48 / 1e9, above the job's 0xFFFF0000 at difficulty 1.
+  EXPECT_EQ(Latched(kSlotTargetHigh), 0x4u);
+  EXPECT_EQ(Latched(kSlotTargetLow), 0x4b7eae86u);
   EXPECT_FALSE(Held());  // released: the cores run
 }
 
@@ -148,6 +144,20 @@ TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
   EXPECT_TRUE(WaitUntil([&] { return Latched(kSlotMidstate) == midstate[0]; }));
   // An empty extranonce puts the nonce word at the start of the block.
   EXPECT_EQ(Latched(kSlotNonceBlock + 4), 0u);
+}
+
+// Without a new job the board is loaded again every refresh period, 20 ms
+// before the first clock step, each time with a fresh nonce word.
+TEST_F(WorkerBoardTest, TheBoardIsReloadedEveryRefreshPeriod) {
+  Worker &worker = *context.workers[0];
+  context.SetCurrentJob(job);
+  thread = RunWorker(context);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+  uint64_t drawn = job->nonceCounter.load();
+  uint32_t block = Latched(kSlotNonceBlock + 4);
+  EXPECT_TRUE(
+      WaitUntil([&] { return job->nonceCounter.load() >= drawn + 3 && Latched(kSlotNonceBlock + 4) != block; }));
+  EXPECT_EQ(context.jobGeneration.load(), 0u);
 }
 
 TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
@@ -189,34 +199,50 @@ TEST_F(WorkerBoardTest, AJobLoadWritesItsRegistersInTheBoardsOrder) {
 }
 
 // A board that fell off the bus reports all ones. The crash rule takes it out
-// at the fourth such report and not before, and a tuning run ends there: it
-// falls by the pass's step for each invalid report.
-TEST_F(WorkerBoardTest, AllOnesReportsEndTuningAndCrashTheBoardAtTheFourth) {
+// at the fourth such report in a row: a verified nonce between them starts
+// the count again. A tuning run ends at the first invalid report and falls by
+// the pass's step for each.
+TEST_F(WorkerBoardTest, FourAllOnesReportsInARowCrashTheBoardAndAGoodNonceStartsTheCountAgain) {
   Worker &worker = *context.workers[0];
   worker.tuning = TuningActive;
   worker.targetClockHz = 200000000;
-  static std::vector<std::string> events;
-  events.clear();
-  VLLogSetCallback(
-      [](uint32_t, const char *, const char *message, void *) {
-        std::string text = message;
-        if (text.find("share was invalid with nonce ffffffff") != std::string::npos) events.push_back("invalid");
-        if (text.find("has crashed") != std::string::npos) events.push_back("crash");
-      },
-      nullptr);
-  std::string error;
-  ASSERT_TRUE(boards.RunCommand("xdma0 all_ones=1", &error)) << error;
+  context.SetCurrentJob(job);
   WorkerLoop loop;
   loop.slots.resize(1);
   loop.slots[0].base = JobSlotBase(0);
+  loop.cores = CoreCount(worker.model);
   loop.passStep = 50000;
-  CollectNonces(loop, context, worker);
-  VLLogSetCallback(nullptr, nullptr);
+  LoadJob(loop, context, worker);
 
-  EXPECT_EQ(events, (std::vector<std::string>{"invalid", "invalid", "invalid", "invalid", "crash"}));
-  EXPECT_FALSE(worker.enabled);
+  // What the board reports for a nonce within difficulty one, found by the
+  // simulator's own hash from what the load latched: core 0, counter i,
+  // reported 43 on.
+  uint32_t midstate[16], block[4], bound[8] = {~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, 0xFFFF};
+  for (uint32_t i = 0; i < 16; i++) midstate[i] = Latched(kSlotMidstate + 4 * i);
+  for (uint32_t i = 0; i < 4; i++) block[i] = Latched(kSlotNonceBlock + 4 * i);
+  std::vector<sim::NonceTail> tails(1 << 20);
+  for (uint32_t i = 0; i < tails.size(); i++) tails[i] = {block[2], block[3] ^ i};
+  size_t good = sim::SearchMidstate(midstate, block[0], block[1], tails.data(), tails.size(), bound);
+  ASSERT_LT(good, tails.size());
+
+  auto report = [&](std::vector<uint32_t> values) {
+    card->WithFpga(0, [&](sim::Fpga *fpga) {
+      for (uint32_t slot = 0; slot < values.size(); slot++) fpga->HashCore()->PostResult(slot, values[slot]);
+      return 0;
+    });
+    CollectNonces(loop, context, worker);
+  };
+  const uint32_t ones = 0xFFFFFFFF;
+  report({ones, ones, ones});
+  report({static_cast<uint32_t>(good) + sim::kReportDistance});
+  report({ones, ones, ones});
+  EXPECT_TRUE(worker.enabled);
+  EXPECT_EQ(worker.found, 7u);
+  EXPECT_EQ(worker.invalid, 6u);
   EXPECT_EQ(worker.tuning, TuningDone);
-  EXPECT_EQ(worker.targetClockHz, 200000000u - 4 * 50000u);
+  EXPECT_EQ(worker.targetClockHz, 200000000u - 6 * 50000u);
+  report({ones});
+  EXPECT_FALSE(worker.enabled);
 }
 
 TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
@@ -242,15 +268,23 @@ TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhe
   context.SetCurrentJob(job);
   thread = RunWorker(context);
 
-  EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature >= 109.0; }));
+  EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature == 110.0; }));
   // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
   EXPECT_TRUE(WaitUntil([&] { return worker.currentClockHz < 100000000; }, 60000ms));
 
-  // The sensor cools; the reading shown never falls while the worker runs.
+  // The sensor cools; the reading shown never falls while the worker runs,
+  // through two more readings of it.
   std::string error;
   ASSERT_TRUE(boards.RunCommand("xdma0 i2c_temp_1f=40", &error)) << error;
-  std::this_thread::sleep_for(300ms);
-  EXPECT_GE(worker.vrmTemperature, 109.0);
+  std::string transcript;
+  auto readings = [&] {
+    transcript += card->WithFpga(0, [](sim::Fpga *fpga) { return fpga->Iic()->TakeTranscript(); });
+    return std::count(transcript.begin(), transcript.end(), '@') / 2;
+  };
+  readings();
+  transcript.clear();
+  EXPECT_TRUE(WaitUntil([&] { return readings() >= 6; }));
+  EXPECT_EQ(worker.vrmTemperature, 110.0);
   StopWorker(context, thread);
   EXPECT_FALSE(worker.active);
 }

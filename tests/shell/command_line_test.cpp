@@ -56,6 +56,8 @@ TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
       {{"--share-timeout", "1e3"}, "--share-timeout '1e3'"},
       {{"--share-timeout", "30s"}, "--share-timeout '30s'"},
       {{"--help=yes"}, "--help takes no value"},
+      {{"--api-allow", "pool.example.org"}, "--api-allow 'pool.example.org'"},
+      {{"--api-allow", "127.0.0.256"}, "--api-allow '127.0.0.256'"},
       {{"--verbose=1"}, "--verbose takes no value"},
   };
   for (const Case &c : cases) {

@@ -101,6 +101,20 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
   }
 }
 
+// Each TLS pool gets its own host's pin, else the one for every host; a pin
+// for another host, or for a longer name, is not its own. Plain pools get none.
+TEST_F(SetupRunTest, EachTlsPoolGetsItsHostsPinElseTheGeneralOne) {
+  const std::string general(64, 'a'), forB(64, 'b');
+  context_.options.tlsFingerprints = {"b.example=" + forB, general, "c.example=" + std::string(64, 'c')};
+  context_.options.backupPools = {"stratum+ssl://b.example:443", "stratum+ssl://b.example.net:443",
+                                  "stratum+tcp://b.example:3333"};
+  args_ = {"miner", "ckb", "stratum+ssl://a.example:443", "3333", "wallet", "pw"};
+  RunArgs();
+  std::vector<std::string> pins;
+  for (const PoolEndpoint &pool : context_.pools) pins.push_back(pool.pinnedSha256);
+  EXPECT_EQ(pins, (std::vector<std::string>{general, forB, general, ""}));
+}
+
 using SetupRunDeathTest = SetupRunTest;
 
 TEST_F(SetupRunDeathTest, UnknownAlgorithmEndsTheProcessWithCodeOne) {

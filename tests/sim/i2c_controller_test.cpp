@@ -109,5 +109,17 @@ TEST(I2CBusBusy, AWaitThatOutlastsASecondThrowsWithItsMessage) {
   EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
 }
 
+// A sensor's two bytes: sixteenths of a degree below bit 4 of the upper
+// byte, which marks the sign, with flags in bits 7 to 5.
+TEST(I2CSensor, TwoBytesDecodeToDegrees) {
+  struct Row {
+    uint8_t upper, lower;
+    double celsius;
+  };
+  const Row rows[] = {{0x01, 0x94, 25.25}, {0xC1, 0x94, 25.25}, {0x06, 0xE1, 110.0625},
+                      {0x00, 0x00, 0.0},   {0x1F, 0xF0, 1.0},   {0x1E, 0x00, 32.0}};
+  for (const Row &row : rows) EXPECT_EQ(DecodeBoardTemperature(row.upper, row.lower), row.celsius) << +row.upper;
+}
+
 }  // namespace
 }  // namespace i2c_test

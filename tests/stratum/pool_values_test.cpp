@@ -113,6 +113,10 @@ TEST_F(PoolValuesTest, GoodValuesAreTakenAsTheNumbersTheyAre) {
   Send("mining.notify", "[\"j~1\",\"0x" + kHash + "\",null,\"" + kHash + "\",true]");
   EXPECT_EQ(context.CurrentJob()->jobId, "j~1");
   EXPECT_EQ(context.CurrentJob()->difficulty, 1);
+  EXPECT_EQ(context.CurrentJob()->extranonce.size(), 11u);  // the new extranonce
+  const std::string longest(128, 'j');
+  Send("mining.notify", "[\"" + longest + "\",\"" + kHash + "\",null,\"" + kHash + "\",true]");
+  EXPECT_EQ(context.CurrentJob()->jobId, longest);
   EXPECT_EQ(log.Count("Refused"), 0u);
 }
 

@@ -335,4 +335,69 @@ TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   EXPECT_EQ(context.sharesDroppedWhileDisconnected.load(), 1u);
 }
 
+// Each answer moves the counter of the board that sent the share: an
+// acceptance (the pool's target lets all but one hash in 2^40 pass) and a
+// refusal (a nonce too short).
+TEST_F(SessionTest, ThePoolsAnswersAreCountedForTheBoard) {
+  Start({"--target-mode", "target", "--target", "ffffffffff" + std::string(54, '0'), "--notify-interval", "600"});
+  ASSERT_TRUE(PollUntil(
+      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
+  std::string nonce(2 * (16 - context.extranonce1.size()), '0');
+  SendShare(context, *context.CurrentJob(), nonce.c_str(), 0);
+  SendShare(context, *context.CurrentJob(), "00", 0);
+  ASSERT_TRUE(PollUntil([&] { return context.counters.sharesAccepted + context.counters.sharesRejected == 2; }));
+  EXPECT_EQ(context.counters.sharesAccepted, 1u);
+  EXPECT_EQ(context.counters.sharesRejected, 1u);
+}
+
+// While a backup mines, the primary is tried in the background; the miner
+// returns to it once it has answered a whole handshake and stayed up for the
+// failback delay, not a second before, and never to a primary that refuses
+// the login.
+TEST_F(SessionTest, TheBackupHandsBackOnlyToAPrimaryThatLoggedInAndStayedUp) {
+  struct Case {
+    std::vector<std::string> primary;
+    bool returns;
+  };
+  const Case cases[] = {{{}, true},
+                        {{"--authorize", "error"}, false},
+                        {{"--authorize", "false"}, false},
+                        {{"--subscribe", "short"}, false}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.primary.empty() ? "a primary that logs in" : c.primary[1]);
+    std::vector<std::string> options = c.primary;
+    options.insert(options.end(), {"--notify-interval", "600"});
+    TestPool primary(options);
+    Start({"--notify-interval", "600"});
+    context.pools = {{"127.0.0.1", primary.Port(), "w.primary", "x"}, {"127.0.0.1", context.poolPort, "w.backup", "x"}};
+    context.link.silenceLimit = 1000;
+    StratumUsePool(context, 1);
+    auto probed = [&] {
+      return Count(primary.ClientLines(), "mining.subscribe") == 1 &&
+             (context.probe.upSince >= 0 || !context.probe.client);
+    };
+    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && probed(); }));
+    Skip(110);
+    for (int i = 0; i < 3; i++) StratumPoll(context);
+    EXPECT_EQ(context.activePool, 1u);
+    Skip(11);
+    if (c.returns) {
+      EXPECT_TRUE(PollUntil([&] { return context.activePool == 0; }));
+      EXPECT_TRUE(
+          log.Has("Miner", "Switching from pool stratum+tcp://127.0.0.1:" + std::to_string(context.pools[1].port) +
+                               " to pool stratum+tcp://127.0.0.1:" + std::to_string(primary.Port()) +
+                               ": the primary pool has been back for 120 s"));
+    } else {
+      // Tried again after the retry interval, and refused again.
+      EXPECT_TRUE(
+          PollUntil([&] { return Count(primary.ClientLines(), "mining.subscribe") == 2 && !context.probe.client; }));
+      EXPECT_EQ(context.activePool, 1u);
+    }
+    StratumShutdown(context);
+    StratumSetState(context, Idle);
+    context.probe.nextAttempt = -1;
+    context.probe.upSince = -1;
+  }
+}
+
 }  // namespace
