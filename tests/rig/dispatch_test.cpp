@@ -5,7 +5,6 @@
 #include <cstring>
 #include <set>
 
-
 namespace {
 
 // The rate, in MH/s, at which one core runs through 2^32 nonces in `periodMs`;
