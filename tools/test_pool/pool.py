@@ -98,7 +98,8 @@ PROFILES = {
                    "jsonrpc2": True},
     # [[["mining.notify", id]], en1, n]; both target messages, the real one last.
     "notify-pair": {"subscribe_shape": "notify-pair", "target_mode": "both", "notify_id": "absent"},
-    # client.get_version, client.show_message, mining.ping; client.reconnect to itself.
+    # client.get_version, client.show_message, mining.ping; client.reconnect to
+    # itself, once.
     "pool-requests": {"requests": list(POOL_REQUESTS), "reconnect": "same", "reconnect_after": 4.0},
     # client.reconnect to another host, which the miner must refuse.
     "reconnect-elsewhere": {"reconnect": "other", "reconnect_after": 2.0},
@@ -323,6 +324,7 @@ class Pool:
         self.job_prefix = job_prefix
         self.newest_job = None  # (Job, notify params), for resend_job
         self.connection_counter = 0
+        self.reconnect_asked = False  # client.reconnect goes out once a run, as before maintenance
         self.port = 0
         self.stopping = threading.Event()
         self.listener = None
@@ -450,7 +452,7 @@ class Session:
         self.extranonce_switched = False
         self.close_reason = None
         self.requests_sent = {}       # id -> method of the pool's own requests
-        self.reconnect_sent = False
+        self.reconnect_sent = pool.reconnect_asked
         self.good_shares = 0
         self.answers_sent = 0
         self.delayed_answers = []     # (due, message) in order, for submit_delay
@@ -527,7 +529,7 @@ class Session:
                 self.request(method, None, [f"Hello from test pool connection {self.number}"])
 
     def send_reconnect(self):
-        self.reconnect_sent = True
+        self.reconnect_sent = self.pool.reconnect_asked = True
         host = "127.0.0.1" if self.o.reconnect == "same" else "pool.elsewhere.example"
         self.pool.stats.count("reconnects_sent")
         self.send({"id": None, "method": "client.reconnect", "params": [host, self.pool.port, self.o.reconnect_wait]})
