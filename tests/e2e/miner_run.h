@@ -126,9 +126,10 @@ class MinerRun {
   std::vector<std::string> LastRow(unsigned number, size_t from = 0) const {
     char prefix[32];
     snprintf(prefix, sizeof prefix, "I/Miner        : %2u |  ", number);
-    size_t at = Output().rfind(prefix);
+    std::string lines = Lines();
+    size_t at = lines.rfind(prefix);
     if (at == std::string::npos || at < from) return {};
-    std::string line = Output().substr(at + 17, Output().find('\n', at) - at - 17);
+    std::string line = lines.substr(at + 17, lines.find('\n', at) - at - 17);
     std::vector<std::string> columns;
     for (size_t start = 0, bar;; start = bar + 1) {
       bar = line.find('|', start);
@@ -159,6 +160,9 @@ class MinerRun {
   testing_support::PtyProcess &Child() { return *child_; }
   testing_support::TestPool &PoolProcess() { return pool_; }
   const std::string &Output() const { return child_->Output(); }
+  // The output up to its last whole line: a read from the terminal can end
+  // in the middle of a table row.
+  std::string Lines() const { return Output().substr(0, Output().rfind('\n') + 1); }
   const std::filesystem::path &WorkDir() const { return boards_.WorkDir(); }
 
  private:

@@ -70,8 +70,8 @@ TEST(MiningRun, SharesAreAcceptedOnEveryJobAndBothSidesCountThemAlike) {
     }
     return false;
   };
-  ASSERT_TRUE(run.Until([&] { return bothShown(Tables(run.Output())); })) << run.Output();
-  std::vector<Table> tables = Tables(run.Output());
+  ASSERT_TRUE(run.Until([&] { return bothShown(Tables(run.Lines())); })) << run.Output();
+  std::vector<Table> tables = Tables(run.Lines());
   for (const Table &table : {tables[first], tables[first + 1]}) {
     for (const auto &[number, columns] : table) {
       SCOPED_TRACE(number);
