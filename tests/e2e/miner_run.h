@@ -212,8 +212,9 @@ inline nlohmann::json Api(uint16_t port, const std::string &request, const char 
 }
 
 inline uint16_t PortAfter(const MinerRun &run, const std::string &text) {
-  size_t at = run.Output().find(text);
-  return at == std::string::npos ? 0 : static_cast<uint16_t>(std::stoul(run.Output().substr(at + text.size())));
+  std::string lines = run.Lines();
+  size_t at = lines.find(text);
+  return at == std::string::npos ? 0 : static_cast<uint16_t>(std::stoul(lines.substr(at + text.size())));
 }
 
 }  // namespace e2e
