@@ -1,11 +1,12 @@
-// Parse time of pool traffic: one typical mining.notify line, and a full
-// 32 KiB socket read of concatenated lines, split and parsed line by line as
-// the JSON-RPC transport does.
+// Parse time of pool traffic through the strict reader the pool link uses:
+// one typical mining.notify line, and a full 32 KiB socket read of
+// concatenated lines, split and read line by line as the transport does.
 #include <benchmark/benchmark.h>
 
 #include <string>
+#include <string_view>
 
-#include "foundation/json.h"
+#include "foundation/json_bounded.h"
 #include "foundation/object.h"
 
 namespace {
@@ -16,12 +17,12 @@ const char kNotify[] =
     "\"0b1c2d3e4f5a6b7c8d9e0f1a2b3c4d5e6f7a8b9c0d1e2f3a4b5c6d7e8f9a0b1c\",true]}";
 
 void BM_ParseNotifyLine(benchmark::State &state) {
-  VLRef line(VLStringCreate(kNotify, 0));
+  const std::string_view line(kNotify);
   for (auto _ : state) {
-    VLRef parsed(VLObjectParse(line.get()));
+    VLRef parsed(VLJsonReadObject(line.data(), line.size(), VLJsonLimits{}, nullptr));
     benchmark::DoNotOptimize(parsed.get());
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * VLStringLength(line.get()));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(line.size()));
 }
 BENCHMARK(BM_ParseNotifyLine);
 
@@ -34,16 +35,13 @@ void BM_ParseRead32KiB(benchmark::State &state) {
   };
   std::string read;
   for (size_t i = 0; read.size() + lines[i % 3].size() <= 32768; ++i) read += lines[i % 3];
-  VLRef buffer(VLDataCreate(read.data(), static_cast<uint32_t>(read.size())));
   int64_t messages = 0;
   for (auto _ : state) {
-    VLRef text(VLStringCreate(reinterpret_cast<const char *>(VLDataBytes(buffer.get())), VLDataLength(buffer.get())));
-    VLRef pieces(VLStringSplit(text.get(), "\n"));
-    for (uint32_t i = 0; i < VLArrayCount(pieces.get()); ++i) {
-      VLRef parsed(VLObjectParse(VLArrayGet(pieces.get(), i)));
+    for (size_t start = 0, end; (end = read.find('\n', start)) != std::string::npos; start = end + 1) {
+      VLRef parsed(VLJsonReadObject(read.data() + start, end - start, VLJsonLimits{}, nullptr));
       benchmark::DoNotOptimize(parsed.get());
+      messages++;
     }
-    messages += VLArrayCount(pieces.get());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(read.size()));
   state.counters["lines"] = static_cast<double>(messages) / static_cast<double>(state.iterations());

@@ -1,6 +1,4 @@
-// JSON as a peer sends it, read strictly and within limits. The readers of
-// json.h forgive everything and choose their format by the first bytes; what
-// comes from the network goes through here instead: one JSON object (RFC
+// JSON as a peer sends it, read strictly and within limits: one JSON object (RFC
 // 8259, nothing before or after but blanks), no deeper than the depth limit,
 // with no more values than the value limit (keys count, and so do
 // containers), no longer than the byte limit. Anything else is refused whole.

@@ -143,6 +143,11 @@ VLObject *Write(const VLObject *root, const Layout &layout) {
 
 }  // namespace
 
+VLObject *VLObjectSerialize(const VLObject *obj, uint32_t format) {
+  if (!obj || format != VLFormatJson) return nullptr;
+  return VLJsonWrite(obj);
+}
+
 VLObject *VLJsonWrite(const VLObject *root) { return Write(root, Layout{false}); }
 
 VLObject *VLJsonWriteCompact(const VLObject *root) { return Write(root, Layout{true}); }

@@ -231,7 +231,7 @@ VLObject *VLRangeCreate(uint32_t location, uint32_t length);
 // ---- Ownership helper ------------------------------------------------------------
 
 // Holds one reference and gives it back when it goes out of scope.
-//   VLRef doc(VLObjectParse(line));            // adopts the new reference
+//   VLRef doc(VLJsonWrite(settings));          // adopts the new reference
 //   VLRef kept = VLRef::Retain(borrowed);      // takes a reference of its own
 class VLRef {
  public:

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "support/fake_workers.h"
-#include "foundation/json.h"
+#include "foundation/json_bounded.h"
 #include "foundation/logger.h"
 #include "rig/board_settings.h"
 #include "support/capture.h"
@@ -88,7 +88,12 @@ TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
             "E/Miner        : Saved active configuration to config.json\n");
 }
 
-VLRef Json(const std::string &text) { return VLRef(VLJsonRead(text.data(), static_cast<uint32_t>(text.size()))); }
+// Any JSON value, read as the member of an object the strict reader takes.
+VLRef Json(const std::string &text) {
+  std::string wrapped = "{\"value\":" + text + "}";
+  VLRef object(VLJsonReadObject(wrapped.data(), wrapped.size(), VLJsonLimits{}, nullptr));
+  return VLRef::Retain(VLDictionaryGetByName(object.get(), "value"));
+}
 
 TEST(StoredSettingsTest, DeviceEntriesApplyByDnaAndSkipOtherShapes) {
   auto worker = MakeWorker("RK35", 7, "abc");
