@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
-#include <fstream>
-#include <map>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "loopback_peer.h"
 #include "net/socket_set_record.h"

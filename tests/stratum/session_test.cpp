@@ -3,27 +3,18 @@
 #include "stratum/session.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <fstream>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "foundation/logger.h"
-#include "hash/eaglesong.h"
-#include "stratum/failover.h"
-#include "stratum/job_intake.h"
-#include "stratum/share.h"
-#include "stratum/targets.h"
 #include "net/loopback_peer.h"
+#include "stratum/failover.h"
+#include "stratum/share.h"
 #include "support/test_pool.h"
 
 namespace {
@@ -143,26 +134,15 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     double skip;
     std::string line;
   };
+  // A silent subscribe and a plain refusal are left the same way in the end-to-end tests.
+  const std::string unanswered = "The pool did not answer mining.";
+  const std::string refused = "Pool refused authorisation for wallet.rig: ";
   const Case cases[] = {
-      {{"--subscribe", "silent"},
-       Subscribing,
-       10.5,
-       "The pool did not answer mining.subscribe within 10 s; reconnecting"},
-      {{"--subscribe", "short"},
-       Subscribing,
-       10.5,
-       "The pool did not answer mining.subscribe within 10 s; reconnecting"},
-      {{"--authorize", "silent"},
-       Authorizing,
-       10.5,
-       "The pool did not answer mining.authorize within 10 s; reconnecting"},
+      {{"--subscribe", "short"}, Subscribing, 10.5, unanswered + "subscribe within 10 s; reconnecting"},
+      {{"--authorize", "silent"}, Authorizing, 10.5, unanswered + "authorize within 10 s; reconnecting"},
       {{"--notify-interval", "600"}, Mining, 90.5, "No line from the pool for 90 s; reconnecting"},
-      {{"--authorize", "error"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
-      {{"--authorize", "error", "--jsonrpc2"},
-       Authorizing,
-       0,
-       "Pool refused authorisation for wallet.rig: Unauthorized worker (24)"},
-      {{"--authorize", "false"}, Authorizing, 0, "Pool refused authorisation for wallet.rig: no reason given"},
+      {{"--authorize", "error", "--jsonrpc2"}, Authorizing, 0, refused + "Unauthorized worker (24)"},
+      {{"--authorize", "false"}, Authorizing, 0, refused + "no reason given"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.line);

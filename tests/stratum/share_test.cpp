@@ -33,16 +33,6 @@ TEST(NonceSubmitTextTest, IsTheHashedBytesFromTheEndOfTheExtranonceUnpadded) {
   EXPECT_EQ(NonceText(words, 16), "");
 }
 
-TEST(CandidateNonceWordsTest, CoreNumberGoesIntoWordTwoAndNonceIntoWordThree) {
-  const uint32_t block[4] = {0x11111111, 0x22222222, 0x33333300, 0x00000000};
-  uint32_t words[4];
-  CandidateNonceWords(block, 63, 0xdeadbeef, words);
-  EXPECT_EQ(words[0], 0x11111111u);
-  EXPECT_EQ(words[1], 0x22222222u);
-  EXPECT_EQ(words[2], 0x3333333fu);
-  EXPECT_EQ(words[3], 0xdeadbeefu);
-}
-
 TEST(JudgeHashTest, OrdersTheVerdictsAndLetsEqualityPass) {
   // Targets here: job 2^236, board 2^232 (word 7 is the most significant).
   uint32_t jobTarget[8] = {0, 0, 0, 0, 0, 0, 0, 0x1000};
