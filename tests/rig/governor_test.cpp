@@ -11,40 +11,27 @@
 
 namespace {
 
-std::unique_ptr<Worker> NewWorker(BoardModel model) {
+std::unique_ptr<Worker> NewWorker(BoardModel model, TuningState tuning = TuningOff, bool enabled = true) {
   auto worker = std::make_unique<Worker>();
   worker->model = model;
-  worker->enabled = true;
+  worker->tuning = tuning;
+  worker->enabled = enabled;
   return worker;
 }
-const Worker &MakeWorker(BoardModel model) {
-  static std::vector<std::unique_ptr<Worker>> kept;
-  kept.push_back(NewWorker(model));
-  return *kept.back();
-}
 
-TEST(GovernorTablesTest, ClocksMultipliersAndCoresFollowTheModel) {
+TEST(GovernorTablesTest, ClocksMultipliersCoresAndStepsFollowTheModelAndTuning) {
   for (auto [model, hz] : {std::pair{1u, 300000000u}, {10u, 125000000u}, {6u, 200000000u}, {3u, 125000000u}})
-    EXPECT_EQ(RefClockHz(MakeWorker(model)), hz);
-  for (auto [model, times] : {std::pair{1u, 16}, {8u, 9}, {2u, 0}}) EXPECT_EQ(MmcmMultiplier(MakeWorker(model)), times);
+    EXPECT_EQ(RefClockHz(*NewWorker(model)), hz);
+  for (auto [model, times] : {std::pair{1u, 16}, {8u, 9}, {2u, 0}}) EXPECT_EQ(MmcmMultiplier(*NewWorker(model)), times);
   for (auto [model, count] : {std::pair{10u, 20u}, {7u, 10u}, {8u, 5u}, {5u, 3u}, {4u, 1u}})
     EXPECT_EQ(CoreCount(model), count);
-  EXPECT_DOUBLE_EQ(CookingVccintLimit(MakeWorker(2)), 0.75);
-  EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(2)), 0.8);
-  EXPECT_DOUBLE_EQ(RecoveryVccintLimit(MakeWorker(10)), 0.0);
-}
-
-TEST(GovernorTablesTest, TuningStepsOnlyWhileEnabledAndActive) {
-  auto owned = NewWorker(10);
-  Worker &worker = *owned;
-  EXPECT_EQ(ClockStep(worker), 25000000u);
-  worker.tuning = TuningActive;
-  EXPECT_EQ(ClockStep(worker), 50000u);
-  worker.enabled = false;
-  EXPECT_EQ(ClockStep(worker), 25000000u);
-  worker.enabled = true;
-  worker.tuning = TuningDone;
-  EXPECT_EQ(ClockStep(worker), 25000000u);
+  EXPECT_DOUBLE_EQ(CookingVccintLimit(*NewWorker(2)), 0.75);
+  EXPECT_DOUBLE_EQ(RecoveryVccintLimit(*NewWorker(2)), 0.8);
+  EXPECT_DOUBLE_EQ(RecoveryVccintLimit(*NewWorker(10)), 0.0);
+  // Tuning steps finely only while the board is enabled and the run active.
+  EXPECT_EQ(ClockStep(*NewWorker(10, TuningActive)), 50000u);
+  for (auto [tuning, enabled] : {std::pair{TuningOff, true}, {TuningActive, false}, {TuningDone, true}})
+    EXPECT_EQ(ClockStep(*NewWorker(10, tuning, enabled)), 25000000u) << tuning << enabled;
 }
 
 // Every threshold of the thermal rule just inside and just outside: a

@@ -1,8 +1,13 @@
 // A worker thread driving a simulated board in-process: what the board holds
-// after a job load, the start clock, and the stop sequence.
+// after a job load, the start clock, reloads, the crash rule and the stop
+// sequence.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -34,14 +39,13 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
   return true;
 }
 
-// The worker's thread body on a thread the test joins, so that nothing of the
-// worker outlives the board and the records it uses.
-std::thread RunWorker(MiningContext &context) { return std::thread(WorkerMain, new WorkerThreadArgs{0, &context}); }
-
-void StopWorker(MiningContext &context, std::thread &thread) {
-  if (!thread.joinable()) return;
-  context.workers[0]->enabled = false;
-  thread.join();
+// The midstate the board must hold for `job`.
+std::array<uint32_t, 16> Midstate(const StratumJob &job) {
+  uint32_t header[8];
+  std::array<uint32_t, 16> midstate;
+  memcpy(header, job.headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate.data());
+  return midstate;
 }
 
 class WorkerBoardTest : public ::testing::Test {
@@ -74,8 +78,30 @@ class WorkerBoardTest : public ::testing::Test {
     DifficultyToTarget(1.0, job->target);
   }
   void TearDown() override {
-    StopWorker(context, thread);
+    StopWorker();
     boards.Uninstall();
+  }
+
+  // The worker's thread body on a thread the test joins, so that nothing of
+  // the worker outlives the board and the records it uses.
+  void RunWorker() {
+    thread = std::thread([this] {
+      WorkerMain(new WorkerThreadArgs{0, &context});
+      ended = true;
+    });
+  }
+
+  // A worker that never stops fails the test and ends the process (its thread
+  // still uses the board) rather than blocking the run.
+  void StopWorker() {
+    if (!thread.joinable()) return;
+    context.workers[0]->enabled = false;
+    if (!WaitUntil([&] { return ended.load(); }, 180000ms)) {
+      ADD_FAILURE() << "the worker thread did not end";
+      fflush(stdout);
+      std::abort();
+    }
+    thread.join();
   }
 
   uint32_t Latched(uint32_t offset) {
@@ -89,101 +115,21 @@ class WorkerBoardTest : public ::testing::Test {
   sim::InProcessBoards boards{"/ombry-worker-test"};
   sim::Card *card = nullptr;
   std::thread thread;
+  std::atomic<bool> ended{false};
   MiningContext context;
   std::shared_ptr<StratumJob> job;
 };
 
-TEST_F(WorkerBoardTest, WaitsForAJobThenLoadsItAsTheBoardExpects) {
-  Worker &worker = *context.workers[0];
-  thread = RunWorker(context);
-  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateWaitingForWork; }));
-  context.SetCurrentJob(job);
-  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
-  EXPECT_TRUE(worker.active);
-  EXPECT_EQ(worker.currentClockHz, 100000000u);
-  double hashClock = card->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashClockHz(); });
-  EXPECT_NEAR(hashClock, 100e6, 1e6);
-
-  uint32_t header[8], midstate[16];
-  memcpy(header, job->headerHash.data(), sizeof header);
-  EaglesongMidstate(header, midstate);
-  for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(Latched(kSlotMidstate + 4 * i), midstate[i]) << i;
-
-  // Nonce block: extranonce, then the job nonce word drawn from the counter.
-  EXPECT_EQ(Latched(kSlotNonceBlock), 0xa1a2a3a4u);
-  uint32_t word = (Latched(kSlotNonceBlock + 4) >> 24) | (Latched(kSlotNonceBlock + 4) << 8 & 0xff0000) |
-                  (Latched(kSlotNonceBlock + 4) >> 8 & 0xff00) | (Latched(kSlotNonceBlock + 4) << 24);
-  EXPECT_GE(word, 40u);
-  EXPECT_GT(job->nonceCounter.load(), 40u);
-  EXPECT_EQ(Latched(kSlotNonceBlock + 8), 0u);
-  EXPECT_EQ(Latched(kSlotNonceBlock + 12), 0u);
-
-  // The board target's top limb: one report a second at 100 MHz on 10 cores,
-  // 0xFFFF * 2^48 / 1e9, above the job's 0xFFFF0000 at difficulty 1.
-  EXPECT_EQ(Latched(kSlotTargetHigh), 0x4u);
-  EXPECT_EQ(Latched(kSlotTargetLow), 0x4b7eae86u);
-  EXPECT_FALSE(Held());  // released: the cores run
-}
-
-TEST_F(WorkerBoardTest, NewGenerationReloadsTheBoard) {
-  Worker &worker = *context.workers[0];
-  context.SetCurrentJob(job);
-  thread = RunWorker(context);
-  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
-
-  auto next = std::make_shared<StratumJob>();
-  next->jobId = "job-2";
-  next->headerHash.fill(0x5a);
-  DifficultyToTarget(1.0, next->target);
-  context.SetCurrentJob(next);
-  context.jobGeneration++;
-
-  uint32_t header[8], midstate[16];
-  memcpy(header, next->headerHash.data(), sizeof header);
-  EaglesongMidstate(header, midstate);
-  EXPECT_TRUE(WaitUntil([&] { return Latched(kSlotMidstate) == midstate[0]; }));
-  // An empty extranonce puts the nonce word at the start of the block.
-  EXPECT_EQ(Latched(kSlotNonceBlock + 4), 0u);
-}
-
-// Without a new job the board is loaded again every refresh period, 20 ms
-// before the first clock step, each time with a fresh nonce word.
-TEST_F(WorkerBoardTest, TheBoardIsReloadedEveryRefreshPeriod) {
-  Worker &worker = *context.workers[0];
-  context.SetCurrentJob(job);
-  thread = RunWorker(context);
-  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
-  uint64_t drawn = job->nonceCounter.load();
-  uint32_t block = Latched(kSlotNonceBlock + 4);
-  EXPECT_TRUE(
-      WaitUntil([&] { return job->nonceCounter.load() >= drawn + 3 && Latched(kSlotNonceBlock + 4) != block; }));
-  EXPECT_EQ(context.jobGeneration.load(), 0u);
-}
-
-TEST_F(WorkerBoardTest, DisabledBoardRampsDownToZeroAndStops) {
-  Worker &worker = *context.workers[0];
-  context.SetCurrentJob(job);
-  thread = RunWorker(context);
-  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning; }));
-  worker.enabled = false;
-  // No clock step comes in the first 2000 passes; then 25 MHz every second pass.
-  ASSERT_TRUE(WaitUntil([&] { return !worker.active; }, 60000ms));
-  EXPECT_EQ(worker.currentClockHz, 0u);
-  EXPECT_TRUE(Held());  // cores held
-  bool stopped = card->WithFpga(0, [](sim::Fpga *fpga) { return !fpga->ClockEnabled() && !fpga->OutOfReset(); });
-  EXPECT_TRUE(stopped);
-}
-
 // A job load holds the cores, clears, sets the target, the nonce block and
-// the midstate, and only then lets the cores run: in this order, nothing else.
-TEST_F(WorkerBoardTest, AJobLoadWritesItsRegistersInTheBoardsOrder) {
-  Worker &worker = *context.workers[0];
+// the midstate, and only then lets the cores run: in this order, nothing else,
+// each with what the board expects.
+TEST_F(WorkerBoardTest, AJobLoadWritesWhatTheBoardExpectsInTheBoardsOrder) {
   context.SetCurrentJob(job);
   WorkerLoop loop;
   loop.slots.resize(1);
   loop.slots[0].base = JobSlotBase(0);
   card->SetTracing(true);
-  LoadJob(loop, context, worker);
+  LoadJob(loop, context, *context.workers[0]);
   std::vector<sim::Access> trace = card->TakeTrace();
 
   std::vector<uint64_t> expected = {kSlotControl, kSlotClear, kSlotTargetHigh, kSlotTargetLow};
@@ -196,6 +142,49 @@ TEST_F(WorkerBoardTest, AJobLoadWritesItsRegistersInTheBoardsOrder) {
   }
   EXPECT_EQ(written, expected);
   EXPECT_FALSE(Held());
+
+  std::array<uint32_t, 16> midstate = Midstate(*job);
+  for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(Latched(kSlotMidstate + 4 * i), midstate[i]) << i;
+  // With no board target of its own yet, the job's: its top limb at difficulty 1.
+  EXPECT_EQ(Latched(kSlotTargetHigh), 0u);
+  EXPECT_EQ(Latched(kSlotTargetLow), 0xffff0000u);
+  // Nonce block: the extranonce, then the job nonce word drawn from the counter.
+  EXPECT_EQ(Latched(kSlotNonceBlock), 0xa1a2a3a4u);
+  EXPECT_EQ(__builtin_bswap32(Latched(kSlotNonceBlock + 4)), 40u);
+  EXPECT_EQ(job->nonceCounter.load(), 41u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 8), 0u);
+  EXPECT_EQ(Latched(kSlotNonceBlock + 12), 0u);
+}
+
+// A job that comes after the start is loaded at the start clock; without a new
+// job the board is loaded again every refresh period (20 ms before the first
+// clock step), each time with a fresh nonce word. Disabled, the clock ramps
+// down to zero (no step in the first 2000 passes, then 25 MHz every second
+// pass) and the cores are held and stopped.
+TEST_F(WorkerBoardTest, TheBoardIsReloadedEveryRefreshPeriodAndRampsDownToAStopWhenDisabled) {
+  Worker &worker = *context.workers[0];
+  RunWorker();
+  context.SetCurrentJob(job);
+  ASSERT_TRUE(WaitUntil([&] { return worker.state == WorkerStateRunning && Latched(kSlotMidstate) != 0; }));
+  EXPECT_TRUE(worker.active);
+  EXPECT_EQ(worker.currentClockHz, 100000000u);
+  EXPECT_NEAR(card->WithFpga(0, [](sim::Fpga *fpga) { return fpga->HashClockHz(); }), 100e6, 1e6);
+  // The board target's top limb: one report a second at 100 MHz on 10 cores,
+  // 0xFFFF * 2^48 / 1e9, above the job's 0xFFFF0000 at difficulty 1.
+  EXPECT_EQ(Latched(kSlotTargetHigh), 0x4u);
+  EXPECT_EQ(Latched(kSlotTargetLow), 0x4b7eae86u);
+  EXPECT_FALSE(Held());
+
+  uint64_t drawn = job->nonceCounter.load();
+  uint32_t word = Latched(kSlotNonceBlock + 4);
+  EXPECT_TRUE(WaitUntil([&] { return job->nonceCounter.load() >= drawn + 3 && Latched(kSlotNonceBlock + 4) != word; }));
+  EXPECT_EQ(context.jobGeneration.load(), 0u);
+
+  StopWorker();
+  EXPECT_FALSE(worker.active);
+  EXPECT_EQ(worker.currentClockHz, 0u);
+  EXPECT_TRUE(Held());
+  EXPECT_TRUE(card->WithFpga(0, [](sim::Fpga *fpga) { return !fpga->ClockEnabled() && !fpga->OutOfReset(); }));
 }
 
 // A board that fell off the bus reports all ones. The crash rule takes it out
@@ -245,16 +234,6 @@ TEST_F(WorkerBoardTest, FourAllOnesReportsInARowCrashTheBoardAndAGoodNonceStarts
   EXPECT_FALSE(worker.enabled);
 }
 
-TEST_F(WorkerBoardTest, MissingDeviceEndsTheThreadWithoutActivating) {
-  Worker &worker = *context.workers[0];
-  worker.device.reset();
-  context.SetCurrentJob(job);
-  thread = RunWorker(context);
-  thread.join();
-  EXPECT_FALSE(worker.enabled);
-  EXPECT_FALSE(worker.active);
-}
-
 // Model 6 keeps its regulator sensors on the I2C bus: the worker shows what
 // 0x1F reads and throttles when it runs hot.
 class WorkerRegulatorTest : public WorkerBoardTest {
@@ -266,7 +245,7 @@ class WorkerRegulatorTest : public WorkerBoardTest {
 TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {
   Worker &worker = *context.workers[0];
   context.SetCurrentJob(job);
-  thread = RunWorker(context);
+  RunWorker();
 
   EXPECT_TRUE(WaitUntil([&] { return worker.vrmTemperature == 110.0; }));
   // Cooking: after the first 2000 passes the clock walks down from 100 MHz.
@@ -285,8 +264,6 @@ TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhe
   transcript.clear();
   EXPECT_TRUE(WaitUntil([&] { return readings() >= 6; }));
   EXPECT_EQ(worker.vrmTemperature, 110.0);
-  StopWorker(context, thread);
-  EXPECT_FALSE(worker.active);
 }
 
 }  // namespace

@@ -54,11 +54,9 @@ TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
       {{"--pool-silence", "-5"}, "--pool-silence '-5'"},
       {{"--pool-silence", "0"}, "--pool-silence '0'"},
       {{"--share-timeout", "1e3"}, "--share-timeout '1e3'"},
-      {{"--share-timeout", "30s"}, "--share-timeout '30s'"},
       {{"--help=yes"}, "--help takes no value"},
       {{"--api-allow", "pool.example.org"}, "--api-allow 'pool.example.org'"},
       {{"--api-allow", "127.0.0.256"}, "--api-allow '127.0.0.256'"},
-      {{"--verbose=1"}, "--verbose takes no value"},
   };
   for (const Case &c : cases) {
     Parsed parsed = Parse(c.words);
@@ -118,7 +116,6 @@ TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
       {R"({"pool-silence":90,})", "is not valid JSON"},
       {R"(["ckb"])", "one JSON object"},
       {R"({"pool-silnce":90})", "key 'pool-silnce': not a setting"},
-      {R"({"help":"1"})", "key 'help': not a setting"},
       {R"({"help":true})", "key 'help': not a setting"},
       {R"({"verbose":"yes"})", "key 'verbose': needs true or false"},
       {R"({"pool-silence":-3})", "key 'pool-silence' '-3'"},

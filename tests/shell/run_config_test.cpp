@@ -54,16 +54,20 @@ class SetupRunTest : public ::testing::Test {
   // Output is captured from the call on, worker threads included, until the
   // test ends.
   std::string RunArgs() {
-    argv_.clear();
-    for (auto &arg : args_) argv_.push_back(arg.data());
-    argv_.push_back(nullptr);
     if (!capture_) capture_ = std::make_unique<StreamCapture>();
     // Each stream is cut on its own: worker threads of an earlier call may
     // still be adding error lines.
     size_t outBefore = capture_->Out().size();
     size_t errBefore = capture_->Err().size();
-    SetupRun(context_, static_cast<int>(args_.size()), argv_.data());
+    SetupRun(context_, static_cast<int>(args_.size()), Argv());
     return capture_->Out().substr(outBefore) + capture_->Err().substr(errBefore);
+  }
+
+  char **Argv() {
+    argv_.clear();
+    for (auto &arg : args_) argv_.push_back(arg.data());
+    argv_.push_back(nullptr);
+    return argv_.data();
   }
 
   uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
@@ -84,9 +88,8 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
   const Row rows[] = {
       {"350", "I/Miner        : Forcing clock to 350 MHz\n", 350000000, 350000000},
       {"351", "I/Miner        : Forcing clock to 351 MHz\n", 351000000, 250000000},
-      // Out of range is reported but still applied; a negative value wraps as unsigned.
+      // Out of range is reported but still applied.
       {"1000", "I/Miner        : Forced clock 1000 MHz was out of range\n", 1000000000, 250000000},
-      {"-1", "Forced clock 4294967295 MHz was out of range\n", UINT64_MAX * 1000000u, 250000000},
       // Zero or unreadable forces nothing.
       {"0", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
       {"fast", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
@@ -120,15 +123,10 @@ using SetupRunDeathTest = SetupRunTest;
 TEST_F(SetupRunDeathTest, UnknownAlgorithmEndsTheProcessWithCodeOne) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   args_ = {"miner", "recovery", "pool", "3333", "wallet", "pw"};
-  argv_.clear();
-  for (auto &arg : args_) argv_.push_back(arg.data());
-  argv_.push_back(nullptr);
-  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1),
+  EXPECT_EXIT(SetupRun(context_, 6, Argv()), ::testing::ExitedWithCode(1),
               "E/Miner        : Algorithm 'recovery' is not known");
-  // Case matters.
-  args_[1] = "CKB";
-  argv_[1] = args_[1].data();
-  EXPECT_EXIT(SetupRun(context_, 6, argv_.data()), ::testing::ExitedWithCode(1), "Algorithm 'CKB' is not known");
+  args_[1] = "CKB";  // case matters
+  EXPECT_EXIT(SetupRun(context_, 6, Argv()), ::testing::ExitedWithCode(1), "Algorithm 'CKB' is not known");
 }
 
 }  // namespace
