@@ -1,8 +1,6 @@
 // The SPI controller driver and the flash library against the simulated
 // controller and chip: what goes over the wire, what the chip ends up
 // holding, and the failures the library reports.
-#include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 #include "flash/spi_flash.h"
@@ -61,13 +59,11 @@ TEST_F(SpiDriverTest, SlaveStaysSelectedAcrossFifoRounds) {
 class SpiFlashTest : public SpiDriverTest {
  protected:
   void Init(uint8_t family) {
-    flash_.AddProgressCallback([this](const SPIFlashProgress &p) { progress_.push_back(p); });
     flash_.Init(FlashConfig(), family);
     Frames();
   }
 
   SPIFlash flash_;
-  std::vector<SPIFlashProgress> progress_;
 };
 
 TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
@@ -88,13 +84,6 @@ TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
   EXPECT_EQ(FramesOf(frames, SPIFlash::kWriteEnable).size(), 3u);
   EXPECT_EQ(FlashBytes(0x100, data.size()), data);
   EXPECT_EQ(Ignored(), 0u);  // every command waited for the one before
-
-  // The blank page is reported like any other.
-  ASSERT_EQ(progress_.size(), 4u);
-  EXPECT_EQ(progress_[1].message, "Wrote 512 bytes");
-  EXPECT_DOUBLE_EQ(progress_[1].fraction, 512.0 / data.size());
-  EXPECT_EQ(progress_[3].message, "Wrote 785 bytes");
-  EXPECT_DOUBLE_EQ(progress_[3].fraction, 1.0);
 }
 
 TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
@@ -108,14 +97,10 @@ TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
   EXPECT_TRUE(Frames().empty());
 
   flash_.Erase(0x680000, 0);
-  ASSERT_EQ(progress_.size(), 1u);
-  EXPECT_EQ(progress_[0].message, "Erased 0 sectors");
-  EXPECT_EQ(progress_[0].fraction, 1.0);
   EXPECT_TRUE(FramesOf(Frames(), SPIFlash::kSectorErase4).empty());
 
   std::vector<uint8_t> data = RandomImage(256, 3);
   flash_.Write(0x50000, data.data(), data.size());
-  progress_.clear();
   flash_.Erase(0x40000, 65537);
   auto frames = Frames();
   EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatus).size(), 2u);  // family 0's clear, once per call
@@ -128,21 +113,6 @@ TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
   bool sawBusy = false;
   for (const auto &frame : FramesOf(frames, SPIFlash::kReadStatus)) sawBusy |= (frame.in.at(1) & 1) != 0;
   EXPECT_TRUE(sawBusy);
-
-  ASSERT_EQ(progress_.size(), 3u);
-  EXPECT_NEAR(progress_[1].fraction, 2.0, 1e-4);  // not clamped
-  EXPECT_EQ(progress_[2].message, "Erased 2 sectors");
-}
-
-TEST_F(SpiFlashTest, ChipThatStaysBusyTimesOut) {
-  Init(1);
-  std::string error;
-  ASSERT_TRUE(boards_->RunCommand("xdma0 flash_stuck=1", &error)) << error;
-  std::vector<uint8_t> data = RandomImage(256, 5);
-  try {
-    flash_.Write(0, data.data(), data.size());
-    FAIL() << "a busy chip was written";
-  } catch (const std::runtime_error &e) { EXPECT_STREQ(e.what(), "Timeout waiting for flash ready"); }
 }
 
 }  // namespace
