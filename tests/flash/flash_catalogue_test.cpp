@@ -40,6 +40,7 @@ TEST_F(FlashCatalogueTest, NamesBecomeSlotsAndOthersAreIgnored) {
   WriteText(Folder("RK35") / "a1", "x");
   WriteText(Folder("RK35") / "A1B", "three");
   WriteText(Folder("RK35") / "G", "one");
+  WriteText(Folder("RK35") / "H", "x");
   WriteText(Folder("RK35") / "12", "two");
   std::filesystem::create_directories(Folder("RK35") / "7");
   WriteText(Folder("O215") / "static.bin", "wide image");
