@@ -36,7 +36,6 @@ size_t Count(const std::string &text, const std::string &part) {
 class OfferFlashTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = TempDirectory("offer");
     MakeBitstreamTree(root_);
     narrowImage_ = RandomImage(70000, 20);  // more than the smallest chip holds
     wideImage_ = RandomImage(2000, 21);
@@ -46,7 +45,6 @@ class OfferFlashTest : public ::testing::Test {
     boards_ = "xdma0 model=7 bitstream=0x00FF0001 hot=49.995 flash_size=0x800000 flash=" + Flash(0).string() + "\n" +
               "xdma1 identity=215_ modelbits=6 flash_size=0x800000 flash=" + Flash(1).string() + "\n";
   }
-  void TearDown() override { std::filesystem::remove_all(root_); }
 
   void WriteImage(const std::string &folder, const std::vector<uint8_t> &image) {
     std::ofstream out(root_ / "bitstreams" / ("CKB-" + folder) / "static.bin", std::ios::binary);
@@ -85,7 +83,8 @@ class OfferFlashTest : public ::testing::Test {
     });
   }
 
-  std::filesystem::path root_;
+  miner_testing::ScratchDir scratch_;
+  const std::filesystem::path root_ = scratch_.Path();
   std::string boards_;
   bool keyTypedAhead_ = false;
   std::vector<uint8_t> narrowImage_;
