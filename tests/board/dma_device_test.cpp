@@ -17,23 +17,7 @@ namespace {
 
 constexpr uint64_t kDmaMemory = 0x100000000ull;  // card memory, above the register windows
 
-TEST(DmaDeviceOpen, MissingUserFileMeansRegistersByDma) {
-  Boards boards("xdma0 user=0 model=9 bitstream=0x000C0004");
-  LogRecorder log;
-  auto device = boards.Open("xdma0");
-  ASSERT_TRUE(device);
-  EXPECT_TRUE(device->useDmaForRegisters);
-  EXPECT_EQ(device->userFile, nullptr);
-  EXPECT_TRUE(log.Has("DMA_DEVICE", "User file not available, will use DMA instead", VLLogLevelInfo));
-  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - /ombry-test/xdma0_user"));
-
-  // Where these land on the wire: DmaDeviceRegisters.SubDeviceShiftsOnTheWire.
-  EXPECT_EQ(BRYLDMADeviceRead(device.get(), device->userFile, 8), 0x000C0004u);
-  EXPECT_TRUE(BRYLDMADeviceWrite(device.get(), device->userFile, 0x4C, 3));
-  EXPECT_EQ(BRYLDMADeviceRead(device.get(), device->userFile, 0x4C), 3u);
-}
-
-TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWire) {
+TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWireByFileAndByDma) {
   Boards boards(
       "xdma0 model=9 subdevices=1,2,3\n"
       "xdma0.1 bitstream=0x000C0001\n"
@@ -59,16 +43,22 @@ TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWire) {
   EXPECT_EQ(reads[0].position, 0x20008u);
   EXPECT_EQ(reads[1].position, 0x60008u);
 
-  // By DMA both shifts apply, each way: 2 << 36 for the FPGA, 2 << 17 for its window.
+  // Without a user node registers go by DMA, where both shifts apply: 2 << 36
+  // for the FPGA, 2 << 17 for its window.
   sim::Card &dmaCard = boards.Card("xdma1");
+  LogRecorder log;
   auto sub2 = boards.Open("xdma1", 2);
   ASSERT_TRUE(sub2);
+  EXPECT_TRUE(sub2->useDmaForRegisters);
+  EXPECT_TRUE(log.Has("DMA_DEVICE", "User file not available, will use DMA instead", VLLogLevelInfo));
+  EXPECT_TRUE(log.Has("DMA_FILE", "Failed to create file handle: 2 - /ombry-test/xdma1_user"));
   dmaCard.SetTracing(true);
   EXPECT_EQ(BRYLDMADeviceRead(sub2.get(), sub2->userFile, 8), 0x000C0002u);
   EXPECT_TRUE(BRYLDMADeviceWrite(sub2.get(), sub2->userFile, 0x4C, 3));
+  EXPECT_EQ(BRYLDMADeviceRead(sub2.get(), sub2->userFile, 0x4C), 3u);
   auto trace = dmaCard.TakeTrace();
   auto dma = Filter(trace, Node::C2H, false);
-  ASSERT_EQ(dma.size(), 1u);
+  ASSERT_EQ(dma.size(), 2u);
   EXPECT_EQ(dma[0].position, (2ull << 36) + (2ull << 17) + 8);
   EXPECT_EQ(dma[0].size, 4u);
   ASSERT_EQ(Filter(trace, Node::H2C, true).size(), 1u);
