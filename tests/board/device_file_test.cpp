@@ -2,11 +2,9 @@
 // temporary directory standing in for the driver's nodes.
 #include "board/device_file.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -41,21 +39,6 @@ class DeviceFileTest : public ::testing::Test {
     Touch(name + "_user", std::string(16, '\0'));
     Touch(name + "_h2c_0");
     Touch(name + "_c2h_0");
-  }
-  static int OpenDescriptors() {
-    int count = 0;
-    for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-      (void)entry;
-      count++;
-    }
-    return count;
-  }
-  static bool DescriptorOpenOn(const std::string &path) {
-    for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-      std::error_code error;
-      if (fs::read_symlink(entry.path(), error) == path) return true;
-    }
-    return false;
   }
   std::string dir_;
 };

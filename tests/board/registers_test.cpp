@@ -2,10 +2,6 @@
 // from the same map, independently of this code.
 #include "board/registers.h"
 
-#include <chrono>
-#include <cmath>
-#include <thread>
-
 #include "board_fixture.h"
 #include "sim/blocks.h"
 
@@ -89,14 +85,8 @@ TEST(BoardIdentity, BitstreamWordAndCompatibility) {
   EXPECT_FALSE(DecodeBitstreamWord(0x00070004).compatible);
   EXPECT_STREQ(DecodeBitstreamWord(0x80630000).name, "Factory test");
   EXPECT_STREQ(DecodeBitstreamWord(0x7F630000).name, "Unknown");
-  EXPECT_STREQ(DecodeBitstreamWord(0x80FF0000).name, "Shell");
   EXPECT_EQ(DecodeBitstreamWord(0x12345678).flags, 0x12u);
   EXPECT_EQ(DecodeBitstreamWord(0x12345678).minor, 0x78u);
-  EXPECT_STREQ(ModelDirectoryAliasTable(4), "O21F");
-  EXPECT_EQ(ModelDirectoryAliasTable(7), nullptr);
-  EXPECT_EQ(FlashImageDigitTable('G'), 16);
-  EXPECT_EQ(FlashImageDigitTable('H'), -1);
-  EXPECT_EQ(FlashImageDigitTable('a'), -1);
 }
 
 class MmcmTest : public ::testing::Test {

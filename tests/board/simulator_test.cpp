@@ -1,9 +1,4 @@
 // The simulator's board list: cards, sub-devices and errors by line.
-#include <cerrno>
-#include <cmath>
-#include <cstring>
-#include <set>
-
 #include "board_fixture.h"
 #include "sim/blocks.h"
 #include "sim/config.h"

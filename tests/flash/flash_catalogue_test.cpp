@@ -1,8 +1,5 @@
 // The catalogue of flash images under ./bitstreams/ and the mapped files it
 // holds.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <fstream>
 
 #include "flash/flash_catalogue.h"
@@ -19,18 +16,15 @@ std::string Text(const MappedFile &file) {
 class FlashCatalogueTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = TempDirectory("catalogue");
     MakeBitstreamTree(root_);
     previous_ = std::filesystem::current_path();
     std::filesystem::current_path(root_);
   }
-  void TearDown() override {
-    std::filesystem::current_path(previous_);
-    std::filesystem::remove_all(root_);
-  }
+  void TearDown() override { std::filesystem::current_path(previous_); }
   std::filesystem::path Folder(const std::string &name) { return root_ / "bitstreams" / ("CKB-" + name); }
 
-  std::filesystem::path root_;
+  miner_testing::ScratchDir scratch_;
+  const std::filesystem::path root_ = scratch_.Path();
   std::filesystem::path previous_;
 };
 
@@ -40,6 +34,7 @@ TEST_F(FlashCatalogueTest, NamesBecomeSlotsAndOthersAreIgnored) {
   WriteText(Folder("RK35") / "a1", "x");
   WriteText(Folder("RK35") / "A1B", "three");
   WriteText(Folder("RK35") / "G", "one");
+  WriteText(Folder("RK35") / "H", "x");
   WriteText(Folder("RK35") / "12", "two");
   std::filesystem::create_directories(Folder("RK35") / "7");
   WriteText(Folder("O215") / "static.bin", "wide image");

@@ -1,7 +1,5 @@
 // The flash flow end to end against a simulated board: the image lands where
-// the flash type says, in the order it says, and the board boots it after a
-// power cycle.
-#include <fstream>
+// the flash type says, in the order it says.
 #include <functional>
 
 #include "flash/flash_device.h"
@@ -11,27 +9,10 @@
 
 namespace {
 
-constexpr uint32_t kBitstreamRegister = 0x0008;
-constexpr uint32_t kCkbWord = 0x000C0004;
-
 std::vector<uint32_t> ProgramAddresses(const std::vector<sim::SpiFrame> &frames) {
   std::vector<uint32_t> addresses;
   for (const auto &frame : FramesOf(frames, SPIFlash::kPageProgram4)) addresses.push_back(FrameAddress(frame));
   return addresses;
-}
-
-void WriteFile(const std::filesystem::path &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> ReadFile(const std::filesystem::path &path, uint64_t offset, uint64_t count) {
-  std::ifstream in(path, std::ios::binary);
-  in.seekg(static_cast<std::streamoff>(offset));
-  std::vector<uint8_t> bytes(count);
-  in.read(reinterpret_cast<char *>(bytes.data()), static_cast<std::streamsize>(count));
-  bytes.resize(static_cast<size_t>(in.gcount()));
-  return bytes;
 }
 
 class FlashDeviceTest : public SimBoardTest {
@@ -85,35 +66,6 @@ TEST_F(FlashDeviceTest, UpdateRegionImageWritesItsFirstPageLast) {
   EXPECT_EQ(std::count(addresses.begin(), addresses.end(), 0x680000u), 1);
   EXPECT_EQ(addresses.back(), 0x680000u);
   EXPECT_EQ(FlashBytes(0x680000, image.size()), image);
-}
-
-TEST_F(FlashDeviceTest, PowerCycledBoardBootsTheFlashedImage) {
-  auto dir = TempDirectory("power-cycle");
-  std::vector<uint8_t> image = RandomImage(70000, 15);
-  WriteFile(dir / "ckb.bin", image);
-  std::string board = "xdma0 model=2 identity=101_ modelbits=5 bitstream=0x00FF0001 flash_size=0x800000 flash=" +
-                      (dir / "flash").string() + " ckb_image=" + (dir / "ckb.bin").string() + "\n";
-  Start(board);
-  BRYLDMADevice *device = Open();
-  std::vector<uint8_t> almost = image;
-  almost[69999] ^= 1;
-  ASSERT_TRUE(Flash(device, FlashTypeUpdateRegion, almost));
-  Card().PowerCycle();
-  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), 0x00FF0001u);
-
-  ASSERT_TRUE(Flash(device, FlashTypeUpdateRegion, image));
-  // Still running the old bitstream until the power cycle.
-  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), 0x00FF0001u);
-  EXPECT_EQ(ReadFile(dir / "flash", 0x680000, image.size()), image);
-  Card().PowerCycle();
-  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), kCkbWord);
-
-  // A restarted simulator finds the same contents in the board's file.
-  TearDown();
-  Start(board);
-  device = Open();
-  EXPECT_EQ(BRYLDMADeviceRead(device, device->userFile, kBitstreamRegister), kCkbWord);
-  std::filesystem::remove_all(dir);
 }
 
 // Every way a flash can go wrong ends in a result that says so: refused

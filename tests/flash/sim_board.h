@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include "flash/xil_io.h"
 #include "sim/in_process.h"
 #include "sim/spi.h"
+#include "support/sim_boards.h"
 
 class SimBoardTest : public ::testing::Test {
  protected:
@@ -84,14 +84,6 @@ inline std::vector<uint8_t> RandomImage(size_t size, uint32_t seed) {
   std::vector<uint8_t> image(size);
   for (uint8_t &byte : image) byte = static_cast<uint8_t>(random());
   return image;
-}
-
-// A fresh directory under the system's temporary directory.
-inline std::filesystem::path TempDirectory(const std::string &name) {
-  auto dir = std::filesystem::temp_directory_path() / ("ombry-" + name + "-" + std::to_string(getpid()));
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
-  return dir;
 }
 
 // An empty ./bitstreams/ tree, one folder per model, under `root`.
