@@ -1,7 +1,6 @@
 // The miner against pools that misbehave the way real pools and networks do:
 // what the pool received, and what the operator was told.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -15,15 +14,9 @@ constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 // Settings for the pool's first connection alone; later ones behave. The
 // files go with the test process.
 std::vector<std::string> FirstConnection(const std::string &settings, std::vector<std::string> options) {
-  static struct Scripts {
-    std::vector<std::string> paths;
-    ~Scripts() {
-      for (const std::string &path : paths) std::remove(path.c_str());
-    }
-  } scripts;
-  std::string path = testing::TempDir() + "ombry-pool-script-" + std::to_string(getpid()) + "-" +
-                     std::to_string(scripts.paths.size()) + ".json";
-  scripts.paths.push_back(path);
+  static miner_testing::ScratchDir scripts;
+  static int count = 0;
+  std::string path = (scripts.Path() / (std::to_string(count++) + ".json")).string();
   std::ofstream(path) << "{\"connections\":[" << settings << "]}";
   options.insert(options.end(), {"--script", path});
   return options;

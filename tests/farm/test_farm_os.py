@@ -11,6 +11,7 @@ Every wait is for an event, with a generous guard."""
 
 import json
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -109,7 +110,7 @@ class FarmPackagesTest(unittest.TestCase):
         os.symlink(os.path.join(BUILD_DIR, "bin", "ombry-sim-miner"), folder + "/ombry-miner")
         return folder
 
-    def test_hiveos_and_mmpos_packages_and_the_status_page_on_a_simulated_rig(self):
+    def test_hiveos_and_mmpos_packages_and_the_status_page(self):
         hive = self.unpack("hiveos", HIVE_FILES)
         manifest = os.path.join(hive, "h-manifest.conf")
         shown = bash("source h-manifest.conf; echo \"$CUSTOM_NAME|$CUSTOM_VERSION|$CUSTOM_CONFIG_FILENAME|"
@@ -149,10 +150,7 @@ class FarmPackagesTest(unittest.TestCase):
         log_path = os.path.join(self.dir, "log", "ombry-miner.log")
 
         def log():
-            if not os.path.exists(log_path):
-                return ""
-            with open(log_path) as text:
-                return text.read()
+            return pathlib.Path(log_path).read_text() if os.path.exists(log_path) else ""
 
         wait_for("accepted shares from both boards", lambda: all(
             board["Accepted"] >= 2 and board["Temperature"] for board in (api(api_port, "devs") or {"DEVS": [
@@ -201,6 +199,20 @@ class FarmPackagesTest(unittest.TestCase):
         self.assertEqual(json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))["hash"], [0, 0])
         self.assertEqual(bash("source h-stats.sh; echo \"$khs $stats\"", hive), "0 null\n")
 
+        # Bus numbers and share counts in the order each OS reads them, from
+        # boards with PCI addresses.
+        boards = [{"ID": 1, "PCI Address": "0000:1a:00.0", "Nominal MHS": 1000.0, "Temperature": 51.5},
+                  {"ID": 2, "PCI Address": "0000:03:00.0", "Nominal MHS": 100.0, "Temperature": None}]
+        fake = FakeApi({"summary": {"SUMMARY": [{"Elapsed": 60, "Accepted": 7, "Rejected": 2, "Hardware Errors": 1}]},
+                        "devs": {"DEVS": boards}, "version": {"VERSION": [{"Miner": "ombry-miner 9.8.7"}]}})
+        set_variable(os.path.join(hive, "h-manifest.conf"), "CUSTOM_API_PORT", fake.port)
+        set_variable(os.path.join(mmp, "mmp-external.conf"), "EXTERNAL_API_PORT", fake.port)
+        stats = json.loads(bash("source h-stats.sh; echo \"$stats\"", hive))
+        self.assertEqual((stats["bus_numbers"], stats["ar"], stats["temp"], stats["ver"]),
+                         ([26, 3], [7, 2, 1], [51.5, None], "9.8.7"))
+        mmp_stats = json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))
+        self.assertEqual((mmp_stats["busid"], mmp_stats["air"]), (["0000:1a:00.0", "0000:03:00.0"], [7, 1, 2]))
+
     def check_status_page(self, port):
         """The page as a browser renders it: a row per board, named, with its
         rates, and the pools with the active one marked."""
@@ -231,21 +243,6 @@ class FarmPackagesTest(unittest.TestCase):
         process = Process(name, args, cwd or self.dir, env)
         self.processes.append(process)
         return process
-
-    def test_bus_numbers_and_share_counts_in_the_order_each_os_reads(self):
-        hive = self.unpack("hiveos", HIVE_FILES)
-        mmp = self.unpack("mmpos", MMP_FILES)
-        boards = [{"ID": 1, "PCI Address": "0000:1a:00.0", "Nominal MHS": 1000.0, "Temperature": 51.5},
-                  {"ID": 2, "PCI Address": "0000:03:00.0", "Nominal MHS": 100.0, "Temperature": None}]
-        fake = FakeApi({"summary": {"SUMMARY": [{"Elapsed": 60, "Accepted": 7, "Rejected": 2, "Hardware Errors": 1}]},
-                        "devs": {"DEVS": boards}, "version": {"VERSION": [{"Miner": "ombry-miner 9.8.7"}]}})
-        set_variable(os.path.join(hive, "h-manifest.conf"), "CUSTOM_API_PORT", fake.port)
-        set_variable(os.path.join(mmp, "mmp-external.conf"), "EXTERNAL_API_PORT", fake.port)
-        stats = json.loads(bash("source h-stats.sh; echo \"$stats\"", hive))
-        self.assertEqual((stats["bus_numbers"], stats["ar"], stats["temp"], stats["ver"]),
-                         ([26, 3], [7, 2, 1], [51.5, None], "9.8.7"))
-        mmp_stats = json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))
-        self.assertEqual((mmp_stats["busid"], mmp_stats["air"]), (["0000:1a:00.0", "0000:03:00.0"], [7, 1, 2]))
 
 
 if __name__ == "__main__":

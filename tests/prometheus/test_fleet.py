@@ -238,8 +238,6 @@ class FleetOnPrometheusTest(unittest.TestCase):
         self.assertEqual([(a["metric"]["instance"], a["metric"]["board"], a["metric"]["severity"]) for a in firing],
                          [(rig_b, "2", "critical")])
         self.assertEqual(len(self.query(f'ombry_board_state{{instance="{rig_a}",state="alive"}} == 1')), 2)
-        print(f"both rigs up; {len(queries)} dashboard queries checked; "
-              f"OmbryBoardDead firing for {rig_b} board 2")
 
 
 if __name__ == "__main__":
