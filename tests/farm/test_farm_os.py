@@ -13,18 +13,16 @@ import json
 import os
 import pathlib
 import re
-import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tarfile
-import tempfile
 import threading
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "prometheus"))
-from test_fleet import BUILD_DIR, SOURCE_DIR, Process, free_port, wait_for  # noqa: E402
+from test_fleet import BUILD_DIR, SOURCE_DIR, RigTest, free_port, wait_for  # noqa: E402
 
 # A narrow board without a regulator sensor and a wide one with it.
 BOARDS = "xdma0 model=7\nxdma1 model=4\n"
@@ -78,14 +76,11 @@ class FakeApi:
                 connection.sendall(json.dumps(answers[command]).encode())
 
 
-class FarmPackagesTest(unittest.TestCase):
+class FarmPackagesTest(RigTest):
+    TOOLS = ("jq", "nc", "chromium")
+
     def setUp(self):
-        for tool in ("jq", "nc", "chromium"):
-            self.assertIsNotNone(shutil.which(tool), f"{tool} is missing: run scripts/install-deps.sh")
-        self.dir = tempfile.mkdtemp(prefix="ombry-farm-")
-        self.processes = []
-        self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
-        self.addCleanup(lambda: [process.stop() for process in reversed(self.processes)])
+        super().setUp()
         version = subprocess.run([os.path.join(BUILD_DIR, "bin", "ombry-miner"), "--version"], capture_output=True,
                                  text=True).stdout.split()[1]
         self.version = version.replace("-", ".")
@@ -123,10 +118,7 @@ class FarmPackagesTest(unittest.TestCase):
         set_variable(manifest, "CUSTOM_LOG_BASENAME", os.path.join(self.dir, "log", "ombry-miner"))
         set_variable(manifest, "CUSTOM_API_PORT", api_port)
 
-        pool = self.start_process("pool", [sys.executable, os.path.join(SOURCE_DIR, "tools", "test_pool", "pool.py"),
-                                           "--port", "0", "--difficulty", "0.002", "--notify-interval", "2"])
-        pool_port = int(wait_for("the pool", lambda: re.search(r"listening on 127\.0\.0\.1:(\d+)",
-                                                               pool.output())).group(1))
+        pool_port = self.start_pool()
         backup = free_port()  # nothing listens there
         flight_sheet = {"CUSTOM_URL": f"127.0.0.1:{pool_port}, stratum+tcp://127.0.0.1:{backup}",
                         "CUSTOM_TEMPLATE": "wallet.%WORKER_NAME%", "WORKER_NAME": "rig7", "CUSTOM_PASS": "s3cret",
@@ -145,8 +137,8 @@ class FarmPackagesTest(unittest.TestCase):
 
         with open(os.path.join(self.dir, "boards.txt"), "w") as boards:
             boards.write(BOARDS)
-        rig = self.start_process("h-run", [os.path.join(hive, "h-run.sh")], cwd=self.dir,
-                                 env={"OMBRY_SIM_BOARDS": os.path.join(self.dir, "boards.txt")})
+        rig = self.start("h-run", [os.path.join(hive, "h-run.sh")],
+                         env={"OMBRY_SIM_BOARDS": os.path.join(self.dir, "boards.txt")})
         log_path = os.path.join(self.dir, "log", "ombry-miner.log")
 
         def log():
@@ -238,11 +230,6 @@ class FarmPackagesTest(unittest.TestCase):
         pools = rows("pools")
         self.assertEqual([(active, cells[0]) for active, cells in pools], [(True, "\u25b6 active"), (False, "")])
         self.assertIn("updated ", dom)
-
-    def start_process(self, name, args, cwd=None, env=None):
-        process = Process(name, args, cwd or self.dir, env)
-        self.processes.append(process)
-        return process
 
 
 if __name__ == "__main__":
