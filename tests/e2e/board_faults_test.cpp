@@ -3,7 +3,7 @@
 // run on a board with a highest good clock ends next to it.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <algorithm>
 
 #include "e2e/miner_run.h"
 
@@ -12,8 +12,6 @@ namespace {
 
 const std::vector<std::string> kEasyPool = {"--difficulty", "0.002", "--notify-interval", "2"};
 
-size_t Lines(const std::string &text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
-
 TEST(BoardFaults, AFailingBoardIsTakenOutWithOneLineAndTheOtherMinesOn) {
   struct Case {
     const char *fault;
@@ -21,8 +19,7 @@ TEST(BoardFaults, AFailingBoardIsTakenOutWithOneLineAndTheOtherMinesOn) {
   };
   const Case cases[] = {
       {"read_fail=1", "Worker 1: register reads keep failing"},
-      {"read_error=1", "Worker 1: register reads keep failing"},
-      {"vanish=on", "Worker 1: register reads keep failing"},
+      {"vanish=on", "Worker 1: register reads keep failing"},  // fails as EIO does: with an error, not short
       {"mmcm_stuck=1", "Worker 1: the clock (MMCM) stayed busy for 100 ms"},
       {"hot=-279", "Worker 1: no valid core temperature for 5 s"},
       {"all_ones=1", "Worker 1 has crashed, disabling..."},  // off the bus: every nonce all ones
@@ -37,19 +34,18 @@ TEST(BoardFaults, AFailingBoardIsTakenOutWithOneLineAndTheOtherMinesOn) {
     ASSERT_TRUE(run.Command(std::string("xdma0 ") + c.fault));
     if (std::string(c.fault) == "mmcm_stuck=1") run.Child().Type("1+");
     size_t from = run.Output().size();
-    auto faulted = std::chrono::steady_clock::now();
     ASSERT_TRUE(run.Until([&] { return run.Count("I/Worker01     : Stopped", from) == 1; }, 30s)) << run.Output();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - faulted).count();
     EXPECT_EQ(run.Count(c.cause, from), 1u) << run.Output().substr(from);
 
-    // The other board's shares keep coming.
+    // The other board's shares keep coming, and the board taken out does not
+    // hold up the end of the run.
     uint64_t accepted = run.Pool("accepted");
     ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; }, 60s));
-    EXPECT_LE(Lines(run.Output().substr(from)), 300u);
-    std::cout << c.fault << ": taken out after " << seconds << " s, " << Lines(run.Output().substr(from))
-              << " lines logged since the fault\n";
+    EXPECT_LE(std::count(run.Output().begin() + static_cast<std::ptrdiff_t>(from), run.Output().end(), '\n'), 300);
     run.Child().Type("q");
     EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Count("Waiting for workers to stop timed out"), 0u);
+    EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
   }
 }
 
@@ -65,14 +61,8 @@ TEST(BoardFaults, TuningEndsNextToTheBoardsHighestGoodClock) {
     run.Child().Type("s");
     return run.Count("Saved active configuration to config.json") >= 1;
   }));
-  std::ifstream saved(run.WorkDir() / "config.json");
-  std::string text((std::istreambuf_iterator<char>(saved)), std::istreambuf_iterator<char>());
-  size_t at = text.find("\"clock\":");
-  ASSERT_NE(at, std::string::npos) << text;
-  double tunedMHz = std::stod(text.substr(at + 8));
-  std::cout << "tuned to " << tunedMHz << " MHz against a limit of 110.3 MHz\n";
-  EXPECT_GE(tunedMHz, 110.3 - 0.05 - 1.0);
-  EXPECT_LE(tunedMHz, 110.3 + 1.1);
+  EXPECT_GE(run.SavedClock(), 110.3 - 0.05 - 1.0) << ReadFile(run.WorkDir() / "config.json");
+  EXPECT_LE(run.SavedClock(), 110.3 + 1.1);
   run.Child().Type("q");
   EXPECT_EQ(run.Child().Wait(), 0);
 }

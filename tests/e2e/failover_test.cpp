@@ -31,10 +31,6 @@ std::string Url(const testing_support::TestPool &pool, const char *scheme = "str
   return std::string(scheme) + "://127.0.0.1:" + std::to_string(pool.Port());
 }
 
-double Since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
   testing_support::TestPool backup(EasyPool("2"));
   MinerRun run(kTwoBoards, EasyPool("1"));
@@ -44,19 +40,13 @@ TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
   const uint16_t port = run.PoolProcess().Port();
 
   run.PoolProcess().Stop();
-  auto down = std::chrono::steady_clock::now();
   ASSERT_TRUE(run.Until([&] { return PoolCount(backup, "accepted") >= 1; })) << run.Output();
-  double toBackup = Since(down);
   EXPECT_EQ(run.Count("its connection failed 3 times in a row"), 1u);
 
   testing_support::TestPool primary(EasyPool("3", {"--port", std::to_string(port)}));
   ASSERT_EQ(primary.Port(), port);
-  auto back = std::chrono::steady_clock::now();
   ASSERT_TRUE(run.Until([&] { return PoolCount(primary, "accepted") >= 1; })) << run.Output();
-  double toPrimary = Since(back);
   EXPECT_EQ(run.Count("the primary pool has been back for 4 s"), 1u);
-  std::cout << "first accepted share: on the backup " << toBackup << " s after the primary stopped, on the primary "
-            << toPrimary << " s after it returned\n";
 
   // The operator moves the rig to the backup through the API.
   uint64_t onBackup = PoolCount(backup, "accepted");

@@ -11,9 +11,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,17 +48,40 @@ inline uint64_t WrongfullyRejected(const testing_support::TestPool &pool) {
 
 // The job ids of every share a pool was sent: the second parameter.
 inline std::set<std::string> SubmittedJobIds(const testing_support::TestPool &pool) {
-  static const std::string kSubmit = "\"mining.submit\",\"params\":[\"";
   std::set<std::string> jobs;
   for (const std::string &line : pool.ClientLines()) {
-    size_t at = line.find(kSubmit);
-    if (at == std::string::npos) continue;
-    size_t account = line.find('"', at + kSubmit.size());  // end of the account
-    size_t job = line.find('"', account + 1);              // start of the job id
-    size_t end = job == std::string::npos ? job : line.find('"', job + 1);
-    if (end != std::string::npos) jobs.insert(line.substr(job + 1, end - job - 1));
+    nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
+    if (message.is_object() && message.value("method", "") == "mining.submit" && message["params"][1].is_string()) {
+      jobs.insert(message["params"][1].get<std::string>());
+    }
   }
   return jobs;
+}
+
+// A status table: its rows' columns by worker number.
+using Table = std::map<unsigned, std::vector<std::string>>;
+
+// Each status table in `output`, from its header row on.
+inline std::vector<Table> Tables(const std::string &output) {
+  const std::string prefix = "I/Miner        : ";
+  std::vector<Table> tables;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("Id | Model |") != std::string::npos) tables.emplace_back();
+    unsigned number = 0;
+    if (tables.empty() || line.rfind(prefix, 0) != 0 || line.compare(prefix.size() + 2, 2, " |") != 0 ||
+        sscanf(line.c_str() + prefix.size(), "%2u |", &number) != 1) {
+      continue;
+    }
+    std::stringstream row(line.substr(prefix.size()));
+    for (std::string column; std::getline(row, column, '|');) tables.back()[number].push_back(column);
+  }
+  return tables;
+}
+
+inline std::string ReadFile(const std::filesystem::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 class MinerRun {
@@ -70,11 +98,12 @@ class MinerRun {
     control_ = (boards_.WorkDir() / "control").string();
     std::string port = std::to_string(pool_.Port());
     std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://" + hostName + ":" + port;
-    std::vector<std::string> args = {"ckb", host, port, "wallet.rig", password_};
+    std::vector<std::string> args = {miner_testing::SimMiner(), "ckb", host, port, "wallet.rig", password_};
     args.insert(args.end(), options.begin(), options.end());
-    std::vector<std::string> env = env_;
+    std::vector<std::string> env = boards_.Env();
+    env.insert(env.end(), env_.begin(), env_.end());
     env.push_back("OMBRY_SIM_CONTROL=" + control_);
-    child_ = miner_testing::StartOnTerminal(boards_, args, env);
+    child_ = std::make_unique<testing_support::PtyProcess>(args, env, nullptr, WorkDir().string());
     return child_->WaitFor("Using Account: wallet.rig");
   }
 
@@ -121,22 +150,15 @@ class MinerRun {
     return count;
   }
 
-  // The columns of worker `number`'s row in the last table printed after
-  // `from`; empty when there is none.
+  // The columns of worker `number`'s last row printed after `from`; empty
+  // when there is none.
   std::vector<std::string> LastRow(unsigned number, size_t from = 0) const {
-    char prefix[32];
-    snprintf(prefix, sizeof prefix, "I/Miner        : %2u |  ", number);
     std::string lines = Lines();
-    size_t at = lines.rfind(prefix);
-    if (at == std::string::npos || at < from) return {};
-    std::string line = lines.substr(at + 17, lines.find('\n', at) - at - 17);
-    std::vector<std::string> columns;
-    for (size_t start = 0, bar;; start = bar + 1) {
-      bar = line.find('|', start);
-      columns.push_back(line.substr(start, bar == std::string::npos ? std::string::npos : bar - start));
-      if (bar == std::string::npos) break;
+    std::vector<Table> tables = Tables(from < lines.size() ? lines.substr(from) : "");
+    for (auto table = tables.rbegin(); table != tables.rend(); ++table) {
+      if (table->count(number) != 0) return table->at(number);
     }
-    return columns;
+    return {};
   }
 
   // Current and target clock in MHz of a worker's last row; {-1, -1} without one.
@@ -157,6 +179,13 @@ class MinerRun {
     return sum;
   }
 
+  // The clock of the first board in the settings the 's' key saved; -1 before.
+  double SavedClock() const {
+    std::string saved = ReadFile(WorkDir() / "config.json");
+    size_t clock = saved.find("\"clock\":");
+    return clock == std::string::npos ? -1 : std::stod(saved.substr(clock + 8));
+  }
+
   testing_support::PtyProcess &Child() { return *child_; }
   testing_support::TestPool &PoolProcess() { return pool_; }
   const std::string &Output() const { return child_->Output(); }
@@ -174,8 +203,9 @@ class MinerRun {
   std::unique_ptr<testing_support::PtyProcess> child_;
 };
 
-// One connection from `source` to a monitoring server of the miner on 127.0.0.1.
-inline int Connect(uint16_t port, const char *source = "127.0.0.1") {
+// Sends `request` from `source` to a monitoring server of the miner on
+// 127.0.0.1 and reads the answer until the server closes.
+inline std::string Ask(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in local{};
   local.sin_family = AF_INET;
@@ -185,21 +215,14 @@ inline int Connect(uint16_t port, const char *source = "127.0.0.1") {
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-    close(fd);
-    return -1;
-  }
   timeval limit{10, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  return fd;
-}
-
-// Sends `request` and reads the answer until the server closes.
-inline std::string Ask(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
-  int fd = Connect(port, source);
-  if (fd < 0) return "";
-  (void)!write(fd, request.data(), request.size());
   std::string answer;
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    close(fd);
+    return answer;
+  }
+  (void)!write(fd, request.data(), request.size());
   char buffer[4096];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
   close(fd);

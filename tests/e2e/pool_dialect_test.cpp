@@ -26,12 +26,10 @@ std::vector<std::string> PoolOptions(const std::string &extranonce1, std::vector
 void MineSideBySide(MinerRun &clean, MinerRun &other) {
   ASSERT_TRUE(clean.Start());
   ASSERT_TRUE(other.Start());
-  auto deadline = std::chrono::steady_clock::now() + kHangGuard;
-  while (clean.Pool("accepted") < kCleanShares) {
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << clean.Output();
-    clean.Pump(50ms);
+  ASSERT_TRUE(clean.Until([&] {
     other.Pump(50ms);
-  }
+    return clean.Pool("accepted") >= kCleanShares;
+  })) << clean.Output();
 }
 
 struct Dialect {

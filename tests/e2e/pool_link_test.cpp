@@ -1,7 +1,6 @@
 // The miner against pools that misbehave the way real pools and networks do:
 // what the pool received, and what the operator was told.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -15,28 +14,28 @@ constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 // Settings for the pool's first connection alone; later ones behave. The
 // files go with the test process.
 std::vector<std::string> FirstConnection(const std::string &settings, std::vector<std::string> options) {
-  static struct Scripts {
-    std::vector<std::string> paths;
-    ~Scripts() {
-      for (const std::string &path : paths) std::remove(path.c_str());
-    }
-  } scripts;
-  std::string path = testing::TempDir() + "ombry-pool-script-" + std::to_string(getpid()) + "-" +
-                     std::to_string(scripts.paths.size()) + ".json";
-  scripts.paths.push_back(path);
+  static miner_testing::ScratchDir scripts;
+  static int count = 0;
+  std::string path = (scripts.Path() / (std::to_string(count++) + ".json")).string();
   std::ofstream(path) << "{\"connections\":[" << settings << "]}";
   options.insert(options.end(), {"--script", path});
   return options;
 }
 
-// Lines cut at random bytes, with pauses between the pieces, arrive whole:
-// none is dropped, the connection holds, and shares on several jobs are
-// accepted.
-TEST(PoolLink, LinesCutAtRandomBytesArriveWhole) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "2", "--split-lines", "2", "--split-random",
-                            "--split-delay", "0.03"});
+// A pool that refuses connections for its first 6 s is retried with growing
+// pauses; then lines cut at random bytes, with pauses between the pieces,
+// arrive whole: none is dropped, the connection holds, and shares on several
+// jobs are accepted.
+TEST(PoolLink, RefusedConnectionsAreRetriedWithGrowingPausesAndCutLinesArriveWhole) {
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "2", "--refuse-for", "6", "--split-lines",
+                            "2", "--split-random", "--split-delay", "0.03"});
   ASSERT_TRUE(run.Start());
   ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 6 && run.SubmittedJobs().size() >= 3; })) << run.Output();
+  // Pauses of at most 1, 2 and 4 s fill the first 6 s with few attempts, not
+  // one a second.
+  size_t attempts = run.Count("Stratum state Idle -> Connecting");
+  EXPECT_GE(attempts, 3u);
+  EXPECT_LE(attempts, 6u);
   EXPECT_EQ(run.Count("Dropped"), 0u);
   EXPECT_EQ(run.Pool("connections"), 1u);
   EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u);
@@ -64,19 +63,6 @@ TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
     run.Child().Type("q");
     EXPECT_EQ(run.Child().Wait(), 0);
   }
-}
-
-TEST(PoolLink, RefusedConnectionsAreRetriedWithGrowingPauses) {
-  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--notify-interval", "2", "--refuse-for", "6"});
-  ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= 1; })) << run.Output();
-  // Pauses of at most 1, 2 and 4 s fill the first 6 s with few attempts, not
-  // one a second.
-  size_t attempts = run.Count("Stratum state Idle -> Connecting");
-  EXPECT_GE(attempts, 3u);
-  EXPECT_LE(attempts, 6u);
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
 }
 
 }  // namespace

@@ -11,19 +11,18 @@ Every wait is for an event, with a generous guard."""
 
 import json
 import os
+import pathlib
 import re
-import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tarfile
-import tempfile
 import threading
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "prometheus"))
-from test_fleet import BUILD_DIR, SOURCE_DIR, Process, free_port, wait_for  # noqa: E402
+from test_fleet import BUILD_DIR, SOURCE_DIR, RigTest, free_port, wait_for  # noqa: E402
 
 # A narrow board without a regulator sensor and a wide one with it.
 BOARDS = "xdma0 model=7\nxdma1 model=4\n"
@@ -77,14 +76,11 @@ class FakeApi:
                 connection.sendall(json.dumps(answers[command]).encode())
 
 
-class FarmPackagesTest(unittest.TestCase):
+class FarmPackagesTest(RigTest):
+    TOOLS = ("jq", "nc", "chromium")
+
     def setUp(self):
-        for tool in ("jq", "nc", "chromium"):
-            self.assertIsNotNone(shutil.which(tool), f"{tool} is missing: run scripts/install-deps.sh")
-        self.dir = tempfile.mkdtemp(prefix="ombry-farm-")
-        self.processes = []
-        self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
-        self.addCleanup(lambda: [process.stop() for process in reversed(self.processes)])
+        super().setUp()
         version = subprocess.run([os.path.join(BUILD_DIR, "bin", "ombry-miner"), "--version"], capture_output=True,
                                  text=True).stdout.split()[1]
         self.version = version.replace("-", ".")
@@ -109,7 +105,7 @@ class FarmPackagesTest(unittest.TestCase):
         os.symlink(os.path.join(BUILD_DIR, "bin", "ombry-sim-miner"), folder + "/ombry-miner")
         return folder
 
-    def test_hiveos_and_mmpos_packages_and_the_status_page_on_a_simulated_rig(self):
+    def test_hiveos_and_mmpos_packages_and_the_status_page(self):
         hive = self.unpack("hiveos", HIVE_FILES)
         manifest = os.path.join(hive, "h-manifest.conf")
         shown = bash("source h-manifest.conf; echo \"$CUSTOM_NAME|$CUSTOM_VERSION|$CUSTOM_CONFIG_FILENAME|"
@@ -122,10 +118,7 @@ class FarmPackagesTest(unittest.TestCase):
         set_variable(manifest, "CUSTOM_LOG_BASENAME", os.path.join(self.dir, "log", "ombry-miner"))
         set_variable(manifest, "CUSTOM_API_PORT", api_port)
 
-        pool = self.start_process("pool", [sys.executable, os.path.join(SOURCE_DIR, "tools", "test_pool", "pool.py"),
-                                           "--port", "0", "--difficulty", "0.002", "--notify-interval", "2"])
-        pool_port = int(wait_for("the pool", lambda: re.search(r"listening on 127\.0\.0\.1:(\d+)",
-                                                               pool.output())).group(1))
+        pool_port = self.start_pool()
         backup = free_port()  # nothing listens there
         flight_sheet = {"CUSTOM_URL": f"127.0.0.1:{pool_port}, stratum+tcp://127.0.0.1:{backup}",
                         "CUSTOM_TEMPLATE": "wallet.%WORKER_NAME%", "WORKER_NAME": "rig7", "CUSTOM_PASS": "s3cret",
@@ -144,15 +137,12 @@ class FarmPackagesTest(unittest.TestCase):
 
         with open(os.path.join(self.dir, "boards.txt"), "w") as boards:
             boards.write(BOARDS)
-        rig = self.start_process("h-run", [os.path.join(hive, "h-run.sh")], cwd=self.dir,
-                                 env={"OMBRY_SIM_BOARDS": os.path.join(self.dir, "boards.txt")})
+        rig = self.start("h-run", [os.path.join(hive, "h-run.sh")],
+                         env={"OMBRY_SIM_BOARDS": os.path.join(self.dir, "boards.txt")})
         log_path = os.path.join(self.dir, "log", "ombry-miner.log")
 
         def log():
-            if not os.path.exists(log_path):
-                return ""
-            with open(log_path) as text:
-                return text.read()
+            return pathlib.Path(log_path).read_text() if os.path.exists(log_path) else ""
 
         wait_for("accepted shares from both boards", lambda: all(
             board["Accepted"] >= 2 and board["Temperature"] for board in (api(api_port, "devs") or {"DEVS": [
@@ -201,6 +191,20 @@ class FarmPackagesTest(unittest.TestCase):
         self.assertEqual(json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))["hash"], [0, 0])
         self.assertEqual(bash("source h-stats.sh; echo \"$khs $stats\"", hive), "0 null\n")
 
+        # Bus numbers and share counts in the order each OS reads them, from
+        # boards with PCI addresses.
+        boards = [{"ID": 1, "PCI Address": "0000:1a:00.0", "Nominal MHS": 1000.0, "Temperature": 51.5},
+                  {"ID": 2, "PCI Address": "0000:03:00.0", "Nominal MHS": 100.0, "Temperature": None}]
+        fake = FakeApi({"summary": {"SUMMARY": [{"Elapsed": 60, "Accepted": 7, "Rejected": 2, "Hardware Errors": 1}]},
+                        "devs": {"DEVS": boards}, "version": {"VERSION": [{"Miner": "ombry-miner 9.8.7"}]}})
+        set_variable(os.path.join(hive, "h-manifest.conf"), "CUSTOM_API_PORT", fake.port)
+        set_variable(os.path.join(mmp, "mmp-external.conf"), "EXTERNAL_API_PORT", fake.port)
+        stats = json.loads(bash("source h-stats.sh; echo \"$stats\"", hive))
+        self.assertEqual((stats["bus_numbers"], stats["ar"], stats["temp"], stats["ver"]),
+                         ([26, 3], [7, 2, 1], [51.5, None], "9.8.7"))
+        mmp_stats = json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))
+        self.assertEqual((mmp_stats["busid"], mmp_stats["air"]), (["0000:1a:00.0", "0000:03:00.0"], [7, 1, 2]))
+
     def check_status_page(self, port):
         """The page as a browser renders it: a row per board, named, with its
         rates, and the pools with the active one marked."""
@@ -226,26 +230,6 @@ class FarmPackagesTest(unittest.TestCase):
         pools = rows("pools")
         self.assertEqual([(active, cells[0]) for active, cells in pools], [(True, "\u25b6 active"), (False, "")])
         self.assertIn("updated ", dom)
-
-    def start_process(self, name, args, cwd=None, env=None):
-        process = Process(name, args, cwd or self.dir, env)
-        self.processes.append(process)
-        return process
-
-    def test_bus_numbers_and_share_counts_in_the_order_each_os_reads(self):
-        hive = self.unpack("hiveos", HIVE_FILES)
-        mmp = self.unpack("mmpos", MMP_FILES)
-        boards = [{"ID": 1, "PCI Address": "0000:1a:00.0", "Nominal MHS": 1000.0, "Temperature": 51.5},
-                  {"ID": 2, "PCI Address": "0000:03:00.0", "Nominal MHS": 100.0, "Temperature": None}]
-        fake = FakeApi({"summary": {"SUMMARY": [{"Elapsed": 60, "Accepted": 7, "Rejected": 2, "Hardware Errors": 1}]},
-                        "devs": {"DEVS": boards}, "version": {"VERSION": [{"Miner": "ombry-miner 9.8.7"}]}})
-        set_variable(os.path.join(hive, "h-manifest.conf"), "CUSTOM_API_PORT", fake.port)
-        set_variable(os.path.join(mmp, "mmp-external.conf"), "EXTERNAL_API_PORT", fake.port)
-        stats = json.loads(bash("source h-stats.sh; echo \"$stats\"", hive))
-        self.assertEqual((stats["bus_numbers"], stats["ar"], stats["temp"], stats["ver"]),
-                         ([26, 3], [7, 2, 1], [51.5, None], "9.8.7"))
-        mmp_stats = json.loads(bash("./mmp-stats.sh 2 /dev/null", mmp))
-        self.assertEqual((mmp_stats["busid"], mmp_stats["air"]), (["0000:1a:00.0", "0000:03:00.0"], [7, 1, 2]))
 
 
 if __name__ == "__main__":

@@ -51,8 +51,6 @@ class StreamCapture {
     std::string text;
     char buffer[65536];
     size_t n;
-    long end = ftell(file);
-    (void)end;
     fseek(file, 0, SEEK_SET);
     while ((n = fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, n);
     return text;

@@ -95,7 +95,7 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector
 }
 
 PtyProcess::PtyProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv,
-                       const std::function<int()> &body) {
+                       const std::function<int()> &body, const std::string &workDir) {
   pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
   if (pid_ < 0) throw std::runtime_error("forkpty");
   if (pid_ == 0) {
@@ -104,6 +104,7 @@ PtyProcess::PtyProcess(const std::vector<std::string> &argv, const std::vector<s
       fflush(stdout);
       _exit(code);
     }
+    if (!workDir.empty() && chdir(workDir.c_str()) != 0) _exit(126);
     ExecChild(argv, extraEnv);
   }
 }
@@ -154,7 +155,6 @@ int PtyProcess::Wait(std::chrono::milliseconds limit) {
   exited_ = true;
   int code = -1, signal = 0;
   DecodeStatus(status, code, signal);
-  status_ = code;
   return code;
 }
 

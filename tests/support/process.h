@@ -27,10 +27,10 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector
 // and Type() sends key presses.
 class PtyProcess {
  public:
-  // Starts `argv`, or, with an empty argv, runs `body` in the forked child and
-  // exits with its result.
+  // Starts `argv` in `workDir` (empty: this one), or, with an empty argv,
+  // runs `body` in the forked child and exits with its result.
   PtyProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv = {},
-             const std::function<int()> &body = nullptr);
+             const std::function<int()> &body = nullptr, const std::string &workDir = "");
   ~PtyProcess();
   PtyProcess(const PtyProcess &) = delete;
   PtyProcess &operator=(const PtyProcess &) = delete;
@@ -52,7 +52,6 @@ class PtyProcess {
   bool ReadSome(std::chrono::milliseconds timeout);
   int master_ = -1;
   int pid_ = -1;
-  int status_ = -1;
   bool exited_ = false;
   std::string output_;
 };

@@ -15,9 +15,6 @@
 
 namespace miner_testing {
 
-// The directory the simulated boards appear in, so device paths are known.
-constexpr const char *kSimDeviceDir = "/sim";
-
 inline std::string SimMiner() { return testing_support::BuiltProgram("bin/ombry-sim-miner"); }
 
 // A scratch directory for one run, removed again at the end of the test.
@@ -51,8 +48,8 @@ class SimBoardList {
     }
   }
   std::vector<std::string> Env() const {
-    return {"OMBRY_SIM_BOARDS=" + (dir_.Path() / "boards.txt").string(),
-            std::string("OMBRY_DEVICE_DIR=") + kSimDeviceDir};
+    // The simulated boards appear in /sim, so device paths are known.
+    return {"OMBRY_SIM_BOARDS=" + (dir_.Path() / "boards.txt").string(), "OMBRY_DEVICE_DIR=/sim"};
   }
   // A working directory for the run, for files the miner writes.
   const std::filesystem::path &WorkDir() const { return dir_.Path(); }
@@ -60,26 +57,5 @@ class SimBoardList {
  private:
   ScratchDir dir_;
 };
-
-// Starts the simulated miner on a terminal, in the board list's directory.
-inline std::unique_ptr<testing_support::PtyProcess> StartOnTerminal(const SimBoardList &boards,
-                                                                    std::vector<std::string> args,
-                                                                    const std::vector<std::string> &extraEnv = {}) {
-  args.insert(args.begin(), SimMiner());
-  auto env = boards.Env();
-  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-  std::string workDir = boards.WorkDir().string();
-  return std::make_unique<testing_support::PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{},
-                                                       [args, env, workDir] {
-                                                         if (chdir(workDir.c_str()) != 0) return 126;
-                                                         for (const auto &entry : env) putenv(strdup(entry.c_str()));
-                                                         std::vector<char *> argv;
-                                                         for (const auto &arg : args)
-                                                           argv.push_back(strdup(arg.c_str()));
-                                                         argv.push_back(nullptr);
-                                                         execv(argv[0], argv.data());
-                                                         return 127;
-                                                       });
-}
 
 }  // namespace miner_testing

@@ -25,7 +25,6 @@ class TestPool {
   std::vector<std::string> ClientLines() const;
   // The pool's statistics file as text (JSON), empty until it is written.
   std::string Stats() const;
-  const std::string &Directory() const { return dir_; }
   // Stops the pool (SIGTERM) and waits for it; the destructor does the same.
   void Stop();
 

@@ -1,7 +1,6 @@
 // The simulated-board miner as an operator starts it.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "support/process.h"
@@ -12,19 +11,14 @@ using testing_support::RunProcess;
 
 namespace {
 
-std::string WriteList(const std::string &name, const std::string &text) {
-  auto path = std::filesystem::temp_directory_path() / name;
-  std::ofstream(path) << text;
-  return path.string();
-}
-
 TEST(SimMiner, NeedsAReadableBoardList) {
   auto none = RunProcess({SimMiner(), "dump"});
   EXPECT_EQ(none.exitCode, 1);
   EXPECT_NE(none.err.find("set OMBRY_SIM_BOARDS"), std::string::npos);
 
-  auto bad = RunProcess({SimMiner(), "dump"},
-                        {"OMBRY_SIM_BOARDS=" + WriteList("ombry-bad-boards.txt", "xdma0\nxdma1 layout\n")});
+  miner_testing::ScratchDir dir;
+  std::ofstream(dir.Path() / "boards.txt") << "xdma0\nxdma1 layout\n";
+  auto bad = RunProcess({SimMiner(), "dump"}, {"OMBRY_SIM_BOARDS=" + (dir.Path() / "boards.txt").string()});
   EXPECT_EQ(bad.exitCode, 1);
   EXPECT_NE(bad.err.find("line 2: expected key=value, got 'layout'"), std::string::npos) << bad.err;
 }
