@@ -21,8 +21,8 @@ import tarfile
 import threading
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "prometheus"))
-from test_fleet import BUILD_DIR, SOURCE_DIR, RigTest, free_port, wait_for  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
+from rig_processes import BUILD_DIR, SOURCE_DIR, RigTest, free_port, wait_for  # noqa: E402
 
 # A narrow board without a regulator sensor and a wide one with it.
 BOARDS = "xdma0 model=7\nxdma1 model=4\n"
