@@ -6,13 +6,16 @@
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "shell/options.h"
 
 namespace {
 
 using Json = nlohmann::json;
+
+// Far above any rig's settings, and a bound on what a wrong path (a device
+// node, a log) could make the miner read.
+constexpr size_t kSettingsFileLimit = size_t{1} << 20;
 
 // A scalar as the word a command line would carry.
 bool WordOf(const Json &value, std::string &word) {
@@ -60,9 +63,14 @@ bool ReadConfigFile(const std::string &path, ConfigFileSettings &settings, std::
     error = "cannot read the settings file " + path;
     return false;
   }
-  std::stringstream text;
-  text << file.rdbuf();
-  return ReadConfigText(text.str(), path, settings, error);
+  std::string text(kSettingsFileLimit + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<size_t>(file.gcount()));
+  if (text.size() > kSettingsFileLimit) {
+    error = "settings file " + path + " is larger than 1 MiB";
+    return false;
+  }
+  return ReadConfigText(text, path, settings, error);
 }
 
 bool ReadConfigText(const std::string &text, const std::string &path, ConfigFileSettings &settings,

@@ -133,6 +133,16 @@ TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
     EXPECT_FALSE(parsed.ok) << c.text;
     EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
   }
+  // A file of 1 MiB is read; one byte more is refused unread.
+  std::string padded = R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x"})";
+  padded.resize(size_t{1} << 20, ' ');
+  for (bool over : {false, true}) {
+    std::string path = WriteSettings(over ? padded + " " : padded);
+    Parsed parsed = Parse({"--config", path});
+    std::remove(path.c_str());
+    EXPECT_EQ(parsed.ok, !over) << parsed.error;
+    EXPECT_EQ(parsed.error.find("larger than 1 MiB") != std::string::npos, over) << parsed.error;
+  }
   Parsed missing = Parse({"--config", "/nonexistent/ombry.json"});
   EXPECT_FALSE(missing.ok);
   EXPECT_NE(missing.error.find("cannot read the settings file /nonexistent/ombry.json"), std::string::npos);
