@@ -1004,12 +1004,18 @@ def main(argv=None):
     except (ValueError, OSError) as error:
         print(f"pool: {error}", file=sys.stderr)
         return 2
-    done = threading.Event()
-    signal.signal(signal.SIGTERM, lambda *_: done.set())
-    signal.signal(signal.SIGINT, lambda *_: done.set())
+    # The stop signals are taken by sigwait, not by a handler: a handler that
+    # sets an Event deadlocks on the Event's own lock when the signal lands
+    # while the main thread holds it. Blocked before the threads start, so
+    # none of them takes a signal either.
+    stop_signals = {signal.SIGTERM, signal.SIGINT}
+    signal.pthread_sigmask(signal.SIG_BLOCK, stop_signals)
     port = pool.start()
     print(f"listening on 127.0.0.1:{port}", flush=True)
-    done.wait(settings["duration"] if settings["duration"] > 0 else None)
+    if settings["duration"] > 0:
+        signal.sigtimedwait(stop_signals, settings["duration"])
+    else:
+        signal.sigwait(stop_signals)
     pool.stop()
     return 0
 
