@@ -10,6 +10,8 @@
 #include "rig/board_i2c.h"
 #include "foundation/console_io.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr uint64_t kNormalStepHz = 25000000;
@@ -18,8 +20,6 @@ constexpr double kCookingCoreTemperature = 85.0;
 constexpr double kRecoveryCoreTemperature = 80.0;
 constexpr double kCookingVrmTemperature = 105.0;
 constexpr double kRecoveryVrmTemperature = 98.0;
-
-void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 void HoldCores(BRYLDMADevice *device, const std::vector<JobSlot> &slots) {
   for (const JobSlot &slot : slots) BRYLDMADeviceWrite(device, device->userFile, slot.base + kSlotControl, kSlotHold);
@@ -70,13 +70,13 @@ uint64_t CoreCount(BoardModel model) {
 void BringUpClock(std::vector<JobSlot> &slots, BRYLDMADevice *device, Worker &worker, const char *logTag,
                   uint64_t refClockHz, uint8_t mmcmMultiplier, I2CController &i2c) {
   HoldCores(device, slots);
-  SleepMs(500);
+  std::this_thread::sleep_for(500ms);
   BoardI2CBringUp(i2c, worker.model);
 
   VL_LOG(VLLogLevelInfo, logTag, "Getting MMCM out of reset");
   SetMmcmClockEnable(device, false, worker.layoutVersion);
   SetMmcmReset(device, false, worker.layoutVersion);
-  SleepMs(10);
+  std::this_thread::sleep_for(10ms);
 
   VL_LOG(VLLogLevelInfo, logTag, "Clock before soft ramp: %llu Hz",
          static_cast<unsigned long long>(GetMmcmClockHz(device, refClockHz, kMmcmBase)));
@@ -86,7 +86,7 @@ void BringUpClock(std::vector<JobSlot> &slots, BRYLDMADevice *device, Worker &wo
   SetMmcmClockEnable(device, true, worker.layoutVersion);
   VL_LOG(VLLogLevelInfo, logTag, "Setting MMCM clock");
   SetMmcmClockHz(device, refClockHz, kMmcmBase, worker.currentClockHz, mmcmMultiplier, true);
-  SleepMs(5);
+  std::this_thread::sleep_for(5ms);
 }
 
 bool IsCooking(const SensorReadings &readings, const ThermalLimits &limits) {
@@ -153,7 +153,7 @@ uint64_t NextClockHz(uint64_t current, uint64_t desired, uint64_t step) {
 void TakeClockStep(std::vector<JobSlot> &slots, BRYLDMADevice *device, Worker &worker, uint64_t refClockHz,
                    uint8_t mmcmMultiplier, uint64_t nextClockHz, uint64_t cores) {
   HoldCores(device, slots);
-  SleepMs(5);
+  std::this_thread::sleep_for(5ms);
   SetMmcmClockHz(device, refClockHz, kMmcmBase, nextClockHz, mmcmMultiplier, true);
   worker.currentClockHz = nextClockHz;
   worker.hashRateMHs = static_cast<double>(nextClockHz) / 1000.0 / 1000.0 * static_cast<double>(cores);

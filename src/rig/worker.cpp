@@ -15,6 +15,8 @@
 #include "rig/dispatch.h"
 #include "rig/governor.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr uint64_t kSensorPassEvery = 100;
@@ -23,8 +25,6 @@ constexpr uint64_t kIdentityLedOnPasses = 0;
 // A healthy board never fails a read; this many in a row is a board gone.
 constexpr uint64_t kFailedReadsToTakeOut = 100;
 constexpr uint64_t kSecondsWithoutTemperature = 5;
-
-void SleepMs(int64_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 void Beat(Worker &worker) { worker.heartbeat.store(VLTimeSeconds()); }
 
@@ -48,7 +48,7 @@ void WaitForFirstJob(MiningContext &context) {
   for (;;) {
     std::shared_ptr<StratumJob> job = context.CurrentJob();
     if (job && !job->jobId.empty()) return;
-    SleepMs(50);
+    std::this_thread::sleep_for(50ms);
   }
 }
 
@@ -66,7 +66,7 @@ void StopBoard(WorkerLoop &loop, Worker &worker) {
   VL_LOG(VLLogLevelInfo, loop.logTag, "Stopping hashcore(s)");
   for (const JobSlot &slot : loop.slots)
     BRYLDMADeviceWrite(device, device->userFile, slot.base + kSlotControl, kSlotHold);
-  SleepMs(1);
+  std::this_thread::sleep_for(1ms);
   SetMmcmClockEnable(device, false, worker.layoutVersion);
   SetMmcmReset(device, true, worker.layoutVersion);
   // Released: whoever sees the board stopped may let go of what it used.
@@ -131,7 +131,7 @@ bool RunPass(WorkerLoop &loop, MiningContext &context, Worker &worker) {
     TakeClockStep(loop.slots, device, worker, loop.refClockHz, loop.mmcmMultiplier, next, loop.cores);
     loop.refreshPeriodMs = 0;
     loop.needWork = true;
-    SleepMs(5);
+    std::this_thread::sleep_for(5ms);
   }
 
   UpdateRefreshAndTarget(loop, context, worker);
@@ -146,7 +146,7 @@ bool RunPass(WorkerLoop &loop, MiningContext &context, Worker &worker) {
   }
   if (loop.needWork) LoadJob(loop, context, worker);
 
-  SleepMs(1);
+  std::this_thread::sleep_for(1ms);
   CollectNonces(loop, context, worker);
 
   uint64_t countdown = worker.identityLedCountdown;
@@ -173,7 +173,7 @@ void *WorkerMain(WorkerThreadArgs *rawArgs) {
 
   WaitForFirstJob(context);
   SetState(worker, WorkerStateInitializing);
-  SleepMs(static_cast<int64_t>(worker.id * 200));  // boards come up one after the other
+  std::this_thread::sleep_for(std::chrono::milliseconds(worker.id * 200));  // boards come up one after the other
 
   BRYLDMADevice *device = worker.device.get();
   if (!device) {
