@@ -346,18 +346,15 @@ TEST_F(SessionTest, TheBackupHandsBackOnlyToAPrimaryThatLoggedInAndStayedUp) {
                         {{"--subscribe", "short"}, false}};
   for (const Case &c : cases) {
     SCOPED_TRACE(c.primary.empty() ? "a primary that logs in" : c.primary[1]);
-    std::vector<std::string> options = c.primary;
-    options.insert(options.end(), {"--notify-interval", "600"});
-    TestPool primary(options);
+    TestPool primary(With(c.primary, {"--notify-interval", "600"}));
     Start({"--notify-interval", "600"});
     context.pools = {{"127.0.0.1", primary.Port(), "w.primary", "x"}, {"127.0.0.1", context.poolPort, "w.backup", "x"}};
     context.link.silenceLimit = 1000;
     StratumUsePool(context, 1);
-    auto probed = [&] {
-      return Count(primary.ClientLines(), "mining.subscribe") == 1 &&
+    ASSERT_TRUE(PollUntil([&] {
+      return context.stratumState == Mining && Count(primary.ClientLines(), "mining.subscribe") == 1 &&
              (context.probe.upSince >= 0 || !context.probe.client);
-    };
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && probed(); }));
+    }));
     Skip(110);
     PollAFewTimes();
     EXPECT_EQ(context.activePool, 1u);
