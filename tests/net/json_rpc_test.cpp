@@ -17,7 +17,6 @@ using net_test::Listener;
 using net_test::Peer;
 
 VLRef Text(const char *text) { return VLRef(VLStringCreate(text, 0)); }
-VLRef Id(uint32_t id) { return VLRef(VLNumberCreateUInt32(id)); }
 
 // The message's text; the message is released.
 std::string Wire(VLJsonRpcMessage *message) {
@@ -156,7 +155,8 @@ std::string Result(int id) { return "{\"id\":" + std::to_string(id) + ",\"result
 // A secret parameter goes out as it is and is logged as ***.
 TEST_F(JsonRpcClientTest, ConnectTurnsKeepAliveOnAndSendsExactLines) {
   record.onConnected = [](VLJsonRpcClient *c) {
-    VLJsonRpcMessage *authorize = VLJsonRpcRequestCreate(Id(3).get(), Text("mining.authorize").get(), 0);
+    VLJsonRpcMessage *authorize =
+        VLJsonRpcRequestCreate(VLRef(VLNumberCreateUInt32(3)).get(), Text("mining.authorize").get(), 0);
     VLJsonRpcMessageAddParam(authorize, Text("w.rig").get());
     VLJsonRpcMessageAddParam(authorize, Text("s3cret").get());
     VLJsonRpcMessageSetSecretParam(authorize, 1);

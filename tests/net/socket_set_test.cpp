@@ -48,14 +48,16 @@ class SocketSetTest : public ::testing::Test {
   void TearDown() override {
     if (set) { EXPECT_TRUE(TRPSocketSetClose(set)); }
   }
-  bool Connect(uint16_t port, uint32_t tag = 16) {
-    return TRPSocketSetAddSocket(set, "127.0.0.1", 0, port, kSocketTypeConnect, tag, false, 0);
-  }
-  bool WaitConnected(int count = 1) {
-    return record.events.WaitFor([&] { return record.connected >= count; });
+  // The set connected, on tag 16, to a loop-back peer.
+  Peer Open() {
+    EXPECT_TRUE(TRPSocketSetAddSocket(set, "127.0.0.1", 0, listener.Port(), kSocketTypeConnect, 16, false, 0));
+    Peer peer = listener.Accept();
+    EXPECT_TRUE(record.events.WaitFor([&] { return record.connected == 1; }));
+    return peer;
   }
 
   net_test::LogLines log;
+  Listener listener;
   Record record;
   TRPSocketSet *set = nullptr;
 };
@@ -64,10 +66,7 @@ class SocketSetTest : public ::testing::Test {
 // once that callback is over, with one report, and the owner's close after
 // it is as safe as ever (TearDown).
 TEST_F(SocketSetTest, AFailureAskedForInACallbackEndsTheSetAfterItWithOneReport) {
-  Listener listener;
-  ASSERT_TRUE(Connect(listener.Port()));
-  Peer peer = listener.Accept();
-  ASSERT_TRUE(WaitConnected());
+  Peer peer = Open();
   record.events.Update([&] { record.failOnData = true; });
   peer.Write("x");
   EXPECT_TRUE(peer.WaitForEnd());
@@ -78,10 +77,7 @@ TEST_F(SocketSetTest, AFailureAskedForInACallbackEndsTheSetAfterItWithOneReport)
 }
 
 TEST_F(SocketSetTest, PeerThatStopsReadingFillsTheRingToItsLimitAndNoAcceptedByteIsLost) {
-  Listener listener;
-  ASSERT_TRUE(Connect(listener.Port()));
-  Peer peer = listener.Accept();
-  ASSERT_TRUE(WaitConnected());
+  Peer peer = Open();
   constexpr size_t kBlock = 1 << 20;
   std::string expected;
   std::string block(kBlock, '\0');
@@ -100,10 +96,7 @@ TEST_F(SocketSetTest, PeerThatStopsReadingFillsTheRingToItsLimitAndNoAcceptedByt
 }
 
 TEST_F(SocketSetTest, LinesSentFromManyThreadsArriveWholeAndInEachThreadsOrder) {
-  Listener listener;
-  ASSERT_TRUE(Connect(listener.Port()));
-  Peer peer = listener.Accept();
-  ASSERT_TRUE(WaitConnected());
+  Peer peer = Open();
   constexpr int kThreads = 8;
   constexpr int kLines = 1500;
   auto lineOf = [](int thread, int index) {

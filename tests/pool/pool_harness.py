@@ -20,14 +20,6 @@ import pool as test_pool  # noqa: E402
 EASY_DIFFICULTY = 2.0 ** -28
 EASY_TARGET = 0xFFFF << 236
 
-SUBSCRIBE = {"jsonrpc": "2.0", "id": 1, "method": "mining.subscribe", "params": ["testminer", "testminer"]}
-EXTRANONCE_SUBSCRIBE = {"jsonrpc": "2.0", "id": 2, "method": "mining.extranonce.subscribe", "params": []}
-
-
-def authorize(account="acct"):
-    return {"jsonrpc": "2.0", "id": 3, "method": "mining.authorize", "params": [account, "x"]}
-
-
 def submit(job_id, nonce_text, account="acct"):
     return {"jsonrpc": "2.0", "id": 4, "method": "mining.submit", "params": [account, job_id, nonce_text]}
 
@@ -38,7 +30,7 @@ def find_nonce(header_hex, extranonce1, target, passing, start=0):
     header = bytes.fromhex(header_hex)
     tail_length = 16 - len(extranonce1)
     for counter in range(start, start + 100000):
-        tail = (counter % (1 << (8 * tail_length))).to_bytes(tail_length, "big") if tail_length else b""
+        tail = (counter % (1 << (8 * tail_length))).to_bytes(tail_length, "big")
         digest = eaglesong.eaglesong(header + extranonce1 + tail)
         if (int.from_bytes(digest, "big") <= target) == passing:
             return tail
@@ -52,31 +44,25 @@ class Client:
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=10)
         self.buffer = b""
 
-    def close(self):
-        self.sock.close()
-
     def send(self, message):
         self.sock.sendall(json.dumps(message).encode() + b"\n")
 
-    def line(self):
+    def message(self):
         while b"\n" not in self.buffer:
             data = self.sock.recv(65536)
             if not data:
                 raise EOFError("pool closed the connection")
             self.buffer += data
         line, self.buffer = self.buffer.split(b"\n", 1)
-        return line
+        return json.loads(line)
 
-    def message(self):
-        return json.loads(self.line())
-
-    def handshake(self, account="acct"):
+    def handshake(self):
         """Subscribe, extranonce subscribe, authorize; returns the subscribe
         result and the messages up to and including the first job."""
-        self.send(SUBSCRIBE)
+        self.send({"jsonrpc": "2.0", "id": 1, "method": "mining.subscribe", "params": ["testminer", "testminer"]})
         subscribed = self.message()
-        self.send(EXTRANONCE_SUBSCRIBE)
-        self.send(authorize(account))
+        self.send({"jsonrpc": "2.0", "id": 2, "method": "mining.extranonce.subscribe", "params": []})
+        self.send({"jsonrpc": "2.0", "id": 3, "method": "mining.authorize", "params": ["acct", "x"]})
         after = []
         while not after or after[-1].get("method") != "mining.notify":
             after.append(self.message())
@@ -102,8 +88,5 @@ class PoolTestCase(unittest.TestCase):
 
     def connect(self, port):
         client = Client(port)
-        self.addCleanup(client.close)
+        self.addCleanup(client.sock.close)
         return client
-
-    def stats(self):
-        return self.pool.stats.snapshot()

@@ -12,14 +12,10 @@ VECTORS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 
 
 def published_vectors():
-    vectors, message = [], None
+    """(message, digest) pairs from the Input and Output lines, which alternate."""
     with open(VECTORS) as source:
-        for line in source:
-            if line.startswith("Input"):
-                message = bytes.fromhex(line.split("=", 1)[1].strip())
-            elif line.startswith("Output"):
-                vectors.append((message, line.split("=", 1)[1].strip().lower()))
-    return vectors
+        values = [line.split("=", 1)[1].strip() for line in source if line.startswith(("Input", "Output"))]
+    return [(bytes.fromhex(message), digest.lower()) for message, digest in zip(values[::2], values[1::2])]
 
 
 class EaglesongTest(unittest.TestCase):

@@ -47,7 +47,7 @@ class ShareVerdictTest(PoolTestCase):
                 self.assertEqual(response["id"], 4)
                 self.assertEqual(error_code(response), code, response)
                 self.assertEqual(response["result"], True if code is None else None)
-        stats = self.stats()
+        stats = self.pool.stats.snapshot()
         self.assertEqual((stats["accepted"], stats["rejected"]), (1, 7))
         self.assertEqual(stats["rejected_by_reason"], {"duplicate": 1, "low-difficulty": 1, "invalid-nonce": 2,
                                                        "unknown-job": 1, "unauthorized": 1, "malformed": 1,

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "foundation/build_info.h"
 #include "net/json_rpc.h"
@@ -314,6 +315,84 @@ TEST_F(SessionLines, PoolRequestsAreAnsweredAndAReconnectIsFollowedOnlyToThePool
       {Mining, 0, reconnect + "[7]}", "", "", "host 7 is no name"},
   };
   Check(rows, std::size(rows));
+}
+
+// Values from the pool as the session takes them in: what the miner can't
+// mine with is refused with one warning that names it, and the last good
+// value stays; what it can is taken, exponents and all.
+class PoolValuesTest : public SessionLines {
+ protected:
+  static std::string Notification(const std::string &method, const std::string &params) {
+    return R"({"id":null,"method":")" + method + R"(","params":)" + params + "}";
+  }
+  void Send(const std::string &method, const std::string &params) {
+    std::string logged;
+    Feed(Notification(method, params), logged);
+  }
+};
+
+TEST_F(PoolValuesTest, WhatCannotBeMinedWithIsRefusedByNameAndTheLastGoodValueStays) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"mining.set_difficulty [-1]",
+       "Refused difficulty -1 from the pool: not a finite number above zero; keeping 0.5"},
+      {"mining.set_difficulty [0]", "Refused difficulty 0 from the pool: not a finite number above zero"},
+      {"mining.set_difficulty [1e-400]", "Refused difficulty 0 from the pool: not a finite number above zero"},
+      {"mining.set_difficulty [2e-10]",
+       "Refused difficulty 2e-10 from the pool: so small that its target exceeds 256 bits"},
+      {"mining.set_difficulty [\"8\"]", "Refused difficulty \"8\" from the pool: not a number"},
+      {"mining.set_difficulty [true]", "Refused difficulty true from the pool: not a number"},
+      {"mining.set_target [\"" + std::string(64, '0') + "\"]",
+       "Refused target \"" + std::string(64, '0') + "\" from the pool: all zeros; keeping difficulty 0.5"},
+      {"mining.set_target [\"" + std::string(64, 'f') + "\"]",
+       "from the pool: so small that its target exceeds 256 bits"},
+      {"mining.set_target [\"0g" + std::string(62, '0') + "\"]", "from the pool: not hex"},
+      {"mining.set_target [\"" + std::string(62, '0') + "\"]", "from the pool: not 64 hex digits"},
+      {"mining.set_extranonce [\"" + std::string(34, '1') + "\",4]",
+       "Refused extranonce1 \"" + std::string(34, '1') +
+           "\" from the pool: 17 bytes leave no room for 5 bytes of the nonce; keeping \"a1a2a3a4\""},
+      {"mining.set_extranonce [\"" + std::string(24, '1') + "\",4]", "12 bytes leave no room for 5 bytes"},
+      {"mining.set_extranonce [\"1111\",15]", "2 bytes leave no room for 15 bytes of the nonce"},
+      {"mining.set_extranonce [\"111\",4]", "an odd number of hex digits"},
+      {"mining.set_extranonce [\"1111\",-4]", "an extranonce2 size of -4 bytes"},
+      {"mining.notify [\"j1\",\"zz" + kHash.substr(2) + "\",1,\"" + kHash + "\",true]",
+       "Refused job \"j1\" from the pool: header hash \"zz" + kHash.substr(2) + "\" is not hex; keeping job \"j0\""},
+      {"mining.notify [\"j1\",\"" + kHash + "\",1,\"" + kHash + "00\",true]",
+       "Refused job \"j1\" from the pool: previous hash \"" + kHash + "00\" is not 64 hex digits"},
+      {"mining.notify [7," + kJob, "Refused job 7 from the pool: no job id; keeping job \"j0\""},
+      {"mining.notify [\"\"," + kJob, "Refused job \"\" from the pool: no job id"},
+      {"mining.notify [\"j 1\"," + kJob, "characters that can't be sent back"},
+      {"mining.notify [\"" + std::string(129, 'j') + "\"," + kJob, "a job id of over 128 characters"},
+  };
+  std::vector<Row> rows;
+  for (const auto &[message, warning] : cases) {
+    size_t space = message.find(' ');
+    rows.push_back({Mining, 0, Notification(message.substr(0, space), message.substr(space + 1)), "", "", warning});
+  }
+  Check(rows.data(), rows.size());
+  size_t warnings = 0;
+  for (const auto &line : log.All())
+    warnings += line.level == VLLogLevelWarning && line.message.rfind("Refused ", 0) == 0;
+  EXPECT_EQ(warnings, std::size(cases));
+}
+
+TEST_F(PoolValuesTest, GoodValuesAreTakenAsTheNumbersTheyAre) {
+  Reset(Mining, 0);
+  Send("mining.set_difficulty", "[1e-05]");
+  EXPECT_EQ(context.difficulty, 1e-05);
+  Send("mining.set_difficulty", "[2.5E+3]");
+  EXPECT_EQ(context.difficulty, 2500);
+  Send("mining.set_target", "[\"0x00000000ffff" + std::string(52, '0') + "\"]");
+  EXPECT_EQ(context.difficulty, 1);
+  Send("mining.set_extranonce", "[\"0102030405060708090a0b\",5]");
+  EXPECT_EQ(context.extranonce1.size(), 11u);
+  Send("mining.notify", "[\"j~1\",\"0x" + kHash + "\",null,\"" + kHash + "\",true]");
+  EXPECT_EQ(context.CurrentJob()->jobId, "j~1");
+  EXPECT_EQ(context.CurrentJob()->difficulty, 1);
+  EXPECT_EQ(context.CurrentJob()->extranonce.size(), 11u);  // the new extranonce
+  const std::string longest(128, 'j');
+  Send("mining.notify", "[\"" + longest + "\",\"" + kHash + "\",null,\"" + kHash + "\",true]");
+  EXPECT_EQ(context.CurrentJob()->jobId, longest);
+  EXPECT_EQ(log.Count("Refused"), 0u);
 }
 
 }  // namespace

@@ -65,6 +65,18 @@ class SessionTest : public ::testing::Test {
     return false;
   }
 
+  bool MiningAJob() {
+    return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty();
+  }
+  // A few polls that must not change the state.
+  void PollAFewTimes() {
+    for (int i = 0; i < 3; i++) StratumPoll(context);
+  }
+  void Restart() {
+    StratumShutdown(context);
+    StratumSetState(context, Idle);
+  }
+
   testing_support::LogLines log{VLLogLevelInfo};
   // The waits the session schedules before its next `count` attempts, each
   // skipped on the link's clock.
@@ -102,8 +114,7 @@ class SessionTest : public ::testing::Test {
 
 TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
   Start({"--difficulty", "0.5"});
-  ASSERT_TRUE(PollUntil(
-      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   std::vector<std::string> sent = pool->ClientLines();
   ASSERT_GE(sent.size(), 3u);
   EXPECT_EQ(sent[0], R"({"jsonrpc":"2.0","id":1,"method":"mining.subscribe","params":["testminer","testminer"]})");
@@ -119,6 +130,15 @@ TEST_F(SessionTest, ReachesMiningWithTheExactLinesAndStateOrder) {
   EXPECT_EQ(States(log), expected);
   EXPECT_GE(context.jobGeneration.load(), 1u);
   EXPECT_FALSE(context.extranonce1.empty());
+}
+
+// Each wait between half and all of its longest, with jitter.
+void ExpectBackoff(const std::vector<double> &waits, size_t from, const std::vector<double> &longest) {
+  ASSERT_EQ(waits.size(), from + longest.size());
+  for (size_t i = 0; i < longest.size(); i++) {
+    EXPECT_GE(waits[from + i], longest[i] / 2) << i;
+    EXPECT_LE(waits[from + i], longest[i]) << i;
+  }
 }
 
 int Count(const std::vector<std::string> &lines, const std::string &part) {
@@ -154,8 +174,7 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     EXPECT_TRUE(log.Has("Miner", c.line));
     // Tried again with a fresh client and a fresh subscribe.
     ASSERT_TRUE(PollUntil([&] { return Count(pool->ClientLines(), "mining.subscribe") == 2; }));
-    StratumShutdown(context);
-    StratumSetState(context, Idle);
+    Restart();
   }
 }
 
@@ -165,7 +184,7 @@ TEST_F(SessionTest, ASharesUnansweredAnswerAndTheOptionsLimitsEndTheConnection) 
   std::this_thread::sleep_for(300ms);
   SendShare(context, *context.CurrentJob(), "00", 0);
   Skip(15);
-  for (int i = 0; i < 3; i++) StratumPoll(context);
+  PollAFewTimes();
   EXPECT_EQ(context.stratumState, Mining);  // within both limits
   Skip(16);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
@@ -192,12 +211,12 @@ std::vector<std::string> With(std::vector<std::string> options, std::initializer
 // left after the floor of the adaptive limit, not the option's 30 s.
 TEST_F(SessionTest, APoolThatAnsweredFastAndFallsSilentIsLeftAtTheAdaptiveLimit) {
   Start(With(kEasyShares, {"--silent-after-answers", "10"}));
-  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   SendShares(10);
   ASSERT_TRUE(PollUntil([&] { return Answered() == 10; }));
   SendShares(1);
   Skip(9);
-  for (int i = 0; i < 3; i++) StratumPoll(context);
+  PollAFewTimes();
   EXPECT_EQ(context.stratumState, Mining);
   Skip(1.5);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
@@ -208,7 +227,7 @@ TEST_F(SessionTest, APoolThatAnsweredFastAndFallsSilentIsLeftAtTheAdaptiveLimit)
 // A pool that always takes long is given its own pace, up to the option.
 TEST_F(SessionTest, APoolThatAnswersSlowlyButSurelyIsNotGivenUp) {
   Start(With(kEasyShares, {"--submit-delay", "0.5"}));
-  ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   SendShares(10);
   Skip(12);  // every answer comes after more than the floor of 10 s
   ASSERT_TRUE(PollUntil([&] { return Answered() == 10; }));
@@ -226,7 +245,7 @@ TEST_F(SessionTest, ASessionWithAnAcceptedShareResetsThePauses) {
     SCOPED_TRACE(share ? "a share accepted" : "no share");
     Start(With(kEasyShares, {"--close-at", "1.5"}));
     context.link.retryDelay = 8;  // the pauses had grown
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && context.CurrentJob(); }));
+    ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
     if (share) {
       SendShares(3);
       ASSERT_TRUE(PollUntil([&] { return Answered() == 3; }));
@@ -234,11 +253,7 @@ TEST_F(SessionTest, ASessionWithAnAcceptedShareResetsThePauses) {
     }
     ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
     double wait = context.link.retryAt - context.link.clock();
-    if (share) {
-      EXPECT_LE(wait, 1.0);
-    } else {
-      EXPECT_GE(wait, 8.0);
-    }
+    EXPECT_TRUE(share ? wait <= 1.0 : wait >= 8.0) << wait;
     StratumShutdown(context);
     context.counters.sharesAccepted = 0;
     context.counters.sharesRejected = 0;
@@ -249,13 +264,7 @@ TEST_F(SessionTest, RetriesBackOffWithJitterAndSettleAfterAMinuteOfMining) {
   Start({"--notify-interval", "600"});
   uint16_t port = context.poolPort;
   context.poolPort = net_test::ClosedPort();
-  std::vector<double> delays = RetryWaits(8);
-  ASSERT_EQ(delays.size(), 8u);
-  const double longest[] = {1, 2, 4, 8, 16, 32, 60, 60};
-  for (size_t i = 0; i < delays.size(); i++) {
-    EXPECT_GE(delays[i], longest[i] / 2) << i;
-    EXPECT_LE(delays[i], longest[i]) << i;
-  }
+  ExpectBackoff(RetryWaits(8), 0, {1, 2, 4, 8, 16, 32, 60, 60});
 
   context.poolPort = port;
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected && context.link.retryAt >= 0; }));
@@ -273,13 +282,8 @@ TEST_F(SessionTest, PoolsThatAllRefuseAreLeftAtOnceUntilEachHasRefusedThenThePau
   for (const char *user : {"w.first", "w.second"}) context.pools.push_back({"127.0.0.1", context.poolPort, user, "x"});
   StratumUsePool(context, 0);
   std::vector<double> delays = RetryWaits(5);
-  ASSERT_EQ(delays.size(), 5u);
-  EXPECT_LT(delays[0], 0.5);  // the second pool at once
-  const double longest[] = {1, 2, 4, 8};
-  for (size_t i = 1; i < delays.size(); i++) {
-    EXPECT_GE(delays[i], longest[i - 1] / 2) << i;
-    EXPECT_LE(delays[i], longest[i - 1]) << i;
-  }
+  ExpectBackoff(delays, 1, {1, 2, 4, 8});
+  EXPECT_LT(delays.at(0), 0.5);  // the second pool at once
   EXPECT_TRUE(log.Has("Miner", "Pool refused authorisation for w.second: Unauthorized worker (24)"));
 }
 
@@ -300,14 +304,12 @@ TEST_F(SessionTest, ARefusalAfterASessionThatMinedMovesOnAtOnce) {
 
 TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
   Start({"--close-after", "4", "--notify-interval", "600"});
-  ASSERT_TRUE(PollUntil(
-      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   std::shared_ptr<StratumJob> earlier = context.CurrentJob();
   uint64_t before = earlier->nonceCounter.fetch_add(5) + 5;
   SendShare(context, *earlier, "00", 0);
   ASSERT_TRUE(PollUntil([&] { return context.stratumState == Disconnected; }));
-  ASSERT_TRUE(PollUntil(
-      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   EXPECT_GT(context.CurrentJob()->nonceCounter.load(), before);
   EXPECT_EQ(context.reconnects.load(), 1u);
   // A share of the earlier connection's job is not the new session's to send.
@@ -320,12 +322,11 @@ TEST_F(SessionTest, AJobAfterAReconnectIsSearchedInFreshNonces) {
 // refusal (a nonce too short).
 TEST_F(SessionTest, ThePoolsAnswersAreCountedForTheBoard) {
   Start({"--target-mode", "target", "--target", "ffffffffff" + std::string(54, '0'), "--notify-interval", "600"});
-  ASSERT_TRUE(PollUntil(
-      [&] { return context.stratumState == Mining && context.CurrentJob() && !context.CurrentJob()->jobId.empty(); }));
+  ASSERT_TRUE(PollUntil([&] { return MiningAJob(); }));
   std::string nonce(2 * (16 - context.extranonce1.size()), '0');
   SendShare(context, *context.CurrentJob(), nonce.c_str(), 0);
   SendShare(context, *context.CurrentJob(), "00", 0);
-  ASSERT_TRUE(PollUntil([&] { return context.counters.sharesAccepted + context.counters.sharesRejected == 2; }));
+  ASSERT_TRUE(PollUntil([&] { return Answered() == 2; }));
   EXPECT_EQ(context.counters.sharesAccepted, 1u);
   EXPECT_EQ(context.counters.sharesRejected, 1u);
 }
@@ -345,20 +346,17 @@ TEST_F(SessionTest, TheBackupHandsBackOnlyToAPrimaryThatLoggedInAndStayedUp) {
                         {{"--subscribe", "short"}, false}};
   for (const Case &c : cases) {
     SCOPED_TRACE(c.primary.empty() ? "a primary that logs in" : c.primary[1]);
-    std::vector<std::string> options = c.primary;
-    options.insert(options.end(), {"--notify-interval", "600"});
-    TestPool primary(options);
+    TestPool primary(With(c.primary, {"--notify-interval", "600"}));
     Start({"--notify-interval", "600"});
     context.pools = {{"127.0.0.1", primary.Port(), "w.primary", "x"}, {"127.0.0.1", context.poolPort, "w.backup", "x"}};
     context.link.silenceLimit = 1000;
     StratumUsePool(context, 1);
-    auto probed = [&] {
-      return Count(primary.ClientLines(), "mining.subscribe") == 1 &&
+    ASSERT_TRUE(PollUntil([&] {
+      return context.stratumState == Mining && Count(primary.ClientLines(), "mining.subscribe") == 1 &&
              (context.probe.upSince >= 0 || !context.probe.client);
-    };
-    ASSERT_TRUE(PollUntil([&] { return context.stratumState == Mining && probed(); }));
+    }));
     Skip(110);
-    for (int i = 0; i < 3; i++) StratumPoll(context);
+    PollAFewTimes();
     EXPECT_EQ(context.activePool, 1u);
     Skip(11);
     if (c.returns) {
@@ -373,8 +371,7 @@ TEST_F(SessionTest, TheBackupHandsBackOnlyToAPrimaryThatLoggedInAndStayedUp) {
           PollUntil([&] { return Count(primary.ClientLines(), "mining.subscribe") == 2 && !context.probe.client; }));
       EXPECT_EQ(context.activePool, 1u);
     }
-    StratumShutdown(context);
-    StratumSetState(context, Idle);
+    Restart();
     context.probe.nextAttempt = -1;
     context.probe.upSince = -1;
   }

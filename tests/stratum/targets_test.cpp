@@ -9,7 +9,7 @@ namespace {
 
 struct Row {
   double difficulty;
-  uint64_t w3, w2, w1, w0;
+  uint64_t limbs[4];  // the most significant first
 };
 
 uint64_t Limb(const uint32_t target[8], int i) {
@@ -19,26 +19,23 @@ uint64_t Limb(const uint32_t target[8], int i) {
 TEST(DifficultyToTargetTest, ReproducesEveryRowIncludingOutOfRangeDifficulties) {
   constexpr uint64_t kI = 0x8000000000000000ULL;
   const Row rows[] = {
-      {1.0, 0x00000000FFFF0000ULL, 0, 0, 0},
-      {0.0, 0x00000000FFFF0000ULL, 0, 0, 0},
-      {-0.0, 0x00000000FFFF0000ULL, 0, 0, 0},
-      {2.0, 0x000000007FFF8000ULL, 0, 0, 0},
-      {0.5, 0x00000001FFFE0000ULL, 0, 0, 0},
-      {1024.0, 0x00000000003FFFC0ULL, 0, 0, 0},
-      {3.5, 0x0000000049244924ULL, 0x9249240000000000ULL, 0, 0},
-      {1e-9, 0x3B9A8E6535FFFE00ULL, 0, 0, 0},
-      {1e-12, 0, 0, 0, 0},
-      {std::numeric_limits<double>::infinity(), 0, 0, 0, 0},
-      {std::numeric_limits<double>::quiet_NaN(), kI, kI, kI, kI},
-      {-1.0, 0xFFFFFFFF00010000ULL, kI, kI, kI},
+      {1.0, {0x00000000FFFF0000ULL, 0, 0, 0}},
+      {0.0, {0x00000000FFFF0000ULL, 0, 0, 0}},
+      {-0.0, {0x00000000FFFF0000ULL, 0, 0, 0}},
+      {2.0, {0x000000007FFF8000ULL, 0, 0, 0}},
+      {0.5, {0x00000001FFFE0000ULL, 0, 0, 0}},
+      {1024.0, {0x00000000003FFFC0ULL, 0, 0, 0}},
+      {3.5, {0x0000000049244924ULL, 0x9249240000000000ULL, 0, 0}},
+      {1e-9, {0x3B9A8E6535FFFE00ULL, 0, 0, 0}},
+      {1e-12, {0, 0, 0, 0}},
+      {std::numeric_limits<double>::infinity(), {0, 0, 0, 0}},
+      {std::numeric_limits<double>::quiet_NaN(), {kI, kI, kI, kI}},
+      {-1.0, {0xFFFFFFFF00010000ULL, kI, kI, kI}},
   };
   for (const Row &row : rows) {
     uint32_t target[8];
     DifficultyToTarget(row.difficulty, target);
-    EXPECT_EQ(Limb(target, 3), row.w3) << row.difficulty;
-    EXPECT_EQ(Limb(target, 2), row.w2) << row.difficulty;
-    EXPECT_EQ(Limb(target, 1), row.w1) << row.difficulty;
-    EXPECT_EQ(Limb(target, 0), row.w0) << row.difficulty;
+    for (int i = 0; i < 4; i++) EXPECT_EQ(Limb(target, 3 - i), row.limbs[i]) << row.difficulty << " limb " << 3 - i;
   }
 }
 
