@@ -47,11 +47,9 @@ TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
   EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatusFamily1).size(), 1u);
   auto programs = FramesOf(frames, SPIFlash::kPageProgram4);
   ASSERT_EQ(programs.size(), 3u);
-  EXPECT_EQ(FrameAddress(programs[0]), 0x100u);
+  EXPECT_EQ(Addresses(frames, SPIFlash::kPageProgram4), (std::vector<uint32_t>{0x100, 0x300, 0x400}));
   EXPECT_EQ(programs[0].out.size(), 261u);
   EXPECT_EQ(programs[0].rounds, 2u);
-  EXPECT_EQ(FrameAddress(programs[1]), 0x300u);
-  EXPECT_EQ(FrameAddress(programs[2]), 0x400u);
   EXPECT_EQ(programs[2].out.size(), 22u);  // a last page of 17 bytes
   EXPECT_EQ(FramesOf(frames, SPIFlash::kWriteEnable).size(), 3u);
   EXPECT_EQ(FlashBytes(0x100, data.size()), data);
@@ -76,10 +74,7 @@ TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
   flash_.Erase(0x40000, 65537);
   auto frames = Frames();
   EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatus).size(), 2u);  // family 0's clear, once per call
-  auto erases = FramesOf(frames, SPIFlash::kSectorErase4);
-  ASSERT_EQ(erases.size(), 2u);
-  EXPECT_EQ(FrameAddress(erases[0]), 0x40000u);
-  EXPECT_EQ(FrameAddress(erases[1]), 0x50000u);
+  EXPECT_EQ(Addresses(frames, SPIFlash::kSectorErase4), (std::vector<uint32_t>{0x40000, 0x50000}));
   EXPECT_EQ(FlashBytes(0x50000, 256), std::vector<uint8_t>(256, 0xFF));
   // The erase kept the chip busy, and the library polled it out.
   bool sawBusy = false;
