@@ -37,11 +37,6 @@ class EaglesongLanes : public ::testing::TestWithParam<EaglesongLanePath> {
   const uint32_t word0 = 0x11223344;
   const uint32_t word1 = 0x55667788;
 
-  std::vector<EaglesongNonceTail> RandomTails(size_t count) {
-    std::vector<EaglesongNonceTail> tails(count);
-    for (EaglesongNonceTail &tail : tails) tail = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
-    return tails;
-  }
   Words8 ScalarDigest(const EaglesongNonceTail &tail) {
     const uint32_t nonce[4] = {word0, word1, tail.word2, tail.word3};
     Words8 digest;
@@ -110,7 +105,8 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
 
 TEST_P(EaglesongLanes, SearchBoundIsInclusiveAndComparesAllWords) {
   // 21 candidates: the best one is put in the partial last group.
-  std::vector<EaglesongNonceTail> tails = RandomTails(21);
+  std::vector<EaglesongNonceTail> tails(21);
+  for (EaglesongNonceTail &tail : tails) tail = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
   size_t best = 0;
   for (size_t i = 1; i < tails.size(); ++i) {
     if (AtMost(Number(ScalarDigest(tails[i]).data()), Number(ScalarDigest(tails[best]).data()))) best = i;
