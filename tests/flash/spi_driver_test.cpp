@@ -11,17 +11,13 @@ namespace {
 
 constexpr uint64_t kControllerBase = 0x10000;
 
-XSpi_Config FlashConfig() {
-  XSpi_Config config{};
-  config.BaseAddress = kControllerBase;
-  config.HasFifos = 1;
-  config.NumSlaveBits = 1;
-  config.DataWidth = 8;
-  config.SpiMode = 2;
-  config.AxiFullBaseAddress = kControllerBase;
-  config.Use_Startup = 1;
-  return config;
-}
+constexpr XSpi_Config kFlashConfig{.BaseAddress = kControllerBase,
+                                   .HasFifos = 1,
+                                   .NumSlaveBits = 1,
+                                   .DataWidth = 8,
+                                   .SpiMode = 2,
+                                   .AxiFullBaseAddress = kControllerBase,
+                                   .Use_Startup = 1};
 
 // Whole commands through the driver: a page program of 261 bytes takes two
 // FIFO rounds, with the chip selected throughout.
@@ -30,7 +26,7 @@ class SpiFlashTest : public SimBoardTest {
   void Init(uint8_t family) {
     Start("xdma0 model=7 erase_busy=3 program_busy=2\n");
     deviceFileToFlash = Open()->userFile;
-    flash_.Init(FlashConfig(), family);
+    flash_.Init(kFlashConfig, family);
     Frames();
   }
 
