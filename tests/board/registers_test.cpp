@@ -134,7 +134,6 @@ TEST_F(MmcmTest, AStuckBusyBitEndsTheWaitWithoutALoadAndMarksTheDevice) {
   boards_.Run("xdma0 mmcm_stuck=1");
   EXPECT_EQ(SetMmcmClockHz(device_.get(), kRef, kRegMmcmBase, 100000000, 9, true), 0u);
   EXPECT_EQ(mmcm_.Loads(), 0u);  // nothing is written into a busy MMCM
-  ASSERT_NE(device_->stuckWait, nullptr);
   EXPECT_STREQ(device_->stuckWait, "the clock (MMCM) stayed busy for 100 ms");
 }
 

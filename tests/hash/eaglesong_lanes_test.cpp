@@ -47,8 +47,7 @@ class EaglesongLanes : public ::testing::TestWithParam<EaglesongLanePath> {
 
 TEST_P(EaglesongLanes, BatchEqualsScalarInEveryLaneAndWritesNothingPastCount) {
   constexpr uint32_t kGuard = 0xdeadbeef;
-  for (size_t count :
-       {size_t{0}, size_t{1}, size_t{7}, size_t{8}, size_t{9}, size_t{15}, size_t{17}, size_t{64}, size_t{101}}) {
+  for (size_t count : std::initializer_list<size_t>{0, 1, 7, 8, 9, 15, 17, 64, 101}) {
     std::vector<std::array<uint32_t, 4>> nonces(count);
     for (auto &nonce : nonces) {
       for (uint32_t &word : nonce) word = rng();
@@ -82,9 +81,7 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
     const uint32_t skew = (k % 2 == 0) ? k / 2 : 0u - k / 2;
     tails.push_back({0x0a0b0c00 ^ (t % 64), 0x12345678 ^ (reported + skew - 43)});
   }
-  Words8 bound;
-  bound.fill(0xffffffff);
-  bound[7] = 0x00ffffff;
+  const Words8 bound = {~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, 0x00ffffff};
 
   size_t expected = tails.size();
   for (size_t i = 0; i < tails.size() && expected == tails.size(); ++i) {
