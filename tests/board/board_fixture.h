@@ -56,4 +56,11 @@ inline std::vector<sim::Access> Filter(const std::vector<sim::Access> &trace, si
   return out;
 }
 
+// Where each access of a trace went.
+inline std::vector<uint64_t> Positions(const std::vector<sim::Access> &accesses) {
+  std::vector<uint64_t> positions;
+  for (const sim::Access &access : accesses) positions.push_back(access.position);
+  return positions;
+}
+
 }  // namespace board_test

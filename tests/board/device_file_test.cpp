@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +12,7 @@
 #include "board/dma_device.h"
 #include "board/pci_address.h"
 #include "board_fixture.h"
+#include "support/sim_boards.h"
 
 namespace fs = std::filesystem;
 using board_test::LogRecorder;
@@ -21,16 +21,7 @@ namespace {
 
 class DeviceFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    BRYLDMASetFileBackend(nullptr);
-    char pattern[] = "/tmp/ombry-devfiles-XXXXXX";
-    dir_ = mkdtemp(pattern);
-    setenv("OMBRY_DEVICE_DIR", dir_.c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("OMBRY_DEVICE_DIR");
-    fs::remove_all(dir_);
-  }
+  void SetUp() override { BRYLDMASetFileBackend(nullptr); }
   void Touch(const std::string &name, const std::string &content = "") { std::ofstream(dir_ + "/" + name) << content; }
   // The four nodes of a board; control register 0 holds a memory-mapped
   // design's channel identifier.
@@ -40,7 +31,8 @@ class DeviceFileTest : public ::testing::Test {
     Touch(name + "_h2c_0");
     Touch(name + "_c2h_0");
   }
-  std::string dir_;
+  miner_testing::ScratchDir scratch_;
+  const std::string dir_ = scratch_.Path().string();
 };
 
 TEST_F(DeviceFileTest, OpenNamesFilesByTypeAndChannelAndReportsFailures) {

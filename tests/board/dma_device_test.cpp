@@ -11,6 +11,7 @@
 using board_test::Boards;
 using board_test::Filter;
 using board_test::LogRecorder;
+using board_test::Positions;
 using sim::Node;
 
 namespace {
@@ -30,18 +31,12 @@ TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWireByFileAndByDma) {
   auto sub3 = boards.Open("xdma0", 3);
   ASSERT_TRUE(sub1 && sub3);
   // The control word at open is read unshifted, for every sub-device.
-  auto opening = Filter(card.TakeTrace(), Node::Control, false);
-  ASSERT_EQ(opening.size(), 2u);
-  EXPECT_EQ(opening[0].position, 0u);
-  EXPECT_EQ(opening[1].position, 0u);
+  EXPECT_EQ(Positions(Filter(card.TakeTrace(), Node::Control, false)), (std::vector<uint64_t>{0, 0}));
 
   EXPECT_EQ(BRYLDMADeviceRead(sub1.get(), sub1->userFile, 8), 0x000C0001u);
   EXPECT_EQ(BRYLDMADeviceRead(sub3.get(), sub3->userFile, 8), 0x000C0003u);
   EXPECT_EQ(BRYLDMADeviceRead(sub1.get(), sub1->controlFile, 0) & 0xFFFF0000u, 0x1FC00000u);
-  auto reads = Filter(card.TakeTrace(), Node::User, false);
-  ASSERT_EQ(reads.size(), 2u);
-  EXPECT_EQ(reads[0].position, 0x20008u);
-  EXPECT_EQ(reads[1].position, 0x60008u);
+  EXPECT_EQ(Positions(Filter(card.TakeTrace(), Node::User, false)), (std::vector<uint64_t>{0x20008, 0x60008}));
 
   // Without a user node registers go by DMA, where both shifts apply: 2 << 36
   // for the FPGA, 2 << 17 for its window.
@@ -57,12 +52,10 @@ TEST(DmaDeviceRegisters, SubDeviceShiftsOnTheWireByFileAndByDma) {
   EXPECT_TRUE(BRYLDMADeviceWrite(sub2.get(), sub2->userFile, 0x4C, 3));
   EXPECT_EQ(BRYLDMADeviceRead(sub2.get(), sub2->userFile, 0x4C), 3u);
   auto trace = dmaCard.TakeTrace();
-  auto dma = Filter(trace, Node::C2H, false);
-  ASSERT_EQ(dma.size(), 2u);
-  EXPECT_EQ(dma[0].position, (2ull << 36) + (2ull << 17) + 8);
-  EXPECT_EQ(dma[0].size, 4u);
-  ASSERT_EQ(Filter(trace, Node::H2C, true).size(), 1u);
-  EXPECT_EQ(Filter(trace, Node::H2C, true)[0].position, (2ull << 36) + (2ull << 17) + 0x4C);
+  const uint64_t window = (2ull << 36) + (2ull << 17);
+  ASSERT_EQ(Positions(Filter(trace, Node::C2H, false)), (std::vector<uint64_t>{window + 8, window + 0x4C}));
+  EXPECT_EQ(Filter(trace, Node::C2H, false)[0].size, 4u);
+  EXPECT_EQ(Positions(Filter(trace, Node::H2C, true)), std::vector<uint64_t>{window + 0x4C});
 }
 
 TEST(DmaDeviceTransfers, ChunksOfEightMebibytesAndDataRoundTrip) {
@@ -76,8 +69,7 @@ TEST(DmaDeviceTransfers, ChunksOfEightMebibytesAndDataRoundTrip) {
   std::iota(out.begin(), out.end(), 7);
   std::vector<uint8_t> exact(kDmaChunkBytes);
   EXPECT_EQ(BRYLDMADeviceDmaRead(device.get(), 0, kDmaMemory, exact.data(), exact.size()), kDmaChunkBytes);
-  auto one = card.TakeTrace();
-  EXPECT_EQ(one.size(), 1u);
+  EXPECT_EQ(card.TakeTrace().size(), 1u);
 
   EXPECT_EQ(BRYLDMADeviceDmaWrite(device.get(), 0, kDmaMemory, out.data(), out.size()), out.size());
   auto writes = Filter(card.TakeTrace(), Node::H2C, true);

@@ -26,37 +26,36 @@ class SimBoardTest : public ::testing::Test {
     boards_.reset();
   }
 
+  // Runs `body` on xdma0's FPGA under the card's lock.
+  template <typename Body>
+  auto OnFpga(Body body) {
+    return boards_->Find("xdma0")->WithFpga(0, [&](sim::Fpga *fpga) { return body(*fpga); });
+  }
+
   // Installs the boards of `list` and records every SPI frame of xdma0.
   void Start(const std::string &list) {
     boards_ = std::make_unique<sim::InProcessBoards>("/ombry-flash-test");
     std::string error;
     ASSERT_TRUE(boards_->AddList(list, &error)) << error;
     boards_->Install();
-    for (uint32_t i = 0; i < sim::kMaxFpgas; i++) {
-      Card().WithFpga(i, [](sim::Fpga *fpga) {
-        if (fpga) fpga->Spi()->SetRecording(true);
-        return 0;
-      });
-    }
+    OnFpga([](sim::Fpga &fpga) { return fpga.Spi()->SetRecording(true); });
   }
 
-  BRYLDMADevice *Open(uint64_t subDevice = 0) {
-    BRYLDMADevice *device = BRYLDMADeviceOpen(boards_->DevicePath("xdma0"), subDevice);
+  BRYLDMADevice *Open() {
+    BRYLDMADevice *device = BRYLDMADeviceOpen(boards_->DevicePath("xdma0"), 0);
     EXPECT_NE(device, nullptr);
     if (device) devices_.push_back(device);
     return device;
   }
 
-  sim::Card &Card() { return *boards_->Find("xdma0"); }
-
-  std::vector<sim::SpiFrame> Frames(uint32_t fpga = 0) {
-    return Card().WithFpga(fpga, [](sim::Fpga *f) { return f->Spi()->TakeFrames(); });
+  std::vector<sim::SpiFrame> Frames() {
+    return OnFpga([](sim::Fpga &f) { return f.Spi()->TakeFrames(); });
   }
-  std::vector<uint8_t> FlashBytes(uint64_t address, uint64_t count, uint32_t fpga = 0) {
-    return Card().WithFpga(fpga, [&](sim::Fpga *f) { return f->Flash()->Read(address, count); });
+  std::vector<uint8_t> FlashBytes(uint64_t address, uint64_t count) {
+    return OnFpga([&](sim::Fpga &f) { return f.Flash()->Read(address, count); });
   }
-  uint64_t Ignored(uint32_t fpga = 0) {
-    return Card().WithFpga(fpga, [](sim::Fpga *f) { return f->Flash()->Ignored(); });
+  uint64_t Ignored() {
+    return OnFpga([](sim::Fpga &f) { return f.Flash()->Ignored(); });
   }
 
   std::unique_ptr<sim::InProcessBoards> boards_;
@@ -76,6 +75,13 @@ inline std::vector<sim::SpiFrame> FramesOf(const std::vector<sim::SpiFrame> &fra
 inline uint32_t FrameAddress(const sim::SpiFrame &frame) {
   return uint32_t(frame.out.at(1)) << 24 | uint32_t(frame.out.at(2)) << 16 | uint32_t(frame.out.at(3)) << 8 |
          frame.out.at(4);
+}
+
+// The addresses of the frames that carry `command`, in order.
+inline std::vector<uint32_t> Addresses(const std::vector<sim::SpiFrame> &frames, uint8_t command) {
+  std::vector<uint32_t> addresses;
+  for (const sim::SpiFrame &frame : FramesOf(frames, command)) addresses.push_back(FrameAddress(frame));
+  return addresses;
 }
 
 // Bytes that are never all 0xFF within a page, unless asked for.

@@ -11,17 +11,13 @@ namespace {
 
 constexpr uint64_t kControllerBase = 0x10000;
 
-XSpi_Config FlashConfig() {
-  XSpi_Config config{};
-  config.BaseAddress = kControllerBase;
-  config.HasFifos = 1;
-  config.NumSlaveBits = 1;
-  config.DataWidth = 8;
-  config.SpiMode = 2;
-  config.AxiFullBaseAddress = kControllerBase;
-  config.Use_Startup = 1;
-  return config;
-}
+constexpr XSpi_Config kFlashConfig{.BaseAddress = kControllerBase,
+                                   .HasFifos = 1,
+                                   .NumSlaveBits = 1,
+                                   .DataWidth = 8,
+                                   .SpiMode = 2,
+                                   .AxiFullBaseAddress = kControllerBase,
+                                   .Use_Startup = 1};
 
 // Whole commands through the driver: a page program of 261 bytes takes two
 // FIFO rounds, with the chip selected throughout.
@@ -30,7 +26,7 @@ class SpiFlashTest : public SimBoardTest {
   void Init(uint8_t family) {
     Start("xdma0 model=7 erase_busy=3 program_busy=2\n");
     deviceFileToFlash = Open()->userFile;
-    flash_.Init(FlashConfig(), family);
+    flash_.Init(kFlashConfig, family);
     Frames();
   }
 
@@ -47,11 +43,9 @@ TEST_F(SpiFlashTest, PagesGoOutAsSizedCommandsAndBlankPagesAreSkipped) {
   EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatusFamily1).size(), 1u);
   auto programs = FramesOf(frames, SPIFlash::kPageProgram4);
   ASSERT_EQ(programs.size(), 3u);
-  EXPECT_EQ(FrameAddress(programs[0]), 0x100u);
+  EXPECT_EQ(Addresses(frames, SPIFlash::kPageProgram4), (std::vector<uint32_t>{0x100, 0x300, 0x400}));
   EXPECT_EQ(programs[0].out.size(), 261u);
   EXPECT_EQ(programs[0].rounds, 2u);
-  EXPECT_EQ(FrameAddress(programs[1]), 0x300u);
-  EXPECT_EQ(FrameAddress(programs[2]), 0x400u);
   EXPECT_EQ(programs[2].out.size(), 22u);  // a last page of 17 bytes
   EXPECT_EQ(FramesOf(frames, SPIFlash::kWriteEnable).size(), 3u);
   EXPECT_EQ(FlashBytes(0x100, data.size()), data);
@@ -76,10 +70,7 @@ TEST_F(SpiFlashTest, EraseChecksAlignmentAndCountsWholeSectors) {
   flash_.Erase(0x40000, 65537);
   auto frames = Frames();
   EXPECT_EQ(FramesOf(frames, SPIFlash::kClearStatus).size(), 2u);  // family 0's clear, once per call
-  auto erases = FramesOf(frames, SPIFlash::kSectorErase4);
-  ASSERT_EQ(erases.size(), 2u);
-  EXPECT_EQ(FrameAddress(erases[0]), 0x40000u);
-  EXPECT_EQ(FrameAddress(erases[1]), 0x50000u);
+  EXPECT_EQ(Addresses(frames, SPIFlash::kSectorErase4), (std::vector<uint32_t>{0x40000, 0x50000}));
   EXPECT_EQ(FlashBytes(0x50000, 256), std::vector<uint8_t>(256, 0xFF));
   // The erase kept the chip busy, and the library polled it out.
   bool sawBusy = false;

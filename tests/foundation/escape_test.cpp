@@ -12,18 +12,11 @@ namespace {
 
 TEST(EscapeControl, NothingThatSteersATerminalSurvives) {
   const std::pair<std::string, std::string> cases[] = {
-      {"mining.notify 25\xc2\xb0"
-       "C caf\xc3\xa9",
-       "mining.notify 25\xc2\xb0"
-       "C caf\xc3\xa9"},  // UTF-8 stays
+      {"mining.notify 25\u00b0C caf\u00e9", "mining.notify 25\u00b0C caf\u00e9"},  // UTF-8 stays
       {"\x1b[2J\x1b]0;title\x07", "\\u001b[2J\\u001b]0;title\\u0007"},
       {"a\r\nb\tc\x7f", "a\\u000d\\u000ab\\u0009c\\u007f"},
-      {"\xc2\x9b"
-       "2J",
-       "\\u009b2J"},  // the one-character CSI
-      {"\xe2\x80\xae"
-       "txt.exe",
-       "\\u202etxt.exe"},  // text shown right to left
+      {"\u009b2J", "\\u009b2J"},            // the one-character CSI
+      {"\u202etxt.exe", "\\u202etxt.exe"},  // text shown right to left
       {"\xff\xfe \xe2\x82 \xed\xa0\x80 \xc0\xaf", "\\xff\\xfe \\xe2\\x82 \\xed\\xa0\\x80 \\xc0\\xaf"},  // no UTF-8
       {std::string("a\0b", 3), "a\\u0000b"},
   };

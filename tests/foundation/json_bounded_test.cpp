@@ -27,18 +27,15 @@ std::string Zeros(size_t zeros) {
 }
 
 TEST(BoundedJson, OnlyOneObjectWithinTheLimitsIsRead) {
+  // Property lists, an array, a number, nothing, one cut off, two, a trailing
+  // comma, a raw control character in a string, bytes that are not UTF-8, and
+  // a number out of range.
+  for (const char *text :
+       {"bplist00\xd1\x01\x02\x51\x61\x51\x62", "<?xml version=\"1.0\"?><plist><dict/></plist>", "[1,2]", "5", "",
+        "{\"a\":1", "{\"a\":1} {\"b\":2}", "{\"a\":1,}", "{\"a\":\"\x1b[2J\"}", "{\"a\":\"\xff\"}", "{\"a\":1e999}"}) {
+    EXPECT_EQ(Read(text), "not a JSON object") << text;
+  }
   const std::pair<std::string, std::string> cases[] = {
-      {"bplist00\xd1\x01\x02\x51\x61\x51\x62", "not a JSON object"},
-      {"<?xml version=\"1.0\"?><plist><dict/></plist>", "not a JSON object"},
-      {"[1,2]", "not a JSON object"},
-      {"5", "not a JSON object"},
-      {"", "not a JSON object"},
-      {"{\"a\":1", "not a JSON object"},             // cut off
-      {"{\"a\":1} {\"b\":2}", "not a JSON object"},  // two
-      {"{\"a\":1,}", "not a JSON object"},
-      {"{\"a\":\"\x1b[2J\"}", "not a JSON object"},  // a raw control character in a string
-      {"{\"a\":\"\xff\"}", "not a JSON object"},     // not UTF-8
-      {"{\"a\":1e999}", "not a JSON object"},
       {" {\"a\":" + Nested(63) + "}\r", "{\"a\":" + Nested(63) + "}"},
       {"{\"a\":" + Nested(64) + "}", "nested deeper than 64 levels"},
       {"{\"a\":" + std::string(1 << 20, '[') + "}", "over 1048576 bytes"},

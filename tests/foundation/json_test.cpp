@@ -25,18 +25,8 @@ TEST(JsonWriter, WritesEachTagInItsOwnForm) {
   VLRef items(VLArrayCreateWith(minus.get(), big.get(), unsigned32.get(), bytes.get(), null_value.get(), range.get(),
                                 empty_array.get(), empty_dictionary.get(), nullptr));
   EXPECT_EQ(Serialize(items.get()),
-            "[\n"
-            "  -7,\n"
-            "  18446744073709551615,\n"
-            "  4294967295,\n"
-            "  \"AQL/\",\n"
-            "  null,\n"
-            "  \"{3, 4}\",\n"
-            "  [\n"
-            "  ],\n"
-            "  {\n"
-            "  }\n"
-            "]\n");
+            "[\n  -7,\n  18446744073709551615,\n  4294967295,\n  \"AQL/\",\n  null,\n  \"{3, 4}\",\n"
+            "  [\n  ],\n  {\n  }\n]\n");
   VLRef text(VLStringCreate("q\"b\\s/\x01\n\x1f\xc3\xa9", 0));
   EXPECT_EQ(Serialize(text.get()), "\"q\\\"b\\\\s/\\u0001\\u000A\\u001F\xc3\xa9\"\n");
 }

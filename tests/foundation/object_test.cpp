@@ -72,12 +72,10 @@ TEST(Dictionary, ASetKeyReplacesItsValueInPlaceAndLookupIsByExactText) {
   VLDictionarySet(dictionary.get(), v2.get(), a2.get());
   VLDictionarySet(dictionary.get(), VLStringConstant("seven"), number_key.get());
   EXPECT_EQ(Show(dictionary.get()), R"({"a":u32:2,"b":u32:1,u32:7:"seven"})");
-  EXPECT_EQ(Count(a2.get()),
-            1u);  // the passed key was neither stored nor retained
+  EXPECT_EQ(Count(a2.get()), 1u);  // the passed key was neither stored nor retained
   EXPECT_EQ(Count(v1.get()), 2u);
   EXPECT_EQ(VLDictionaryGetByName(dictionary.get(), "a"), v2.get());
-  EXPECT_EQ(VLDictionaryGetByName(dictionary.get(), "7"),
-            nullptr);  // non-string keys are skipped
+  EXPECT_EQ(VLDictionaryGetByName(dictionary.get(), "7"), nullptr);  // non-string keys are skipped
   EXPECT_EQ(VLDictionaryGetByName(dictionary.get(), "A"), nullptr);
 }
 

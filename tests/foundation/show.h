@@ -13,7 +13,6 @@
 inline std::string Show(const VLObject *obj) {
   char buffer[64];
   switch (VLObjectType(obj)) {
-    case 0: return "<nullptr>";
     case VLTypeNumber: {
       uint64_t low = obj->number.bits & 0xFFFFFFFF;
       switch (obj->number.kind) {
@@ -39,14 +38,6 @@ inline std::string Show(const VLObject *obj) {
         }
       }
       return text + "\"";
-    }
-    case VLTypeData: {
-      std::string text = "<";
-      for (uint32_t i = 0; i < VLDataLength(obj); ++i) {
-        snprintf(buffer, sizeof buffer, "%02x", VLDataBytes(obj)[i]);
-        text += buffer;
-      }
-      return text + ">";
     }
     case VLTypeArray: {
       std::string text = "[";

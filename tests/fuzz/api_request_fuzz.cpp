@@ -7,16 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "fuzz_check.h"
 #include "monitor/api.h"
 #include "monitor/http_pages.h"
-
-namespace {
-
-void Check(bool condition) {
-  if (!condition) abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string text(reinterpret_cast<const char *>(data), size);

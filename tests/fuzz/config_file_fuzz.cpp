@@ -3,19 +3,11 @@
 // take a value (one value unless the option repeats). Each value then goes
 // through its option's own check, as the command line does with it.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz_check.h"
 #include "shell/config_file.h"
 #include "shell/options.h"
-
-namespace {
-
-void Check(bool condition) {
-  if (!condition) abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string text(reinterpret_cast<const char *>(data), size);

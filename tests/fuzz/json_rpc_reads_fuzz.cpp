@@ -3,19 +3,15 @@
 // the whole stream in one read, and each one written back as text reads
 // again as a message of its kind.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "foundation/object.h"
 #include "net/json_rpc.h"
 
 namespace {
-
-void Check(bool condition) {
-  if (!condition) abort();
-}
 
 void OnMessage(VLJsonRpcClient *, VLJsonRpcMessage *message, void *userData) {
   Check(VLJsonRpcMessageKind(message) <= 3);
@@ -41,12 +37,7 @@ std::vector<std::string> Messages(const uint8_t *bytes, size_t size, uint32_t se
   VLJsonRpcClientSetUserData(client, &messages);
   VLJsonRpcClientSetMessageCallback(client, OnMessage);
   while (size > 0) {
-    size_t read = size;
-    if (seed != 0) {
-      seed = seed * 1103515245u + 12345u;
-      read = 1 + (seed >> 8) % 512;
-      if (read > size) read = size;
-    }
+    size_t read = seed != 0 ? CutLength(seed, size, 512) : size;
     VLJsonRpcClientReceive(client, bytes, static_cast<uint32_t>(read));
     bytes += read;
     size -= read;

@@ -1,12 +1,13 @@
 // Lines from a pool, as the client parses them, into the Stratum session in
 // whichever state the input picks, with the extranonce settings it picks.
 // Whatever the session answers goes to a client with no connection.
+#include <bit>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "foundation/object.h"
 #include "net/json_rpc.h"
 #include "stratum/session.h"
@@ -14,33 +15,23 @@
 
 namespace {
 
-void Check(bool condition) {
-  if (!condition) abort();
-}
-
 struct FuzzContext final : StratumContext {
   StratumShareCounters counters[4];
   StratumShareCounters *ShareCounters(uint64_t worker) override { return worker < 4 ? &counters[worker] : nullptr; }
 };
 
-// What the session made of the lines.
+// What the session made of the lines; the difficulty by its bits, so that a
+// NaN equals itself.
 struct Verdict {
   uint32_t state;
-  double difficulty;
+  uint64_t difficulty;
   std::vector<uint8_t> extranonce1;
   uint64_t extranonce2Size;
   std::string jobId;
   uint64_t generation;
-  uint64_t accepted[4], rejected[4];
   uint32_t closeAsked;
-  bool operator==(const Verdict &other) const {
-    bool sameDifficulty =
-        difficulty == other.difficulty || (difficulty != difficulty && other.difficulty != other.difficulty);
-    return state == other.state && sameDifficulty && extranonce1 == other.extranonce1 &&
-           extranonce2Size == other.extranonce2Size && jobId == other.jobId && generation == other.generation &&
-           memcmp(accepted, other.accepted, sizeof accepted) == 0 &&
-           memcmp(rejected, other.rejected, sizeof rejected) == 0 && closeAsked == other.closeAsked;
-  }
+  uint64_t accepted[4], rejected[4];
+  bool operator==(const Verdict &) const = default;
 };
 
 // `seed` 0: one line per read, as a pool that writes whole lines is read;
@@ -58,14 +49,11 @@ Verdict Run(const uint8_t *settings, const uint8_t *bytes, size_t size, uint32_t
   VLJsonRpcClientSetUserData(client, &context);
   VLJsonRpcClientSetMessageCallback(client, OnStratumMessage);
   while (size > 0) {
-    size_t length;
-    if (seed == 0) {
-      const void *end = memchr(bytes, '\n', size);
-      length = end ? static_cast<const uint8_t *>(end) - bytes + 1 : size;
-    } else {
-      seed = seed * 1103515245u + 12345u;
-      length = 1 + (seed >> 8) % 256;
-      if (length > size) length = size;
+    size_t length = size;
+    if (seed != 0) {
+      length = CutLength(seed, size, 256);
+    } else if (const void *end = memchr(bytes, '\n', size)) {
+      length = static_cast<const uint8_t *>(end) - bytes + 1;
     }
     VLJsonRpcClientReceive(client, bytes, static_cast<uint32_t>(length));
     bytes += length;
@@ -74,13 +62,11 @@ Verdict Run(const uint8_t *settings, const uint8_t *bytes, size_t size, uint32_t
   VLJsonRpcClientDestroy(client);
 
   Verdict verdict{context.stratumState,
-                  context.difficulty,
+                  std::bit_cast<uint64_t>(context.difficulty),
                   context.extranonce1,
                   context.extranonce2Size,
                   "",
                   context.jobGeneration.load(),
-                  {},
-                  {},
                   context.link.closeAsked};
   if (auto job = context.CurrentJob()) verdict.jobId = job->jobId;
   for (int i = 0; i < 4; i++) {

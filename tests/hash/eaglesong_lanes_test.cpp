@@ -37,11 +37,6 @@ class EaglesongLanes : public ::testing::TestWithParam<EaglesongLanePath> {
   const uint32_t word0 = 0x11223344;
   const uint32_t word1 = 0x55667788;
 
-  std::vector<EaglesongNonceTail> RandomTails(size_t count) {
-    std::vector<EaglesongNonceTail> tails(count);
-    for (EaglesongNonceTail &tail : tails) tail = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
-    return tails;
-  }
   Words8 ScalarDigest(const EaglesongNonceTail &tail) {
     const uint32_t nonce[4] = {word0, word1, tail.word2, tail.word3};
     Words8 digest;
@@ -52,8 +47,7 @@ class EaglesongLanes : public ::testing::TestWithParam<EaglesongLanePath> {
 
 TEST_P(EaglesongLanes, BatchEqualsScalarInEveryLaneAndWritesNothingPastCount) {
   constexpr uint32_t kGuard = 0xdeadbeef;
-  for (size_t count :
-       {size_t{0}, size_t{1}, size_t{7}, size_t{8}, size_t{9}, size_t{15}, size_t{17}, size_t{64}, size_t{101}}) {
+  for (size_t count : std::initializer_list<size_t>{0, 1, 7, 8, 9, 15, 17, 64, 101}) {
     std::vector<std::array<uint32_t, 4>> nonces(count);
     for (auto &nonce : nonces) {
       for (uint32_t &word : nonce) word = rng();
@@ -87,9 +81,7 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
     const uint32_t skew = (k % 2 == 0) ? k / 2 : 0u - k / 2;
     tails.push_back({0x0a0b0c00 ^ (t % 64), 0x12345678 ^ (reported + skew - 43)});
   }
-  Words8 bound;
-  bound.fill(0xffffffff);
-  bound[7] = 0x00ffffff;
+  const Words8 bound = {~0u, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u, 0x00ffffff};
 
   size_t expected = tails.size();
   for (size_t i = 0; i < tails.size() && expected == tails.size(); ++i) {
@@ -110,7 +102,8 @@ TEST_P(EaglesongLanes, SearchFindsFirstCandidateWithinBound) {
 
 TEST_P(EaglesongLanes, SearchBoundIsInclusiveAndComparesAllWords) {
   // 21 candidates: the best one is put in the partial last group.
-  std::vector<EaglesongNonceTail> tails = RandomTails(21);
+  std::vector<EaglesongNonceTail> tails(21);
+  for (EaglesongNonceTail &tail : tails) tail = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng())};
   size_t best = 0;
   for (size_t i = 1; i < tails.size(); ++i) {
     if (AtMost(Number(ScalarDigest(tails[i]).data()), Number(ScalarDigest(tails[best]).data()))) best = i;
