@@ -42,8 +42,7 @@ TEST(BoardFaults, AFailingBoardIsTakenOutWithOneLineAndTheOtherMinesOn) {
     uint64_t accepted = run.Pool("accepted");
     ASSERT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; }, 60s));
     EXPECT_LE(std::count(run.Output().begin() + static_cast<std::ptrdiff_t>(from), run.Output().end(), '\n'), 300);
-    run.Child().Type("q");
-    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Quit(), 0);
     EXPECT_EQ(run.Count("Waiting for workers to stop timed out"), 0u);
     EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
   }
@@ -63,8 +62,7 @@ TEST(BoardFaults, TuningEndsNextToTheBoardsHighestGoodClock) {
   }));
   EXPECT_GE(run.SavedClock(), 110.3 - 0.05 - 1.0) << ReadFile(run.WorkDir() / "config.json");
   EXPECT_LE(run.SavedClock(), 110.3 + 1.1);
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Quit(), 0);
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 namespace e2e {
 namespace {
 
-constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
-
 // Each pool's job ids start with its seed, so a share sent to the wrong pool
 // shows by its job id.
 std::vector<std::string> EasyPool(const char *seed, std::vector<std::string> more = {}) {
@@ -56,8 +54,7 @@ TEST(Failover, ABackupTakesOverFromAStoppedPrimaryAndHandsBackWhenItReturns) {
                       Url(backup) + ": the operator asked for it"),
             1u);
 
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Quit(), 0);
   ExpectOnlyOwnShares(run.PoolProcess(), "1");
   ExpectOnlyOwnShares(backup, "2");
   ExpectOnlyOwnShares(primary, "3");
@@ -89,8 +86,7 @@ TEST(Failover, ARefusedLoginOrASilentPoolIsLeftAtOnceForTheNextOfThree) {
     EXPECT_EQ(run.Count(std::string(c.reason)), 1u);
     EXPECT_EQ(run.Count("Switching from pool"), 2u);
     ExpectOnlyOwnShares(third, "5");
-    run.Child().Type("q");
-    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Quit(), 0);
   }
 }
 
@@ -127,8 +123,7 @@ TEST(Failover, TlsPoolsAreCheckedAgainstTheirCaOrAPinnedCertificate) {
           3u);
       EXPECT_EQ(run.Pool("accepted"), 0u);
     }
-    run.Child().Type("q");
-    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Quit(), 0);
   }
 }
 

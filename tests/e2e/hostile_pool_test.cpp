@@ -117,10 +117,8 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
     ASSERT_EQ(line.bytes.find('\n'), std::string::npos);
     size_t from = run.Output().size();
     uint64_t accepted = run.Pool("accepted");
-    char name[32];
-    snprintf(name, sizeof name, "%03d.line", number++);
     std::ofstream(inject.Path() / "next", std::ios::binary) << line.bytes;
-    std::filesystem::rename(inject.Path() / "next", inject.Path() / name);
+    std::filesystem::rename(inject.Path() / "next", inject.Path() / (std::to_string(100 + number++) + ".line"));
     ASSERT_TRUE(run.Until([&] { return run.Pool("injected") == static_cast<uint64_t>(number); }));
     if (*line.told) {
       EXPECT_TRUE(run.Until([&] { return run.Output().find(line.told, from) != std::string::npos; }))
@@ -137,8 +135,7 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
   EXPECT_LT(peak, 200u * 1024) << "peak " << peak << " KiB";
 #endif
 
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Quit(), 0);
   std::string log = ReadFile(logFile);
   EXPECT_NE(log.find("Share Accepted!"), std::string::npos);
   for (const std::string *text : {&run.Output(), static_cast<const std::string *>(&log)}) {

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -32,6 +31,8 @@ using namespace std::chrono_literals;
 
 // Runs longer than any row should take end in a failure, not a hung suite.
 constexpr std::chrono::seconds kHangGuard{180};
+// A narrow board without a regulator sensor and a wide one with it.
+constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 
 // A count from a pool's statistics file; a reason of rejection counts too.
 inline uint64_t PoolCount(const testing_support::TestPool &pool, const std::string &name) {
@@ -115,8 +116,7 @@ class MinerRun {
   // A board command such as "xdma0 hot=95", as an operator's test rig would
   // send it while the miner runs.
   bool Command(const std::string &line) {
-    struct stat info;
-    for (int i = 0; i < 1000 && stat(control_.c_str(), &info) != 0; i++) std::this_thread::sleep_for(10ms);
+    for (int i = 0; i < 1000 && access(control_.c_str(), F_OK) != 0; i++) std::this_thread::sleep_for(10ms);
     int fd = open(control_.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) return false;
     std::string text = line + "\n";
@@ -135,6 +135,12 @@ class MinerRun {
       Pump(100ms);
     }
     return true;
+  }
+
+  // The operator's q; the miner's exit code once it has ended.
+  int Quit() {
+    child_->Type("q");
+    return child_->Wait();
   }
 
   void Pump(std::chrono::milliseconds time) { child_->WaitFor("\x01 never printed", time, Output().size()); }
@@ -206,25 +212,22 @@ class MinerRun {
 // Sends `request` from `source` to a monitoring server of the miner on
 // 127.0.0.1 and reads the answer until the server closes.
 inline std::string Ask(uint16_t port, const std::string &request, const char *source = "127.0.0.1") {
+  auto ipv4 = [](const char *host, uint16_t hostPort) {
+    sockaddr_in address{AF_INET, htons(hostPort), {}, {}};
+    inet_pton(AF_INET, host, &address.sin_addr);
+    return address;
+  };
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  inet_pton(AF_INET, source, &local.sin_addr);
+  sockaddr_in local = ipv4(source, 0), address = ipv4("127.0.0.1", port);
   EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << source;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
   timeval limit{10, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   std::string answer;
-  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-    close(fd);
-    return answer;
+  if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+    (void)!write(fd, request.data(), request.size());
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
   }
-  (void)!write(fd, request.data(), request.size());
-  char buffer[4096];
-  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) answer.append(buffer, static_cast<size_t>(n));
   close(fd);
   return answer;
 }

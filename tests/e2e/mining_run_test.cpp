@@ -2,7 +2,6 @@
 // sag, the operator's keys, and signals, a service manager's among them. Every
 // wait is a hang guard; what is asserted is what the operator saw and the pool got.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,9 +15,40 @@
 namespace e2e {
 namespace {
 
-constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 // Low enough for a share every second or so per board at the simulator's speed.
 const std::vector<std::string> kEasyPool = {"--difficulty", "0.0005", "--notify-interval", "2"};
+
+// A datagram socket where the notify protocol's messages arrive.
+class NotifySocket {
+ public:
+  NotifySocket() {
+    path_ = testing::TempDir() + "ombry-notify-" + std::to_string(getpid());
+    unlink(path_.c_str());
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
+    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  }
+  ~NotifySocket() {
+    close(fd_);
+    unlink(path_.c_str());
+  }
+  const std::string &Path() const { return path_; }
+  // Everything that arrived so far, one message a line.
+  std::string Take() {
+    char buffer[512];
+    for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) {
+      received_.append(buffer, static_cast<size_t>(n)).append("\n");
+    }
+    return received_;
+  }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+  std::string received_;
+};
 
 // Both sides count the shares alike, and the operator's keys stop, restart
 // and tune a board.
@@ -35,15 +65,15 @@ TEST(MiningRun, SharesAreCountedAlikeAndKeysStopRestartAndTuneABoard) {
   // nominal rate (not yet stepped, the clock at its start) and an effective
   // one; board 1 has no regulator sensor. Between them, a share is its
   // outcome line and no raw line of the pool link.
+  std::vector<Table> tables;
   size_t first = 0;
-  auto bothShown = [&](const std::vector<Table> &tables) {
+  ASSERT_TRUE(run.Until([&] {
+    tables = Tables(run.Lines());
     for (first = 0; first + 1 < tables.size(); first++) {
       if (tables[first].size() == 2 && tables[first + 1].size() == 2) return true;
     }
     return false;
-  };
-  ASSERT_TRUE(run.Until([&] { return bothShown(Tables(run.Lines())); })) << run.Output();
-  std::vector<Table> tables = Tables(run.Lines());
+  })) << run.Output();
   for (const Table &table : {tables[first], tables[first + 1]}) {
     for (const auto &[number, columns] : table) {
       SCOPED_TRACE(number);
@@ -85,20 +115,31 @@ TEST(MiningRun, SharesAreCountedAlikeAndKeysStopRestartAndTuneABoard) {
   })) << "pool "
       << run.Pool("accepted") << ", table " << run.TableAccepted(2);
 
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Quit(), 0);
   EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u) << run.PoolProcess().Stats();
   EXPECT_EQ(run.Count("share was invalid"), 0u);
   EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 2u);
   EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
 }
 
-TEST(MiningRun, HotOrSaggingBoardsThrottleAndTheHotOneRecovers) {
+// Under a service manager: ready and alive are told, and its stop request
+// (SIGTERM) ramps the boards down as q does.
+TEST(MiningRun, HotOrSaggingBoardsThrottleTheHotOneRecoversAndTerminationStopsCleanly) {
   // The sagging board is of the wide family: a narrow board's limit (0.5 V) is
   // also the lowest reading taken as real.
+  NotifySocket notify;
   MinerRun run("xdma0 model=7\nxdma1 model=2\nxdma2 model=7\n", {"--difficulty", "1"});
+  run.AddEnvironment("NOTIFY_SOCKET=" + notify.Path());
   ASSERT_TRUE(run.Start());
-  ASSERT_TRUE(run.Until([&] { return run.LastClock(1).first == 100 && run.LastClock(3).first == 100; }));
+  ASSERT_TRUE(run.Until([&] {
+    std::string told = notify.Take();
+    return run.LastClock(1).first == 100 && run.LastClock(3).first == 100 &&
+           told.find("READY=1\n") != std::string::npos && told.find("WATCHDOG=1\n") != std::string::npos;
+  })) << notify.Take();
+  // Keys come singly while it runs; the terminal is given back as it was.
+  termios modes{};
+  ASSERT_TRUE(run.Child().TerminalModes(&modes));
+  EXPECT_EQ(modes.c_lflag & ICANON, 0u);
 
   ASSERT_TRUE(run.Command("xdma0 hot=95"));
   ASSERT_TRUE(run.Command("xdma1 sag=0.3"));  // about 0.7 V, under the wide limit of 0.75 V
@@ -114,80 +155,25 @@ TEST(MiningRun, HotOrSaggingBoardsThrottleAndTheHotOneRecovers) {
   size_t cooled = run.Output().size();
   EXPECT_TRUE(run.Until([&] { return run.LastClock(1, cooled).first == 100; })) << run.Output().substr(cooled);
 
-  run.Child().Type("q");
+  run.Child().Signal(SIGTERM);
   EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_NE(notify.Take().find("STOPPING=1\n"), std::string::npos);
+  ASSERT_TRUE(run.Child().TerminalModes(&modes));
+  EXPECT_NE(modes.c_lflag & ICANON, 0u);
+  EXPECT_NE(modes.c_lflag & ECHO, 0u);
+  for (const char *stopped : {"I/Worker01     : Stopped", "I/Worker02     : Stopped", "I/Worker03     : Stopped"}) {
+    EXPECT_EQ(run.Count(stopped), 1u) << stopped;
+  }
+  EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
 }
 
-// A datagram socket where the notify protocol's messages arrive.
-class NotifySocket {
- public:
-  NotifySocket() {
-    path_ = testing::TempDir() + "ombry-notify-" + std::to_string(getpid());
-    unlink(path_.c_str());
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
-    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-  }
-  ~NotifySocket() {
-    close(fd_);
-    unlink(path_.c_str());
-  }
-  const std::string &Path() const { return path_; }
-  // Everything that arrived so far, one message a line.
-  std::string Take() {
-    char buffer[512];
-    pollfd entry{fd_, POLLIN, 0};
-    while (poll(&entry, 1, 0) > 0) {
-      ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      received_.append(buffer, static_cast<size_t>(n)).append("\n");
-    }
-    return received_;
-  }
-
- private:
-  std::string path_;
-  int fd_ = -1;
-  std::string received_;
-};
-
-// Under a service manager too: ready and alive are told, and its stop request
-// (SIGTERM) ramps the boards down as q does.
-TEST(Signals, TerminationWhileMiningOrStartingStopsCleanly) {
-  {
-    NotifySocket notify;
-    MinerRun run(kTwoBoards, kEasyPool);
-    run.AddEnvironment("NOTIFY_SOCKET=" + notify.Path());
-    ASSERT_TRUE(run.Start());
-    ASSERT_TRUE(run.Until([&] {
-      std::string told = notify.Take();
-      return run.Pool("accepted") >= 1 && told.find("READY=1\n") != std::string::npos &&
-             told.find("WATCHDOG=1\n") != std::string::npos;
-    })) << notify.Take();
-    // Keys come singly while it runs; the terminal is given back as it was.
-    termios modes{};
-    ASSERT_TRUE(run.Child().TerminalModes(&modes));
-    EXPECT_EQ(modes.c_lflag & ICANON, 0u);
-    run.Child().Signal(SIGTERM);
-    EXPECT_EQ(run.Child().Wait(), 0);
-    EXPECT_NE(notify.Take().find("STOPPING=1\n"), std::string::npos);
-    ASSERT_TRUE(run.Child().TerminalModes(&modes));
-    EXPECT_NE(modes.c_lflag & ICANON, 0u);
-    EXPECT_NE(modes.c_lflag & ECHO, 0u);
-    EXPECT_EQ(run.Count("I/Worker01     : Stopped"), 1u);
-    EXPECT_EQ(run.Count("I/Worker02     : Stopped"), 1u);
-    EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
-  }
-  {
-    // Straight after start-up, while the boards are still coming up.
-    MinerRun run(kTwoBoards, kEasyPool);
-    ASSERT_TRUE(run.Start());
-    run.Child().Signal(SIGINT);
-    EXPECT_EQ(run.Child().Wait(), 0);
-    EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
-  }
+// A stop request straight after start-up, while the boards are still coming up.
+TEST(Signals, InterruptWhileStartingStopsCleanly) {
+  MinerRun run(kTwoBoards, kEasyPool);
+  ASSERT_TRUE(run.Start());
+  run.Child().Signal(SIGINT);
+  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Count("E/Miner        : Exiting"), 1u);
 }
 
 }  // namespace

@@ -32,8 +32,7 @@ double SumSamples(const std::string &text, const std::string &name, const std::s
 
 TEST(Monitoring, TheApiAndTheMetricsAgreeWithThePoolAndOnlyAllowedAddressesCommand) {
   // Every 4th good share is refused as some pools do: result false, no error.
-  MinerRun run("xdma0 model=7\nxdma1 model=2\n",
-               {"--difficulty", "0.002", "--reject-every", "4", "--reject-with", "none"});
+  MinerRun run(kTwoBoards, {"--difficulty", "0.002", "--reject-every", "4", "--reject-with", "none"});
   std::string logFile = run.WorkDir().string() + "/miner.log";
   ASSERT_TRUE(run.Start({"--api-listen", "127.0.0.1:0", "--api-allow", "127.0.0.1", "--metrics-listen", "127.0.0.1:0",
                          "--log-file", logFile}));

@@ -9,8 +9,6 @@
 namespace e2e {
 namespace {
 
-constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
-
 // Settings for the pool's first connection alone; later ones behave. The
 // files go with the test process.
 std::vector<std::string> FirstConnection(const std::string &settings, std::vector<std::string> options) {
@@ -39,8 +37,7 @@ TEST(PoolLink, RefusedConnectionsAreRetriedWithGrowingPausesAndCutLinesArriveWho
   EXPECT_EQ(run.Count("Dropped"), 0u);
   EXPECT_EQ(run.Pool("connections"), 1u);
   EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u);
-  run.Child().Type("q");
-  EXPECT_EQ(run.Child().Wait(), 0);
+  EXPECT_EQ(run.Quit(), 0);
 }
 
 TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
@@ -60,8 +57,7 @@ TEST(PoolLink, SilentStalledOrRefusingPoolsAreLeftAndMiningGoesOn) {
     ASSERT_TRUE(run.Start(c.minerOptions));
     ASSERT_TRUE(run.Until([&] { return run.Pool("connections") >= 2 && run.Pool("accepted") >= 2; })) << run.Output();
     EXPECT_EQ(run.Count(c.line), 1u);
-    run.Child().Type("q");
-    EXPECT_EQ(run.Child().Wait(), 0);
+    EXPECT_EQ(run.Quit(), 0);
   }
 }
 

@@ -16,33 +16,31 @@ class StreamCapture {
   StreamCapture() {
     fflush(stdout);
     fflush(stderr);
-    savedOut_ = dup(1);
-    savedErr_ = dup(2);
-    outFile_ = tmpfile();
-    errFile_ = tmpfile();
-    dup2(fileno(outFile_), 1);
-    dup2(fileno(errFile_), 2);
+    for (int fd : {1, 2}) {
+      saved_[fd - 1] = dup(fd);
+      files_[fd - 1] = tmpfile();
+      dup2(fileno(files_[fd - 1]), fd);
+    }
   }
   ~StreamCapture() {
     Stop();
-    fclose(outFile_);
-    fclose(errFile_);
+    for (FILE *file : files_) fclose(file);
   }
   StreamCapture(const StreamCapture &) = delete;
   StreamCapture &operator=(const StreamCapture &) = delete;
 
   void Stop() {
-    if (savedOut_ < 0) return;
+    if (saved_[0] < 0) return;
     fflush(stdout);
     fflush(stderr);
-    dup2(savedOut_, 1);
-    dup2(savedErr_, 2);
-    close(savedOut_);
-    close(savedErr_);
-    savedOut_ = savedErr_ = -1;
+    for (int fd : {1, 2}) {
+      dup2(saved_[fd - 1], fd);
+      close(saved_[fd - 1]);
+      saved_[fd - 1] = -1;
+    }
   }
-  std::string Out() { return Read(outFile_); }
-  std::string Err() { return Read(errFile_); }
+  std::string Out() { return Read(files_[0]); }
+  std::string Err() { return Read(files_[1]); }
 
  private:
   static std::string Read(FILE *file) {
@@ -55,10 +53,8 @@ class StreamCapture {
     while ((n = fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, n);
     return text;
   }
-  int savedOut_ = -1;
-  int savedErr_ = -1;
-  FILE *outFile_ = nullptr;
-  FILE *errFile_ = nullptr;
+  int saved_[2] = {-1, -1};  // the real standard output and error while capturing
+  FILE *files_[2] = {};
 };
 
 }  // namespace testing_support

@@ -16,30 +16,17 @@ extern char **environ;
 namespace testing_support {
 namespace {
 
-std::vector<char *> CStrings(std::vector<std::string> &strings) {
-  std::vector<char *> pointers;
-  for (auto &s : strings) pointers.push_back(s.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
-[[noreturn]] void ExecChild(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv) {
+[[noreturn]] void ExecChild(std::vector<std::string> argv, const std::vector<std::string> &extraEnv) {
   for (const auto &entry : extraEnv) putenv(strdup(entry.c_str()));
-  std::vector<std::string> copy = argv;
-  auto pointers = CStrings(copy);
+  std::vector<char *> pointers;
+  for (auto &arg : argv) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
   execv(pointers[0], pointers.data());
   perror("execv");
   _exit(127);
 }
 
-void DecodeStatus(int status, int &exitCode, int &signal) {
-  if (WIFEXITED(status)) {
-    exitCode = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    exitCode = -1;
-    signal = WTERMSIG(status);
-  }
-}
+int ExitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 }  // namespace
 
@@ -49,14 +36,12 @@ std::string BuiltProgram(const std::string &relativePath) {
   return std::string(build) + "/" + relativePath;
 }
 
-ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv,
-                         std::chrono::seconds limit) {
+ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &extraEnv) {
   int outPipe[2], errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
   pid_t pid = fork();
   if (pid == 0) {
-    int devNull = open("/dev/null", O_RDONLY);
-    dup2(devNull, 0);
+    dup2(open("/dev/null", O_RDONLY), 0);
     dup2(outPipe[1], 1);
     dup2(errPipe[1], 2);
     ExecChild(argv, extraEnv);
@@ -65,15 +50,12 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector
   close(errPipe[1]);
 
   ProcessResult result;
-  auto deadline = std::chrono::steady_clock::now() + limit;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
   int open = 2;
-  bool killed = false;
   while (open > 0) {
-    if (!killed && std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      killed = true;
-    }
+    // Until it is reaped, its pid stays its own: killing it again is harmless.
+    if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
     if (poll(fds, 2, 100) <= 0) continue;
     for (int i = 0; i < 2; i++) {
       if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
@@ -90,7 +72,7 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, const std::vector
   }
   int status = 0;
   waitpid(pid, &status, 0);
-  DecodeStatus(status, result.exitCode, result.signal);
+  result.exitCode = ExitCode(status);
   return result;
 }
 
@@ -153,9 +135,7 @@ int PtyProcess::Wait(std::chrono::milliseconds limit) {
   int status = 0;
   waitpid(pid_, &status, 0);
   exited_ = true;
-  int code = -1, signal = 0;
-  DecodeStatus(status, code, signal);
-  return code;
+  return ExitCode(status);
 }
 
 void PtyProcess::Signal(int signal) { kill(pid_, signal); }

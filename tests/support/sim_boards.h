@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -21,11 +20,8 @@ inline std::string SimMiner() { return testing_support::BuiltProgram("bin/ombry-
 class ScratchDir {
  public:
   ScratchDir() {
-    static std::atomic<int> counter{0};
-    path_ = std::filesystem::temp_directory_path() /
-            ("ombry-run-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::remove_all(path_);
-    std::filesystem::create_directories(path_);
+    std::string pattern = (std::filesystem::temp_directory_path() / "ombry-run-XXXXXX").string();
+    if (mkdtemp(pattern.data())) path_ = pattern;
   }
   ~ScratchDir() { std::filesystem::remove_all(path_); }
   ScratchDir(const ScratchDir &) = delete;

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace testing_support {
 
@@ -17,14 +17,11 @@ TestPool::TestPool(std::vector<std::string> options) {
   if (!mkdtemp(dir)) return;
   dir_ = dir;
   const char *source = getenv("OMBRY_SOURCE_DIR");
-  if (!source) return;
-  std::string script = std::string(source) + "/tools/test_pool/pool.py";
-  std::vector<std::string> args = {
-      "python3",           script, "--port", "0", "--quiet", "--transcript", dir_ + "/transcript", "--stats",
-      dir_ + "/stats.json"};
-  args.insert(args.end(), options.begin(), options.end());
   int out[2];
-  if (pipe(out) != 0) return;
+  if (!source || pipe(out) != 0) return;
+  std::vector<std::string> args = {"python3", std::string(source) + "/tools/test_pool/pool.py", "--port", "0"};
+  args.insert(args.end(), {"--quiet", "--transcript", dir_ + "/transcript", "--stats", dir_ + "/stats.json"});
+  args.insert(args.end(), options.begin(), options.end());
   pid_ = fork();
   if (pid_ == 0) {
     dup2(out[1], 1);
@@ -38,10 +35,10 @@ TestPool::TestPool(std::vector<std::string> options) {
   }
   close(out[1]);
   stream_ = fdopen(out[0], "r");
-  char line[256];
-  while (fgets(line, sizeof line, stream_)) {
-    if (const char *at = strstr(line, "listening on 127.0.0.1:")) {
-      port_ = static_cast<uint16_t>(atoi(at + strlen("listening on 127.0.0.1:")));
+  const char *said = "listening on 127.0.0.1:";
+  for (char line[256]; fgets(line, sizeof line, stream_);) {
+    if (const char *at = strstr(line, said)) {
+      port_ = static_cast<uint16_t>(atoi(at + strlen(said)));
       break;
     }
   }
@@ -63,21 +60,17 @@ void TestPool::Stop() {
 std::vector<std::string> TestPool::ClientLines() const {
   std::ifstream file(dir_ + "/transcript");
   std::vector<std::string> lines;
-  std::string line;
-  while (std::getline(file, line)) {
-    std::istringstream fields(line);
-    std::string connection, direction;
-    fields >> connection >> direction;
-    if (direction == "<") lines.push_back(line.substr(line.find('<') + 2));
+  // "<connection> < <line>" for what the client sent.
+  for (std::string line; std::getline(file, line);) {
+    size_t gap = line.find(' ');
+    if (gap != std::string::npos && line.compare(gap, 3, " < ") == 0) lines.push_back(line.substr(gap + 3));
   }
   return lines;
 }
 
 std::string TestPool::Stats() const {
   std::ifstream file(dir_ + "/stats.json");
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace testing_support
