@@ -17,15 +17,12 @@ using testing_support::StreamCapture;
 
 namespace {
 
-constexpr BoardModel kNarrowModel = 1;  // "1525"
-constexpr BoardModel kWideModel = 3;    // "215 "
-
 class SetupRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
     VLLogEnableConsole();
-    context_.workers.push_back(MakeWorker("1525", kNarrowModel, "narrow"));
-    context_.workers.push_back(MakeWorker("215 ", kWideModel, "wide"));
+    context_.workers.push_back(MakeWorker("1525", 1, "narrow"));
+    context_.workers.push_back(MakeWorker("215 ", 3, "wide"));
     // Lets the started worker threads run to their end: with no board they
     // clear `enabled` and stop.
     miner_testing::GiveJob(context_);
@@ -43,17 +40,9 @@ class SetupRunTest : public ::testing::Test {
     return false;
   }
 
-  // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
-  // returns what it logged.
-  std::string Run(const std::vector<std::string> &extra, const std::string &port = "3333") {
-    args_ = {"miner", "ckb", "pool.example.org", port, "wallet", "pw"};
-    for (auto &value : extra) args_.push_back(value);
-    return RunArgs();
-  }
-
-  // Output is captured from the call on, worker threads included, until the
-  // test ends.
-  std::string RunArgs() {
+  // Runs SetupRun on `args_` and returns what it logged. Output is captured
+  // from the call on, worker threads included, until the test ends.
+  std::string Run() {
     if (!capture_) capture_ = std::make_unique<StreamCapture>();
     // Each stream is cut on its own: worker threads of an earlier call may
     // still be adding error lines.
@@ -69,8 +58,6 @@ class SetupRunTest : public ::testing::Test {
     argv_.push_back(nullptr);
     return argv_.data();
   }
-
-  uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
 
   RunStateGuard runState_;
   MiningContext context_;
@@ -96,10 +83,11 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.argument);
-    std::string log = Run({row.argument});
+    args_ = {"miner", "ckb", "pool.example.org", "3333", "wallet", "pw", row.argument};
+    std::string log = Run();
     EXPECT_NE(log.find(row.line), std::string::npos) << log;
-    EXPECT_EQ(Target(0), row.narrowHz);
-    EXPECT_EQ(Target(1), row.wideHz);
+    EXPECT_EQ(context_.workers[0]->targetClockHz, row.narrowHz);
+    EXPECT_EQ(context_.workers[1]->targetClockHz, row.wideHz);
     ASSERT_TRUE(WorkerThreadsEnded());
   }
 }
@@ -112,7 +100,7 @@ TEST_F(SetupRunTest, EachTlsPoolGetsItsHostsPinElseTheGeneralOne) {
   context_.options.backupPools = {"stratum+ssl://b.example:443", "stratum+ssl://b.example.net:443",
                                   "stratum+tcp://b.example:3333"};
   args_ = {"miner", "ckb", "stratum+ssl://a.example:443", "3333", "wallet", "pw"};
-  RunArgs();
+  Run();
   std::vector<std::string> pins;
   for (const PoolEndpoint &pool : context_.pools) pins.push_back(pool.pinnedSha256);
   EXPECT_EQ(pins, (std::vector<std::string>{general, forB, general, ""}));
