@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <thread>
+#include <tuple>
 
 #include "support/fake_workers.h"
 #include "foundation/logger.h"
@@ -67,12 +68,8 @@ class SetupRunTest : public ::testing::Test {
 };
 
 TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
-  struct Row {
-    const char *argument;
-    const char *line;
-    uint64_t narrowHz, wideHz;
-  };
-  const Row rows[] = {
+  // The clock argument, the line it logs, and the narrow and the wide board's clock.
+  const std::tuple<const char *, const char *, uint64_t, uint64_t> rows[] = {
       {"350", "I/Miner        : Forcing clock to 350 MHz\n", 350000000, 350000000},
       {"351", "I/Miner        : Forcing clock to 351 MHz\n", 351000000, 250000000},
       // Out of range is reported but still applied.
@@ -81,13 +78,13 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
       {"0", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
       {"fast", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
   };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.argument);
-    args_ = {"miner", "ckb", "pool.example.org", "3333", "wallet", "pw", row.argument};
+  for (const auto &[argument, line, narrowHz, wideHz] : rows) {
+    SCOPED_TRACE(argument);
+    args_ = {"miner", "ckb", "pool.example.org", "3333", "wallet", "pw", argument};
     std::string log = Run();
-    EXPECT_NE(log.find(row.line), std::string::npos) << log;
-    EXPECT_EQ(context_.workers[0]->targetClockHz, row.narrowHz);
-    EXPECT_EQ(context_.workers[1]->targetClockHz, row.wideHz);
+    EXPECT_NE(log.find(line), std::string::npos) << log;
+    EXPECT_EQ(context_.workers[0]->targetClockHz, narrowHz);
+    EXPECT_EQ(context_.workers[1]->targetClockHz, wideHz);
     ASSERT_TRUE(WorkerThreadsEnded());
   }
 }
