@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <vector>
 
 #include "support/fake_workers.h"
 #include "foundation/colour.h"
@@ -37,9 +36,9 @@ class StatusTableTest : public ::testing::Test {
     return *context_.workers.back();
   }
 
-  std::string Table(uint64_t now = kNow) {
+  std::string Table() {
     StreamCapture capture;
-    PrintStatusTable(session_, now);
+    PrintStatusTable(session_, kNow);
     capture.Stop();
     EXPECT_EQ(capture.Err(), "");
     return capture.Out();
@@ -101,6 +100,7 @@ TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTota
   disabled.enabled = false;
   disabled.currentClockHz = 100000000;
   const char *expectedLines[] = {
+      "\x1b[1;33mI/Miner        : Worker 1: Offline (Disabled)\n\x1b[0m",
       "\x1b[1;33mI/Miner        : Worker 2: Started waiting for work 6 seconds ago\n\x1b[0m",
       "\x1b[1;33mI/Miner        : Worker 3: Started initializing 7 seconds ago\n\x1b[0m",
       "\x1b[1;33mI/Miner        : Worker 4: Started waiting for DMA 8 seconds ago\n\x1b[0m",
@@ -119,7 +119,6 @@ TEST_F(StatusTableTest, DisabledAndStaleWorkersGetOneLineEachAndNoShareOfTheTota
   fresh.currentClockHz = 25000000;  // 12 cores at 25 MHz
 
   std::string text = Table();
-  EXPECT_NE(text.find("\x1b[1;33mI/Miner        : Worker 1: Offline (Disabled)\n\x1b[0m"), std::string::npos);
   for (const char *line : expectedLines) EXPECT_NE(text.find(line), std::string::npos) << line;
   EXPECT_NE(text.find("I/Miner        :  8 |  1525 |"), std::string::npos);
   EXPECT_NE(text.find("Total Hashrate: 300.00 MH/s (effective 0.00 MH/s)\n"), std::string::npos) << text;

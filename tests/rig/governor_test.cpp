@@ -123,24 +123,23 @@ TEST(ClockWalkTest, StepsUpToTheTargetAndOvershootsOnTheWayDown) {
 }
 
 TEST(DesiredClockTest, FloorAppliesToTheWishNotToThrottling) {
-  auto owned = NewWorker(10);
-  Worker &worker = *owned;
-  worker.targetClockHz = 50000000;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 0, 1), 100000000u);
-  EXPECT_EQ(worker.targetClockHz, 50000000u);  // the stored wish is kept
+  auto worker = NewWorker(10);
+  worker->targetClockHz = 50000000;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 0, 1), 100000000u);
+  EXPECT_EQ(worker->targetClockHz, 50000000u);  // the stored wish is kept
 
-  worker.targetClockHz = 100000000;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 1, 1), 99000000u);
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 100, 1), 0u);
+  worker->targetClockHz = 100000000;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 1, 1), 99000000u);
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 100, 1), 0u);
 
-  worker.tuning = TuningActive;
-  EXPECT_EQ(DesiredClockHz(worker, 50000, 0, 1000), 100000000u);
-  EXPECT_EQ(worker.targetClockHz, 100050000u);
-  EXPECT_EQ(DesiredClockHz(worker, 50000, 0, 1001), 100050000u);
-  EXPECT_EQ(worker.targetClockHz, 100050000u);
+  worker->tuning = TuningActive;
+  EXPECT_EQ(DesiredClockHz(*worker, 50000, 0, 1000), 100000000u);
+  EXPECT_EQ(worker->targetClockHz, 100050000u);
+  EXPECT_EQ(DesiredClockHz(*worker, 50000, 0, 1001), 100050000u);
+  EXPECT_EQ(worker->targetClockHz, 100050000u);
 
-  worker.enabled = false;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 0, 1000), 0u);
+  worker->enabled = false;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 0, 1000), 0u);
 }
 
 }  // namespace

@@ -114,8 +114,7 @@ class WorkerBoardTest : public ::testing::Test {
 TEST_F(WorkerBoardTest, AJobLoadWritesWhatTheBoardExpectsInTheBoardsOrder) {
   context.SetCurrentJob(job);
   WorkerLoop loop;
-  loop.slots.resize(1);
-  loop.slots[0].base = JobSlotBase(0);
+  loop.slots = {JobSlot{.base = JobSlotBase(0)}};
   card->SetTracing(true);
   LoadJob(loop, context, *context.workers[0]);
   std::vector<sim::Access> trace = card->TakeTrace();
@@ -187,8 +186,7 @@ TEST_F(WorkerBoardTest, FourAllOnesReportsInARowCrashTheBoardAndAGoodNonceStarts
   worker.targetClockHz = 200000000;
   context.SetCurrentJob(job);
   WorkerLoop loop;
-  loop.slots.resize(1);
-  loop.slots[0].base = JobSlotBase(0);
+  loop.slots = {JobSlot{.base = JobSlotBase(0)}};
   loop.cores = CoreCount(worker.model);
   loop.passStep = 50000;
   LoadJob(loop, context, worker);
