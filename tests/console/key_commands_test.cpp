@@ -29,15 +29,6 @@ class KeyCommandsTest : public ::testing::Test {
 
   uint64_t ClockMHz(size_t index) { return context_.workers[index]->targetClockHz / 1000000; }
 
-  template <typename Predicate>
-  static bool WaitUntil(Predicate predicate) {
-    for (int i = 0; i < 500; i++) {  // a bound against a hang, not a timing
-      if (predicate()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return predicate();
-  }
-
   RunStateGuard runState_;
   MiningContext context_;
   ConsoleSession session_{context_};
@@ -84,7 +75,11 @@ TEST_F(KeyCommandsTest, EnableStartsAWorkerThreadOnEachTargetedRecord) {
   HandleKey(session_, 'e');
   Worker &worker = *context_.workers[1];
   EXPECT_NE(worker.threadHandle, std::thread::id());
-  EXPECT_TRUE(WaitUntil([&] { return context_.workerThreads.load(std::memory_order_acquire) == 0; }));
+  // A bound against a hang, not a timing.
+  for (int i = 0; i < 500 && context_.workerThreads.load(std::memory_order_acquire) != 0; i++) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(context_.workerThreads.load(std::memory_order_acquire), 0u);
   EXPECT_FALSE(worker.enabled);
   capture.Stop();
   std::string out = capture.Out() + capture.Err();

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "monitor/api.h"
 #include "monitor/effective_rate.h"
@@ -226,32 +226,28 @@ TEST(HttpPagesTest, EachPathGetsItsBodyAndEverythingElseIsNotFound) {
   HttpContent content;
   content.metrics = [&] { return metricsMade++, std::string("ombry_up 1\n"); };
   content.status = [&] { return statusMade++, std::string("{\"Miner\":\"m\"}"); };
-  struct Case {
-    const char *request;
-    const char *status;
-    const char *type;  // the Content-Type, or null for 404
-    int metrics, page;
+  // Request, status, Content-Type (none for 404), metrics made, page served.
+  const std::tuple<const char *, const char *, const char *, int, bool> cases[] = {
+      {"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n", "200 OK", "text/plain; version=0.0.4", 1, false},
+      {"GET /status.json?t=1 HTTP/1.0\n\n", "200 OK", "application/json", 0, false},
+      {"GET / HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, true},
+      {"GET /index.html HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, true},
+      {"POST / HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, false},
+      {"GET /metrics HTTP/2\r\n\r\n", "404 Not Found", nullptr, 0, false},
+      {"GET /metricsx HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, false},
+      {"GET HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, false},
   };
-  const Case cases[] = {
-      {"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n", "200 OK", "text/plain; version=0.0.4", 1, 0},
-      {"GET /status.json?t=1 HTTP/1.0\n\n", "200 OK", "application/json", 0, 0},
-      {"GET / HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, 1},
-      {"GET /index.html HTTP/1.1\r\n\r\n", "200 OK", "text/html", 0, 1},
-      {"POST / HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
-      {"GET /metrics HTTP/2\r\n\r\n", "404 Not Found", nullptr, 0, 0},
-      {"GET /metricsx HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
-      {"GET HTTP/1.1\r\n\r\n", "404 Not Found", nullptr, 0, 0},
-  };
-  for (const Case &c : cases) {
+  for (const auto &[request, status, type, metrics, page] : cases) {
+    SCOPED_TRACE(request);
     int metricsBefore = metricsMade;
-    std::string answer = HttpAnswer(c.request, content);
-    EXPECT_EQ(answer.rfind(std::string("HTTP/1.1 ") + c.status + "\r\n", 0), 0u) << c.request;
+    std::string answer = HttpAnswer(request, content);
+    EXPECT_EQ(answer.rfind(std::string("HTTP/1.1 ") + status + "\r\n", 0), 0u);
     std::string head = answer.substr(0, answer.find("\r\n\r\n"));
     std::string body = answer.substr(head.size() + 4);
-    EXPECT_NE(head.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos) << c.request;
-    if (c.type) { EXPECT_NE(head.find(std::string("Content-Type: ") + c.type), std::string::npos) << c.request; }
-    EXPECT_EQ(metricsMade - metricsBefore, c.metrics) << c.request;
-    EXPECT_EQ(body == StatusPage(), c.page == 1) << c.request;
+    EXPECT_NE(head.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos);
+    if (type) { EXPECT_NE(head.find(std::string("Content-Type: ") + type), std::string::npos); }
+    EXPECT_EQ(metricsMade - metricsBefore, metrics);
+    EXPECT_EQ(body == StatusPage(), page);
   }
   EXPECT_EQ(statusMade, 1);
   EXPECT_NE(HttpAnswer("GET / HTTP/1.1\r\n\r\n", content).find("Content-Security-Policy: default-src 'none';"),

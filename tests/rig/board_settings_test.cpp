@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "support/fake_workers.h"
 #include "foundation/json_bounded.h"
@@ -18,47 +19,26 @@ using testing_support::StreamCapture;
 
 namespace {
 
-// Runs each test in a fresh working directory of its own.
-class SaveConfigurationTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    VLLogEnableConsole();
-    std::filesystem::current_path(dir_.Path());
+TEST(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
+  VLLogEnableConsole();
+  MiningContext context;
+  for (auto [model, dna, clockHz, enabled] : {std::tuple{"RK35", "0123456789abcdef00c0ffee", 500000000u, true},
+                                              {"215 ", "aaaa0001bbbb0002", 102500000u, false}}) {
+    context.workers.push_back(MakeWorker(model, 1, dna));
+    context.workers.back()->targetClockHz = clockHz;
+    context.workers.back()->enabled = enabled;
   }
-  void TearDown() override { std::filesystem::current_path(previous_); }
-
-  Worker &Add(const std::string &modelName, const std::string &dna, uint64_t clockHz, bool enabled) {
-    context_.workers.push_back(MakeWorker(modelName, 1, dna));
-    Worker &worker = *context_.workers.back();
-    worker.targetClockHz = clockHz;
-    worker.enabled = enabled;
-    return worker;
-  }
-
-  std::string Save() {
-    StreamCapture capture;
-    SaveConfiguration(context_);
-    capture.Stop();
-    return capture.Out() + capture.Err();
-  }
-
-  static std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
-  MiningContext context_;
-  std::filesystem::path previous_ = std::filesystem::current_path();
-  miner_testing::ScratchDir dir_;
-};
-
-TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
-  Add("RK35", "0123456789abcdef00c0ffee", 500000000, true);
-  Add("215 ", "aaaa0001bbbb0002", 102500000, false);
-  std::string log = Save();
-  EXPECT_EQ(ReadFile("config.json"),
+  // Saved in a fresh working directory of its own.
+  miner_testing::ScratchDir dir;
+  const std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir.Path());
+  StreamCapture capture;
+  SaveConfiguration(context);
+  capture.Stop();
+  std::stringstream saved;
+  saved << std::ifstream("config.json").rdbuf();
+  std::filesystem::current_path(previous);
+  EXPECT_EQ(saved.str(),
             "{\n"
             "  \"devices\":  [\n"
             "    {\n"
@@ -75,7 +55,7 @@ TEST_F(SaveConfigurationTest, WritesEveryWorkerInTheFixedLayout) {
             "    }\n"
             "  ]\n"
             "}\n");
-  EXPECT_EQ(log,
+  EXPECT_EQ(capture.Out() + capture.Err(),
             "I/Miner        : Saving configuration\n"
             "E/Miner        : Saved active configuration to config.json\n");
 }

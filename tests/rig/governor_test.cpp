@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -40,24 +41,20 @@ TEST(GovernorTablesTest, ClocksMultipliersCoresAndStepsFollowTheModelAndTuning) 
 // board's; the wide family's VCCINT limits are 0.75 V and 0.8 V, the narrow
 // family's 0.5 V and none.
 TEST(ThermalRuleTest, EachThresholdCooksHoldsOrRecoversAtItsEdge) {
-  struct Row {
-    double core, vrm, vccint;
-    bool wide;
-    uint64_t throttleAfter;  // from 3 MHz
-  };
-  const Row rows[] = {
+  // Core and regulator temperature, VCCINT, wide family, throttle after (from 3 MHz).
+  const std::tuple<double, double, double, bool, uint64_t> rows[] = {
       {85.01, 90.0, 0.85, true, 4},  {85.0, 90.0, 0.85, true, 3},   {80.01, 90.0, 0.85, true, 3},
       {80.0, 90.0, 0.85, true, 2},   {70.0, 105.01, 0.85, true, 4}, {70.0, 105.0, 0.85, true, 3},
       {70.0, 98.0, 0.85, true, 3},   {70.0, 97.99, 0.85, true, 2},  {70.0, 90.0, 0.749, true, 4},
       {70.0, 90.0, 0.75, true, 3},   {70.0, 90.0, 0.799, true, 3},  {70.0, 90.0, 0.8, true, 2},
       {70.0, 90.0, 0.499, false, 4}, {70.0, 90.0, 0.5, false, 2},
   };
-  for (const Row &row : rows) {
-    SensorReadings readings{row.core, row.vrm, row.vccint};
-    ThermalLimits limits = row.wide ? ThermalLimits{0.75, 0.8} : ThermalLimits{0.5, 0.0};
-    EXPECT_EQ(NextThrottleMHz(readings, limits, 3, 100000000), row.throttleAfter)
-        << row.core << " C, " << row.vrm << " C, " << row.vccint << " V";
-    EXPECT_EQ(IsCooking(readings, limits), row.throttleAfter == 4);
+  for (const auto &[core, vrm, vccint, wide, throttleAfter] : rows) {
+    SCOPED_TRACE(testing::Message() << core << " C, " << vrm << " C, " << vccint << " V");
+    SensorReadings readings{core, vrm, vccint};
+    ThermalLimits limits = wide ? ThermalLimits{0.75, 0.8} : ThermalLimits{0.5, 0.0};
+    EXPECT_EQ(NextThrottleMHz(readings, limits, 3, 100000000), throttleAfter);
+    EXPECT_EQ(IsCooking(readings, limits), throttleAfter == 4);
   }
   // Nothing to recover from at 0; the throttle stops growing once it covers
   // the whole target.
@@ -69,38 +66,33 @@ TEST(ThermalRuleTest, EachThresholdCooksHoldsOrRecoversAtItsEdge) {
 
 // The range each sensor can give, at both ends; outside it is no reading.
 TEST(SensorValidityTest, AReadingTheHardwareCannotGiveIsNone) {
-  struct Row {
-    double (*valid)(double);
-    double lowest, highest, beyond;
-  };
-  const Row rows[] = {{ValidCoreTemperature, -40.0, 125.0, 0.01},
-                      {ValidVrmTemperature, -40.0, 150.0, 0.01},
-                      {ValidVccint, 0.5, 1.5, 0.001}};
-  for (const Row &row : rows) {
-    EXPECT_EQ(row.valid(row.lowest), row.lowest);
-    EXPECT_EQ(row.valid(row.highest), row.highest);
-    EXPECT_TRUE(std::isnan(row.valid(row.lowest - row.beyond))) << row.lowest;
-    EXPECT_TRUE(std::isnan(row.valid(row.highest + row.beyond))) << row.highest;
+  // Each check, the lowest and highest reading it takes, and a step beyond.
+  const std::tuple<double (*)(double), double, double, double> rows[] = {{ValidCoreTemperature, -40.0, 125.0, 0.01},
+                                                                         {ValidVrmTemperature, -40.0, 150.0, 0.01},
+                                                                         {ValidVccint, 0.5, 1.5, 0.001}};
+  for (const auto &[valid, lowest, highest, beyond] : rows) {
+    SCOPED_TRACE(highest);
+    EXPECT_EQ(valid(lowest), lowest);
+    EXPECT_EQ(valid(highest), highest);
+    EXPECT_TRUE(std::isnan(valid(lowest - beyond)));
+    EXPECT_TRUE(std::isnan(valid(highest + beyond)));
   }
 }
 
 // A sensor pass shows what the board's converters read, to within half a
 // code, and throttles on it, on both families: just over 85 C cooks.
 TEST(SensorPassTest, ShowsWhatTheConvertersReadAndThrottlesOnIt) {
-  struct Row {
-    const char *board;
-    BoardModel model;
-    double core, coreCode, vrm, vccint;
-  };
-  const Row rows[] = {
+  // The board, its model, the core temperature and its converter's code, the
+  // regulator temperature (none on the narrow family) and VCCINT.
+  const std::tuple<const char *, BoardModel, double, double, double, double> rows[] = {
       {"xdma0 model=2 hot=85.1 vrm_hot=104.5 vccint=0.95 sagrate=0", 2, 85.1, 503.975 / 4096, 104.5, 0.95},
       {"xdma0 model=7 hot=85.01 vccint=0.87 sagrate=0", 7, 85.01, 507.592131 / 65536, NAN, 0.87},
   };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.board);
+  for (const auto &[board, model, core, coreCode, vrm, vccint] : rows) {
+    SCOPED_TRACE(board);
     sim::InProcessBoards boards("/ombry-sensor-test");
     std::string error;
-    ASSERT_TRUE(boards.AddList(row.board, &error)) << error;
+    ASSERT_TRUE(boards.AddList(board, &error)) << error;
     boards.Install();
     BRYLDMADevice *device = BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0);
     ASSERT_NE(device, nullptr);
@@ -108,13 +100,13 @@ TEST(SensorPassTest, ShowsWhatTheConvertersReadAndThrottlesOnIt) {
     BRYLDMADeviceWrite(device, device->userFile, kRegXadcSequencer, kXadcSequencerAux6);
     BRYLDMADeviceWrite(device, device->userFile, kRegXadcConfig0, kXadcConfig0Averaging);
     I2CController i2c(device, kRegI2CBase);
-    auto worker = NewWorker(row.model);
+    auto worker = NewWorker(model);
     worker->targetClockHz = 100000000;
     uint64_t throttleMHz = 0;
     SensorPass(device, i2c, *worker, "Test", RefClockHz(*worker), throttleMHz);
-    EXPECT_NEAR(worker->coreTemperature, row.core, row.coreCode / 2);
-    EXPECT_NEAR(worker->vccint, row.vccint, 3.0 / 4096 / 2);
-    if (!std::isnan(row.vrm)) { EXPECT_NEAR(worker->vrmTemperature, row.vrm, 1.90575 * 400 / 4096 / 2); }
+    EXPECT_NEAR(worker->coreTemperature, core, coreCode / 2);
+    EXPECT_NEAR(worker->vccint, vccint, 3.0 / 4096 / 2);
+    if (!std::isnan(vrm)) { EXPECT_NEAR(worker->vrmTemperature, vrm, 1.90575 * 400 / 4096 / 2); }
     EXPECT_EQ(throttleMHz, 1u);
     BRYLDMADeviceClose(device);
   }
@@ -131,24 +123,23 @@ TEST(ClockWalkTest, StepsUpToTheTargetAndOvershootsOnTheWayDown) {
 }
 
 TEST(DesiredClockTest, FloorAppliesToTheWishNotToThrottling) {
-  auto owned = NewWorker(10);
-  Worker &worker = *owned;
-  worker.targetClockHz = 50000000;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 0, 1), 100000000u);
-  EXPECT_EQ(worker.targetClockHz, 50000000u);  // the stored wish is kept
+  auto worker = NewWorker(10);
+  worker->targetClockHz = 50000000;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 0, 1), 100000000u);
+  EXPECT_EQ(worker->targetClockHz, 50000000u);  // the stored wish is kept
 
-  worker.targetClockHz = 100000000;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 1, 1), 99000000u);
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 100, 1), 0u);
+  worker->targetClockHz = 100000000;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 1, 1), 99000000u);
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 100, 1), 0u);
 
-  worker.tuning = TuningActive;
-  EXPECT_EQ(DesiredClockHz(worker, 50000, 0, 1000), 100000000u);
-  EXPECT_EQ(worker.targetClockHz, 100050000u);
-  EXPECT_EQ(DesiredClockHz(worker, 50000, 0, 1001), 100050000u);
-  EXPECT_EQ(worker.targetClockHz, 100050000u);
+  worker->tuning = TuningActive;
+  EXPECT_EQ(DesiredClockHz(*worker, 50000, 0, 1000), 100000000u);
+  EXPECT_EQ(worker->targetClockHz, 100050000u);
+  EXPECT_EQ(DesiredClockHz(*worker, 50000, 0, 1001), 100050000u);
+  EXPECT_EQ(worker->targetClockHz, 100050000u);
 
-  worker.enabled = false;
-  EXPECT_EQ(DesiredClockHz(worker, 25000000, 0, 1000), 0u);
+  worker->enabled = false;
+  EXPECT_EQ(DesiredClockHz(*worker, 25000000, 0, 1000), 0u);
 }
 
 }  // namespace

@@ -35,6 +35,13 @@ xdma6 model=5 dna=60000000,60000001,60000002 bitstream=0x80630001
 xdma7 model=6 dna=70000000,70000001,70000002 bitstream=0x000A0002
 )";
 
+// A device line of the scan, followed by the offer that finds no image for it.
+std::string Offered(int device, const std::string &board, const std::string &bitstream, bool compatible = true) {
+  std::string line = "E/Miner        :   Device " + std::to_string(device) + ": " + board + " running " + bitstream;
+  if (!compatible) line += " \x1b[1;31mis not compatible\x1b[0m";
+  return line + "\nE/Miner        : No flash data found for device " + std::to_string(device) + "\n";
+}
+
 TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   SimBoardList boards(kMixedBoards);
   // A recovery run scans and offers every board for flashing, then ends.
@@ -42,42 +49,24 @@ TEST(ScanRunTest, DeviceLinesNameEachBoardAndItsBitstreamInOrder) {
   env.push_back("CLICOLOR_FORCE=1");
   auto result = RunProcess({SimMiner(), "recovery"}, env);
   EXPECT_EQ(result.exitCode, 0);
-  const std::string notCompatible = " \x1b[1;31mis not compatible\x1b[0m";
-  // clang-format off
-  EXPECT_EQ(result.err,
-            "E/Miner        :   Device 1: RK35 (0123456789abcdef00c0ffee:00001234) running CKB (12) bitstream "
-            "Version 0.004\n"
-            "E/Miner        : No flash data found for device 1\n"
-            "E/Miner        :   Device 2: 215  (aaaa0001bbbb0002:00000018) running CKB (12) bitstream Version 0.004\n"
-            "E/Miner        : No flash data found for device 2\n"
-            "E/Miner        :   Device 3: 1525 (010101010202020203030303:00000000) running CKB (12) bitstream "
-            "Version 0.005" + notCompatible + "\n"
-            "E/Miner        : No flash data found for device 3\n"
-            // Sub-devices 3, 2 and 1 come before their card's primary FPGA.
-            "E/Miner        :   Device 4: JC35 (100000032000000330000003:00000000) running CKB (12) bitstream "
-            "Version 0.004\n"
-            "E/Miner        : No flash data found for device 4\n"
-            "E/Miner        :   Device 4: JC35 (100000022000000230000002:00000000) running Factory test (0) "
-            "bitstream Version 1.001" + notCompatible + "\n"
-            "E/Miner        : No flash data found for device 4\n"
-            "E/Miner        :   Device 4: JC35 (100000012000000130000001:00000000) running CKB (12) bitstream "
-            "Version 0.004\n"
-            "E/Miner        : No flash data found for device 4\n"
-            "E/Miner        :   Device 4: JC35 (100000002000000030000000:00000000) running CKB (12) bitstream "
-            "Version 0.004\n"
-            "E/Miner        : No flash data found for device 4\n"
-            "E/Miner        :   Device 5: Not a supported model (ZZZZ)\n"
-            // Known identity, but the exact-model bits name no model.
-            "E/Miner        :   Device 6: Not a supported model (215 )\n"
-            // An id outside the table with the flag byte's top bit set.
-            "E/Miner        :   Device 7: OMPR (600000006000000160000002:00000000) running Factory test (99) "
-            "bitstream Version 0.001" + notCompatible + "\n"
-            "E/Miner        : No flash data found for device 7\n"
-            "E/Miner        :   Device 8: RK33 (700000007000000170000002:00000000) running X16r (10) bitstream "
-            "Version 0.002" + notCompatible + "\n"
-            "E/Miner        : No flash data found for device 8\n"
-            "E/Miner        : Exiting\n");
-  // clang-format on
+  const std::string ckb = "CKB (12) bitstream Version 0.004";
+  EXPECT_EQ(
+      result.err,
+      Offered(1, "RK35 (0123456789abcdef00c0ffee:00001234)", ckb) +
+          Offered(2, "215  (aaaa0001bbbb0002:00000018)", ckb) +
+          Offered(3, "1525 (010101010202020203030303:00000000)", "CKB (12) bitstream Version 0.005", false) +
+          // Sub-devices 3, 2 and 1 come before their card's primary FPGA.
+          Offered(4, "JC35 (100000032000000330000003:00000000)", ckb) +
+          Offered(4, "JC35 (100000022000000230000002:00000000)", "Factory test (0) bitstream Version 1.001", false) +
+          Offered(4, "JC35 (100000012000000130000001:00000000)", ckb) +
+          Offered(4, "JC35 (100000002000000030000000:00000000)", ckb) +
+          "E/Miner        :   Device 5: Not a supported model (ZZZZ)\n"
+          // Known identity, but the exact-model bits name no model.
+          "E/Miner        :   Device 6: Not a supported model (215 )\n" +
+          // An id outside the table with the flag byte's top bit set.
+          Offered(7, "OMPR (600000006000000160000002:00000000)", "Factory test (99) bitstream Version 0.001", false) +
+          Offered(8, "RK33 (700000007000000170000002:00000000)", "X16r (10) bitstream Version 0.002", false) +
+          "E/Miner        : Exiting\n");
   // Each device line is bracketed by its colour on standard output (asked
   // for into the pipe by CLICOLOR_FORCE).
   std::string colours = std::string(kGreen) + kGreen + kYellow + kGreen + kYellow + kGreen + kGreen + kRed + kRed +

@@ -3,7 +3,6 @@
 // sequence.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -13,7 +12,6 @@
 
 #include "board/dma_device.h"
 #include "board/registers.h"
-#include "foundation/logger.h"
 #include "hash/eaglesong.h"
 #include "rig/dispatch.h"
 #include "rig/governor.h"
@@ -39,32 +37,19 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
   return true;
 }
 
-// The midstate the board must hold for `job`.
-std::array<uint32_t, 16> Midstate(const StratumJob &job) {
-  uint32_t header[8];
-  std::array<uint32_t, 16> midstate;
-  memcpy(header, job.headerHash.data(), sizeof header);
-  EaglesongMidstate(header, midstate.data());
-  return midstate;
-}
-
 class WorkerBoardTest : public ::testing::Test {
  protected:
-  // The board, a model 7 unless a suite says otherwise.
-  virtual const char *BoardList() const { return "xdma0 model=7\n"; }
-  virtual BoardModel Model() const { return 7; }
-
   void SetUp() override {
     boards.Install();
     std::string error;
-    ASSERT_TRUE(boards.AddList(BoardList(), &error)) << error;
+    ASSERT_TRUE(boards.AddList(boardList, &error)) << error;
     card = boards.Find("xdma0");
     ASSERT_NE(card, nullptr);
 
     auto worker = std::make_unique<Worker>();
     worker->device.reset(BRYLDMADeviceOpen(boards.DevicePath("xdma0"), 0));
     ASSERT_NE(worker->device, nullptr);
-    worker->model = Model();
+    worker->model = model;
     worker->layoutVersion = 1;
     worker->enabled = true;
     worker->targetClockHz = 100000000;
@@ -112,6 +97,9 @@ class WorkerBoardTest : public ::testing::Test {
     return card->WithFpga(0, [&](sim::Fpga *fpga) { return fpga->HashCore()->Held(); });
   }
 
+  // The board, a model 7 unless a suite says otherwise.
+  const char *boardList = "xdma0 model=7\n";
+  BoardModel model = 7;
   sim::InProcessBoards boards{"/ombry-worker-test"};
   sim::Card *card = nullptr;
   std::thread thread;
@@ -126,8 +114,7 @@ class WorkerBoardTest : public ::testing::Test {
 TEST_F(WorkerBoardTest, AJobLoadWritesWhatTheBoardExpectsInTheBoardsOrder) {
   context.SetCurrentJob(job);
   WorkerLoop loop;
-  loop.slots.resize(1);
-  loop.slots[0].base = JobSlotBase(0);
+  loop.slots = {JobSlot{.base = JobSlotBase(0)}};
   card->SetTracing(true);
   LoadJob(loop, context, *context.workers[0]);
   std::vector<sim::Access> trace = card->TakeTrace();
@@ -143,7 +130,9 @@ TEST_F(WorkerBoardTest, AJobLoadWritesWhatTheBoardExpectsInTheBoardsOrder) {
   EXPECT_EQ(written, expected);
   EXPECT_FALSE(Held());
 
-  std::array<uint32_t, 16> midstate = Midstate(*job);
+  uint32_t header[8], midstate[16];
+  memcpy(header, job->headerHash.data(), sizeof header);
+  EaglesongMidstate(header, midstate);
   for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(Latched(kSlotMidstate + 4 * i), midstate[i]) << i;
   // With no board target of its own yet, the job's: its top limb at difficulty 1.
   EXPECT_EQ(Latched(kSlotTargetHigh), 0u);
@@ -197,8 +186,7 @@ TEST_F(WorkerBoardTest, FourAllOnesReportsInARowCrashTheBoardAndAGoodNonceStarts
   worker.targetClockHz = 200000000;
   context.SetCurrentJob(job);
   WorkerLoop loop;
-  loop.slots.resize(1);
-  loop.slots[0].base = JobSlotBase(0);
+  loop.slots = {JobSlot{.base = JobSlotBase(0)}};
   loop.cores = CoreCount(worker.model);
   loop.passStep = 50000;
   LoadJob(loop, context, worker);
@@ -238,8 +226,10 @@ TEST_F(WorkerBoardTest, FourAllOnesReportsInARowCrashTheBoardAndAGoodNonceStarts
 // 0x1F reads and throttles when it runs hot.
 class WorkerRegulatorTest : public WorkerBoardTest {
  protected:
-  const char *BoardList() const override { return "xdma0 model=6 i2c_temp_1f=110\n"; }
-  BoardModel Model() const override { return 6; }
+  WorkerRegulatorTest() {
+    boardList = "xdma0 model=6 i2c_temp_1f=110\n";
+    model = 6;
+  }
 };
 
 TEST_F(WorkerRegulatorTest, Model6ShowsTheI2CRegulatorTemperatureAndThrottlesWhenHot) {

@@ -2,13 +2,12 @@
 // values are taken, and what is refused.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "shell/command_line.h"
+#include "support/sim_boards.h"
 
 namespace {
 
@@ -44,11 +43,7 @@ TEST(CommandLineTest, OptionsStandAnywhereAndLeaveThePositionalWordsInOrder) {
 }
 
 TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
-  struct Case {
-    std::vector<std::string> words;
-    const char *errorPart;
-  };
-  const Case cases[] = {
+  const std::pair<std::vector<std::string>, const char *> cases[] = {
       {{"ckb", "--bogus", "1"}, "unknown option --bogus"},
       {{"ckb", "--pool-silence"}, "--pool-silence needs a value"},
       {{"--pool-silence", "-5"}, "--pool-silence '-5'"},
@@ -58,31 +53,26 @@ TEST(CommandLineTest, RefusesWhatItCannotTakeAndNamesTheWord) {
       {{"--api-allow", "pool.example.org"}, "--api-allow 'pool.example.org'"},
       {{"--api-allow", "127.0.0.256"}, "--api-allow '127.0.0.256'"},
   };
-  for (const Case &c : cases) {
-    Parsed parsed = Parse(c.words);
-    EXPECT_FALSE(parsed.ok) << c.words[0];
-    EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
+  for (const auto &[words, errorPart] : cases) {
+    Parsed parsed = Parse(words);
+    EXPECT_FALSE(parsed.ok) << words[0];
+    EXPECT_NE(parsed.error.find(errorPart), std::string::npos) << parsed.error;
   }
 }
 
-}  // namespace
-
-namespace {
-
-std::string WriteSettings(const std::string &text) {
+// A settings file of its own in `dir`, holding `text`.
+std::string WriteSettings(const miner_testing::ScratchDir &dir, const std::string &text) {
   static int count = 0;
-  std::string path =
-      testing::TempDir() + "ombry-settings-" + std::to_string(getpid()) + "-" + std::to_string(count++) + ".json";
-  FILE *file = fopen(path.c_str(), "w");
-  fputs(text.c_str(), file);
-  fclose(file);
+  std::string path = dir.Path() / ("settings-" + std::to_string(count++) + ".json");
+  std::ofstream(path) << text;
   return path;
 }
 
 TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
+  miner_testing::ScratchDir dir;
   std::string path =
-      WriteSettings(R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
-                    R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20","verbose":true})");
+      WriteSettings(dir, R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x",)"
+                         R"("device":"/dev/xdma0","pool-silence":120,"share-timeout":"20","verbose":true})");
   Parsed fromFile = Parse({"--config", path});
   ASSERT_TRUE(fromFile.ok) << fromFile.error;
   // A device without a clock: the clock's place holds "no forced clock".
@@ -98,21 +88,16 @@ TEST(SettingsFileTest, FillsInWhatTheCommandLineLeavesOut) {
   EXPECT_EQ(overridden.line.positional[3], "3333");
   EXPECT_EQ(overridden.line.options.poolSilenceSeconds, 60);
   EXPECT_EQ(overridden.line.options.shareTimeoutSeconds, 20);
-  std::remove(path.c_str());
 
-  std::string quiet = WriteSettings(R"({"verbose":false})");
+  std::string quiet = WriteSettings(dir, R"({"verbose":false})");
   Parsed notVerbose = Parse({"ckb", "pool", "3333", "w", "x", "--config", quiet});
   ASSERT_TRUE(notVerbose.ok) << notVerbose.error;
   EXPECT_FALSE(notVerbose.line.options.verbose);
-  std::remove(quiet.c_str());
 }
 
 TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
-  struct Case {
-    const char *text;
-    const char *errorPart;
-  };
-  const Case cases[] = {
+  miner_testing::ScratchDir dir;
+  const std::pair<const char *, const char *> cases[] = {
       {R"({"pool-silence":90,})", "is not valid JSON"},
       {R"(["ckb"])", "one JSON object"},
       {R"({"pool-silnce":90})", "key 'pool-silnce': not a setting"},
@@ -126,20 +111,16 @@ TEST(SettingsFileTest, RefusesBadFilesBeforeAnythingStartsAndNamesTheKey) {
       {R"({"algorithm":"sha256"})", "key 'algorithm' 'sha256': must be ckb"},
       {R"({"clock":"fast"})", "key 'clock' 'fast': must be a whole number"},
   };
-  for (const Case &c : cases) {
-    std::string path = WriteSettings(c.text);
-    Parsed parsed = Parse({"--config", path});
-    std::remove(path.c_str());
-    EXPECT_FALSE(parsed.ok) << c.text;
-    EXPECT_NE(parsed.error.find(c.errorPart), std::string::npos) << parsed.error;
+  for (const auto &[text, errorPart] : cases) {
+    Parsed parsed = Parse({"--config", WriteSettings(dir, text)});
+    EXPECT_FALSE(parsed.ok) << text;
+    EXPECT_NE(parsed.error.find(errorPart), std::string::npos) << parsed.error;
   }
   // A file of 1 MiB is read; one byte more is refused unread.
   std::string padded = R"({"algorithm":"ckb","host":"pool.example","port":3333,"wallet":"w.rig","password":"x"})";
   padded.resize(size_t{1} << 20, ' ');
   for (bool over : {false, true}) {
-    std::string path = WriteSettings(over ? padded + " " : padded);
-    Parsed parsed = Parse({"--config", path});
-    std::remove(path.c_str());
+    Parsed parsed = Parse({"--config", WriteSettings(dir, over ? padded + " " : padded)});
     EXPECT_EQ(parsed.ok, !over) << parsed.error;
     EXPECT_EQ(parsed.error.find("larger than 1 MiB") != std::string::npos, over) << parsed.error;
   }

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <thread>
+#include <tuple>
 
 #include "support/fake_workers.h"
 #include "foundation/logger.h"
@@ -17,15 +18,12 @@ using testing_support::StreamCapture;
 
 namespace {
 
-constexpr BoardModel kNarrowModel = 1;  // "1525"
-constexpr BoardModel kWideModel = 3;    // "215 "
-
 class SetupRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
     VLLogEnableConsole();
-    context_.workers.push_back(MakeWorker("1525", kNarrowModel, "narrow"));
-    context_.workers.push_back(MakeWorker("215 ", kWideModel, "wide"));
+    context_.workers.push_back(MakeWorker("1525", 1, "narrow"));
+    context_.workers.push_back(MakeWorker("215 ", 3, "wide"));
     // Lets the started worker threads run to their end: with no board they
     // clear `enabled` and stop.
     miner_testing::GiveJob(context_);
@@ -43,17 +41,9 @@ class SetupRunTest : public ::testing::Test {
     return false;
   }
 
-  // Runs SetupRun on "miner ckb <host> <port> wallet pw [extra...]" and
-  // returns what it logged.
-  std::string Run(const std::vector<std::string> &extra, const std::string &port = "3333") {
-    args_ = {"miner", "ckb", "pool.example.org", port, "wallet", "pw"};
-    for (auto &value : extra) args_.push_back(value);
-    return RunArgs();
-  }
-
-  // Output is captured from the call on, worker threads included, until the
-  // test ends.
-  std::string RunArgs() {
+  // Runs SetupRun on `args_` and returns what it logged. Output is captured
+  // from the call on, worker threads included, until the test ends.
+  std::string Run() {
     if (!capture_) capture_ = std::make_unique<StreamCapture>();
     // Each stream is cut on its own: worker threads of an earlier call may
     // still be adding error lines.
@@ -70,8 +60,6 @@ class SetupRunTest : public ::testing::Test {
     return argv_.data();
   }
 
-  uint64_t Target(size_t index) { return context_.workers[index]->targetClockHz; }
-
   RunStateGuard runState_;
   MiningContext context_;
   std::vector<std::string> args_;
@@ -80,12 +68,8 @@ class SetupRunTest : public ::testing::Test {
 };
 
 TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
-  struct Row {
-    const char *argument;
-    const char *line;
-    uint64_t narrowHz, wideHz;
-  };
-  const Row rows[] = {
+  // The clock argument, the line it logs, and the narrow and the wide board's clock.
+  const std::tuple<const char *, const char *, uint64_t, uint64_t> rows[] = {
       {"350", "I/Miner        : Forcing clock to 350 MHz\n", 350000000, 350000000},
       {"351", "I/Miner        : Forcing clock to 351 MHz\n", 351000000, 250000000},
       // Out of range is reported but still applied.
@@ -94,12 +78,13 @@ TEST_F(SetupRunTest, ForcedClockAppliesToBothFamiliesWithTheWideCap) {
       {"0", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
       {"fast", "I/Miner        : Forcing clock to 0 MHz\n", 100000000, 100000000},
   };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.argument);
-    std::string log = Run({row.argument});
-    EXPECT_NE(log.find(row.line), std::string::npos) << log;
-    EXPECT_EQ(Target(0), row.narrowHz);
-    EXPECT_EQ(Target(1), row.wideHz);
+  for (const auto &[argument, line, narrowHz, wideHz] : rows) {
+    SCOPED_TRACE(argument);
+    args_ = {"miner", "ckb", "pool.example.org", "3333", "wallet", "pw", argument};
+    std::string log = Run();
+    EXPECT_NE(log.find(line), std::string::npos) << log;
+    EXPECT_EQ(context_.workers[0]->targetClockHz, narrowHz);
+    EXPECT_EQ(context_.workers[1]->targetClockHz, wideHz);
     ASSERT_TRUE(WorkerThreadsEnded());
   }
 }
@@ -112,7 +97,7 @@ TEST_F(SetupRunTest, EachTlsPoolGetsItsHostsPinElseTheGeneralOne) {
   context_.options.backupPools = {"stratum+ssl://b.example:443", "stratum+ssl://b.example.net:443",
                                   "stratum+tcp://b.example:3333"};
   args_ = {"miner", "ckb", "stratum+ssl://a.example:443", "3333", "wallet", "pw"};
-  RunArgs();
+  Run();
   std::vector<std::string> pins;
   for (const PoolEndpoint &pool : context_.pools) pins.push_back(pool.pinnedSha256);
   EXPECT_EQ(pins, (std::vector<std::string>{general, forB, general, ""}));
