@@ -2,12 +2,16 @@
 // sag, the operator's keys, and signals, a service manager's among them. Every
 // wait is a hang guard; what is asserted is what the operator saw and the pool got.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "e2e/miner_run.h"
@@ -18,7 +22,9 @@ namespace {
 // Low enough for a share every second or so per board at the simulator's speed.
 const std::vector<std::string> kEasyPool = {"--difficulty", "0.0005", "--notify-interval", "2"};
 
-// A datagram socket where the notify protocol's messages arrive.
+// A datagram socket where the notify protocol's messages arrive, read all
+// the while as a service manager reads it: a queue left full (ten messages)
+// would block the miner's next message, and with it the miner.
 class NotifySocket {
  public:
   NotifySocket() {
@@ -29,25 +35,36 @@ class NotifySocket {
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
     EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    reader_ = std::thread([this] {
+      char buffer[512];
+      for (pollfd ready{fd_, POLLIN, 0}; !stop_.load();) {
+        if (poll(&ready, 1, 100) <= 0) continue;
+        ssize_t n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (n > 0) received_.append(buffer, static_cast<size_t>(n)).append("\n");
+      }
+    });
   }
   ~NotifySocket() {
+    stop_.store(true);
+    reader_.join();
     close(fd_);
     unlink(path_.c_str());
   }
   const std::string &Path() const { return path_; }
   // Everything that arrived so far, one message a line.
   std::string Take() {
-    char buffer[512];
-    for (ssize_t n; (n = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) {
-      received_.append(buffer, static_cast<size_t>(n)).append("\n");
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
     return received_;
   }
 
  private:
   std::string path_;
   int fd_ = -1;
+  std::atomic<bool> stop_{false};
+  std::mutex mutex_;
   std::string received_;
+  std::thread reader_;
 };
 
 // Both sides count the shares alike, and the operator's keys stop, restart
