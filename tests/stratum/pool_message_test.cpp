@@ -18,6 +18,7 @@
 #include "stratum/session.h"
 #include "stratum/share_verdict.h"
 #include "support/log_lines.h"
+#include "support/wait_until.h"
 
 namespace {
 
@@ -121,8 +122,7 @@ class SessionLines : public ::testing::Test {
     VLRef host(VLStringCreate("127.0.0.1", 0));
     ASSERT_TRUE(VLJsonRpcClientConnectTcp(client, host.get(), listener.Port()));
     peer = std::make_unique<net_test::Peer>(listener.Accept());
-    for (int i = 0; i < 1000 && !connected; i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(connected);
+    ASSERT_TRUE(testing_support::WaitUntil([] { return connected.load(); }));
   }
   void TearDown() override { VLJsonRpcClientDestroy(client); }
 
