@@ -27,14 +27,6 @@ class EaglesongTest(unittest.TestCase):
             with self.subTest(length=len(message)):
                 self.assertEqual(eaglesong.eaglesong(message).hex(), expected)
 
-    def test_share_path_matches_the_general_sponge(self):
-        header = bytes(range(0x40, 0x60))
-        for nonce in (bytes(16), bytes(range(16)), b"\xff" * 16):
-            with self.subTest(nonce=nonce.hex()):
-                expected = eaglesong.eaglesong(header + nonce)
-                self.assertEqual(eaglesong.hash48(header, nonce), expected)
-                self.assertEqual(eaglesong.hash_with_midstate(eaglesong.midstate(header), nonce), expected)
-
 
 class DifficultyTest(unittest.TestCase):
     # (difficulty, w3, w2, w1, w0): the miner's own table, out-of-range rows included.

@@ -22,20 +22,12 @@
 #include "sim/iic.h"
 #include "sim/in_process.h"
 #include "stratum/targets.h"
+#include "support/wait_until.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-template <typename Predicate>
-bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = 20000ms) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
+using testing_support::WaitUntil;
 
 class WorkerBoardTest : public ::testing::Test {
  protected:

@@ -4,13 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
 #include <tuple>
 
 #include "support/fake_workers.h"
 #include "foundation/logger.h"
 #include "support/capture.h"
+#include "support/wait_until.h"
 
 using miner_testing::MakeWorker;
 using miner_testing::RunStateGuard;
@@ -34,11 +33,7 @@ class SetupRunTest : public ::testing::Test {
   }
 
   bool WorkerThreadsEnded() {
-    for (int i = 0; i < 1000; i++) {  // a bound against a hang, not a timing
-      if (context_.workerThreads.load(std::memory_order_acquire) == 0) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return testing_support::WaitUntil([&] { return context_.workerThreads.load(std::memory_order_acquire) == 0; });
   }
 
   // Runs SetupRun on `args_` and returns what it logged. Output is captured

@@ -154,7 +154,7 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     double skip;
     std::string line;
   };
-  // A silent subscribe and a plain refusal are left the same way in the end-to-end tests.
+  // Left alike elsewhere: a silent subscribe and a plain refusal (end-to-end), a false login (SessionLines).
   const std::string unanswered = "The pool did not answer mining.";
   const std::string refused = "Pool refused authorisation for wallet.rig: ";
   const Case cases[] = {
@@ -162,7 +162,6 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
       {{"--authorize", "silent"}, Authorizing, 10.5, unanswered + "authorize within 10 s; reconnecting"},
       {{"--notify-interval", "600"}, Mining, 90.5, "No line from the pool for 90 s; reconnecting"},
       {{"--authorize", "error", "--jsonrpc2"}, Authorizing, 0, refused + "Unauthorized worker (24)"},
-      {{"--authorize", "false"}, Authorizing, 0, refused + "no reason given"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.line);
