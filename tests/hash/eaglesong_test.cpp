@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -13,22 +12,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Digest = std::array<uint8_t, 32>;
-
-// Digest words as bytes, least significant first.
-Digest BytesOf(const uint32_t words[8]) {
-  Digest out;
-  for (size_t i = 0; i < 32; ++i) out[i] = static_cast<uint8_t>(words[i / 4] >> (8 * (i % 4)));
-  return out;
-}
-
-// The simulator's sponge shares no code with the library and takes any
-// length; its own test holds it to the published vectors.
-Digest Sponge(const Bytes &message) {
-  Digest out;
-  sim::Hash(message.data(), message.size(), out.data());
-  return out;
-}
 
 // The 48-byte message that EaglesongHash48 hashes: the header's bytes as they
 // lie in memory, then each nonce word's number big-endian.
@@ -54,7 +37,13 @@ TEST(EaglesongRandom, Hash48AndMidstateAgreeWithTheGeneralSponge) {
     for (uint32_t &word : nonce) word = round == 0 ? 0 : rng();
     uint32_t digest[8];
     EaglesongHash48(input, nonce, digest);
-    ASSERT_EQ(BytesOf(digest), Sponge(Message48(input, nonce))) << "case " << round;
+    // The simulator's sponge shares no code with the library; its own test
+    // holds it to the published vectors. On this little-endian host the
+    // digest words lie in memory as the published digest's bytes.
+    const Bytes message = Message48(input, nonce);
+    uint8_t expected[32];
+    sim::Hash(message.data(), message.size(), expected);
+    ASSERT_EQ(0, std::memcmp(digest, expected, sizeof(expected))) << "case " << round;
 
     // Midstate, nonce XOR and one more permutation give the hash.
     uint32_t mid[16];
