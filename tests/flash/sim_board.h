@@ -71,16 +71,13 @@ inline std::vector<sim::SpiFrame> FramesOf(const std::vector<sim::SpiFrame> &fra
   return matching;
 }
 
-// The 4-byte address of a command frame.
-inline uint32_t FrameAddress(const sim::SpiFrame &frame) {
-  return uint32_t(frame.out.at(1)) << 24 | uint32_t(frame.out.at(2)) << 16 | uint32_t(frame.out.at(3)) << 8 |
-         frame.out.at(4);
-}
-
-// The addresses of the frames that carry `command`, in order.
+// The 4-byte addresses of the frames that carry `command`, in order.
 inline std::vector<uint32_t> Addresses(const std::vector<sim::SpiFrame> &frames, uint8_t command) {
   std::vector<uint32_t> addresses;
-  for (const sim::SpiFrame &frame : FramesOf(frames, command)) addresses.push_back(FrameAddress(frame));
+  for (const sim::SpiFrame &frame : FramesOf(frames, command)) {
+    const std::vector<uint8_t> &out = frame.out;
+    addresses.push_back(uint32_t(out.at(1)) << 24 | uint32_t(out.at(2)) << 16 | uint32_t(out.at(3)) << 8 | out.at(4));
+  }
   return addresses;
 }
 

@@ -10,14 +10,6 @@ using testing_support::PtyProcess;
 
 namespace {
 
-// Runs InterruptableDelay in a child on a terminal; the exit code is the key.
-std::unique_ptr<PtyProcess> StartDelay(uint64_t seconds, const char *keys) {
-  return std::make_unique<PtyProcess>(std::vector<std::string>{}, std::vector<std::string>{}, [=] {
-    VLConsoleBeginKeys();
-    return static_cast<int>(static_cast<unsigned char>(InterruptableDelay(seconds, keys)));
-  });
-}
-
 TEST(InterruptableDelayTest, FirstAcceptedLowerCaseKeyEndsTheWait) {
   // Keys typed, and the key the wait ends with.
   const std::pair<std::vector<const char *>, char> rows[] = {
@@ -26,12 +18,16 @@ TEST(InterruptableDelayTest, FirstAcceptedLowerCaseKeyEndsTheWait) {
       {{"xny"}, 'n'},        // the first accepted key of one read wins
   };
   for (const auto &[typed, key] : rows) {
-    auto child = StartDelay(30, "yn");
-    ASSERT_TRUE(child->WaitFor("Waiting for 30 seconds"));
-    for (const char *keys : typed) child->Type(keys);
-    EXPECT_EQ(child->Wait(), key) << typed[0];
-    EXPECT_EQ(child->Output().find("Waiting for 30 seconds"), 0u);
-    EXPECT_EQ(child->Output().back(), '\n');
+    // The child's exit code is the key the wait ended with.
+    PtyProcess child({}, {}, [] {
+      VLConsoleBeginKeys();
+      return static_cast<int>(static_cast<unsigned char>(InterruptableDelay(30, "yn")));
+    });
+    ASSERT_TRUE(child.WaitFor("Waiting for 30 seconds"));
+    for (const char *keys : typed) child.Type(keys);
+    EXPECT_EQ(child.Wait(), key) << typed[0];
+    EXPECT_EQ(child.Output().find("Waiting for 30 seconds"), 0u);
+    EXPECT_EQ(child.Output().back(), '\n');
   }
 }
 

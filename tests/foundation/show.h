@@ -1,6 +1,6 @@
 // A compact, typed rendering of a value for test expectations: numbers carry
-// their kind (u32, i32, real, bool, u64), strings show bytes outside printable
-// ASCII as \xNN, so one string states both structure and exact types.
+// their kind (u32, i32, real, bool, u64) and strings are escaped as a log line
+// would show them, so one string states both structure and exact types.
 #pragma once
 
 #include <bit>
@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "foundation/escape.h"
 #include "foundation/object.h"
 
 inline std::string Show(const VLObject *obj) {
@@ -26,19 +27,7 @@ inline std::string Show(const VLObject *obj) {
       }
       return buffer;
     }
-    case VLTypeString: {
-      std::string text = "\"";
-      for (uint32_t i = 0; i < VLStringLength(obj); ++i) {
-        auto byte = static_cast<unsigned char>(VLStringChars(obj)[i]);
-        if (byte >= 32 && byte < 127) {
-          text += static_cast<char>(byte);
-        } else {
-          snprintf(buffer, sizeof buffer, "\\x%02X", byte);
-          text += buffer;
-        }
-      }
-      return text + "\"";
-    }
+    case VLTypeString: return "\"" + VLEscapeControl(obj) + "\"";
     case VLTypeArray: {
       std::string text = "[";
       for (uint32_t i = 0; i < VLArrayCount(obj); ++i) text += (i ? "," : "") + Show(VLArrayGet(obj, i));

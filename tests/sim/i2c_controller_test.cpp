@@ -2,12 +2,68 @@
 // the wire for each kind of transfer, at several bus speeds, and how the
 // driver comes out of a missing acknowledge, a lost arbitration and a bus
 // that stays busy.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
-#include "i2c_fixture.h"
+#include "board/dma_device.h"
+#include "board/i2c.h"
+#include "board/registers.h"
+#include "sim/iic.h"
+#include "sim/in_process.h"
 
-namespace i2c_test {
 namespace {
+
+// A simulated board behind the device-file seam, its I2C controller driven by
+// the production driver and its bus open to inspection.
+class I2cBoard {
+ public:
+  explicit I2cBoard(const std::string &settings = "model=6") : boards_("/ombry-i2c-test") {
+    // The driver's polls have no time limit, so a driver or model fault
+    // shows as a hang; the alarm ends the test binary instead.
+    alarm(60);
+    std::string error;
+    if (!boards_.AddList("xdma0 " + settings, &error)) ADD_FAILURE() << "board list: " << error;
+    boards_.Install();
+    device_ = BRYLDMADeviceOpen(boards_.DevicePath("xdma0"), 0);
+    if (!device_) ADD_FAILURE() << "the simulated board didn't open";
+    controller_ = std::make_unique<I2CController>(device_, kRegI2CBase);
+  }
+  ~I2cBoard() {
+    BRYLDMADeviceClose(device_);
+    alarm(0);
+  }
+
+  I2CController &Controller() { return *controller_; }
+
+  // Run-time settings, as the simulator's command line takes them.
+  void Set(const std::string &settings) {
+    std::string error;
+    if (!boards_.RunCommand("xdma0 " + settings, &error)) ADD_FAILURE() << settings << ": " << error;
+  }
+  template <typename Body>
+  auto WithIic(Body body) {
+    return boards_.Find("xdma0")->WithFpga(0, [&](sim::Fpga *fpga) { return body(*fpga->Iic()); });
+  }
+  std::string Transcript() {
+    return WithIic([](sim::IicBlock &iic) { return iic.TakeTranscript(); });
+  }
+  std::vector<std::string> ProtocolErrors() {
+    return WithIic([](sim::IicBlock &iic) { return iic.TakeProtocolErrors(); });
+  }
+  bool BusBusy() {
+    return WithIic([](sim::IicBlock &iic) { return iic.BusBusy(); });
+  }
+
+ private:
+  sim::InProcessBoards boards_;
+  BRYLDMADevice *device_ = nullptr;
+  std::unique_ptr<I2CController> controller_;
+};
 
 // The two bytes that a sensor at 25.25 C sends: 404 sixteenths.
 constexpr const char *kRead2525 = "r01+ r94-";
@@ -53,7 +109,6 @@ TEST(I2CAcknowledge, AnUnansweredAddressEndsTheTransferAndLeavesNothingBehind) {
 
   EXPECT_LT(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
   EXPECT_EQ(board.Transcript(), "S @58- P");
-  EXPECT_TRUE(board.Recorded().empty());
   EXPECT_FALSE(board.BusBusy());
 
   // A sensor that doesn't answer decodes the untouched zero buffer.
@@ -61,13 +116,10 @@ TEST(I2CAcknowledge, AnUnansweredAddressEndsTheTransferAndLeavesNothingBehind) {
   EXPECT_EQ(board.Transcript(), "S @32- P S @33- P");
 
   // No byte of the failed transfers is left in a FIFO to spoil the next.
-  board.Transcript();
   board.Set("i2c_nak=none");
   EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
   EXPECT_EQ(ReadBoardTemperature(i2c, 0x1F), 40.0);
   EXPECT_EQ(board.Transcript(), "S @58+ w01+ wFF+ P S @3E+ w05+ P S @3F+ r02+ r80- P");
-  ASSERT_EQ(board.Recorded().size(), 1u);
-  EXPECT_EQ(board.Recorded()[0].bytes, (std::vector<uint8_t>{0x01, 0xFF}));
   EXPECT_EQ(board.ProtocolErrors(), std::vector<std::string>{});
 }
 
@@ -98,7 +150,6 @@ TEST(I2CBusBusy, AWaitThatOutlastsASecondThrowsWithItsMessage) {
   uint8_t bytes[2];
   expectTimeout([&] { i2c.Receive(0x1F, bytes, 2, kI2CEndWithStop); });
   EXPECT_EQ(board.Transcript(), "L");
-  EXPECT_TRUE(board.Recorded().empty());
 
   board.Set("i2c_busy=off");
   EXPECT_EQ(i2c.Send(0x2C, {0x01, 0xFF}, kI2CEndWithStop), 2u);
@@ -117,4 +168,3 @@ TEST(I2CSensor, TwoBytesDecodeToDegrees) {
 }
 
 }  // namespace
-}  // namespace i2c_test
