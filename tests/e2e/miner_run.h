@@ -29,8 +29,6 @@ namespace e2e {
 
 using namespace std::chrono_literals;
 
-// Runs longer than any row should take end in a failure, not a hung suite.
-constexpr std::chrono::seconds kHangGuard{180};
 // A narrow board without a regulator sensor and a wide one with it.
 constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 
@@ -121,9 +119,10 @@ class MinerRun {
   }
 
   // Waits, reading the miner's output all the while so that it never blocks
-  // on a full terminal, until `done` holds or the hang guard runs out.
+  // on a full terminal, until `done` holds or the hang guard runs out: a run
+  // longer than any row should take ends in a failure, not a hung suite.
   template <typename Predicate>
-  bool Until(Predicate done, std::chrono::seconds limit = kHangGuard) {
+  bool Until(Predicate done, std::chrono::seconds limit = 180s) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done()) {
       if (std::chrono::steady_clock::now() > deadline) return false;
