@@ -1,8 +1,8 @@
 // A pool, or someone on the path to it, sends hostile lines into a mining
-// session: property-list bombs, deep nesting, floods of keys, huge strings,
-// values the miner can't mine with, terminal escapes. The miner lives, says
-// what it refused, mines on after each line within 200 MB, and neither its
-// screen nor its log carries a raw escape byte or the pool password.
+// session: floods of keys, huge strings, values the miner can't mine with,
+// terminal escapes. The miner lives, says what it refused, mines on after
+// each line within 200 MB, and neither its screen nor its log carries a raw
+// escape byte or the pool password.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -14,36 +14,6 @@ namespace e2e {
 namespace {
 
 constexpr const char *kPassword = "Pa55-s3cret";
-
-// A binary property list whose root array names one string again and again:
-// a reader that follows every reference copies the string each time, which
-// makes `references` x `stringBytes` bytes of it. Holds no line feed, so it
-// arrives as one line.
-std::string PropertyListBomb(size_t stringBytes, size_t references) {
-  for (;; references++) {
-    std::string out = "bplist00";
-    auto bigEndian = [&out](uint64_t value, int width) {
-      for (int i = width - 1; i >= 0; i--) out += static_cast<char>(value >> (8 * i));
-    };
-    out += "\xAF\x12";  // an array, its count in the 4-byte integer that follows
-    bigEndian(references, 4);
-    out.append(references, '\x01');  // object 1, every time
-    size_t string = out.size();
-    out += "\x5F\x12";  // a string, its length likewise
-    bigEndian(stringBytes, 4);
-    out.append(stringBytes, 'x');
-    size_t table = out.size();
-    bigEndian(8, 4);
-    bigEndian(string, 4);
-    out += std::string(6, '\0') + "\x04\x01";  // offsets of 4 bytes, references of 1
-    bigEndian(2, 8);                           // objects
-    bigEndian(0, 8);                           // the root
-    bigEndian(table, 8);
-    if (out.find('\n') == std::string::npos) return out;
-  }
-}
-
-std::string Nested(size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); }
 
 std::string KeyFlood(size_t keys) {
   std::string params = "{";
@@ -74,9 +44,6 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
     const char *told;  // what the miner says about it; empty: nothing in particular
   };
   const Line lines[] = {
-      {"property-list bomb", PropertyListBomb(430000, 430000), "Dropped a line from 127.0.0.1:"},
-      {"error nested 40,000 deep", R"({"id":4,"result":null,"error":)" + Nested(40000) + "}",
-       "nested deeper than 64 levels"},
       {"45,000 keys", KeyFlood(45000), ""},
       {"60,000 keys", KeyFlood(60000), "more than 100,000 values"},
       {"a string of a million bytes", Notification("client.show_message", "[\"" + std::string(1000000, 'x') + "\"]"),
@@ -104,8 +71,8 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
   const char *capped = "xdma0 model=7 ratecap=1\nxdma1 model=2 ratecap=1\n";
   MinerRun run(capped, {"--difficulty", "0.0002", "--notify-interval", "2", "--seed", "7", "--inject-dir",
                         inject.Path().string()});
-  run.SetPassword(kPassword);
-  run.AddEnvironment("NO_COLOR=1");
+  run.password = kPassword;
+  run.environment.push_back("NO_COLOR=1");
   std::filesystem::path logFile = run.WorkDir() / "miner.log";
   // Verbose: the raw lines are where an escape would show.
   ASSERT_TRUE(run.Start({"--log-file", logFile.string(), "--verbose"}));
@@ -128,6 +95,8 @@ TEST(HostilePool, NoLineExhaustsStopsOrFoolsTheRig) {
     EXPECT_TRUE(run.Until([&] { return run.Pool("accepted") >= accepted + 2; })) << run.Output().substr(from, 4000);
   }
   EXPECT_EQ(WrongfullyRejected(run.PoolProcess()), 0u) << run.PoolProcess().Stats();
+  // A dropped line names the pool it came from.
+  EXPECT_GE(run.Count("Dropped a line from 127.0.0.1:" + std::to_string(run.PoolProcess().Port()) + ": "), 2u);
   uint64_t peak = PeakKiB(run.Child().Pid());
   EXPECT_GT(peak, 0u);
 #if !defined(OMBRY_SANITIZE_ADDRESS) && !defined(OMBRY_SANITIZE_THREAD)

@@ -29,8 +29,6 @@ namespace e2e {
 
 using namespace std::chrono_literals;
 
-// Runs longer than any row should take end in a failure, not a hung suite.
-constexpr std::chrono::seconds kHangGuard{180};
 // A narrow board without a regulator sensor and a wide one with it.
 constexpr const char *kTwoBoards = "xdma0 model=7\nxdma1 model=2\n";
 
@@ -99,19 +97,14 @@ class MinerRun {
     control_ = (boards_.WorkDir() / "control").string();
     std::string port = std::to_string(pool_.Port());
     std::string host = scheme.empty() ? "127.0.0.1" : scheme + "://" + hostName + ":" + port;
-    std::vector<std::string> args = {miner_testing::SimMiner(), "ckb", host, port, "wallet.rig", password_};
+    std::vector<std::string> args = {miner_testing::SimMiner(), "ckb", host, port, "wallet.rig", password};
     args.insert(args.end(), options.begin(), options.end());
     std::vector<std::string> env = boards_.Env();
-    env.insert(env.end(), env_.begin(), env_.end());
+    env.insert(env.end(), environment.begin(), environment.end());
     env.push_back("OMBRY_SIM_CONTROL=" + control_);
     child_ = std::make_unique<testing_support::PtyProcess>(args, env, nullptr, WorkDir().string());
     return child_->WaitFor("Using Account: wallet.rig");
   }
-
-  // Environment entries ("NAME=value") for the miner; before Start().
-  void AddEnvironment(const std::string &entry) { env_.push_back(entry); }
-  // The pool password on the command line (default "x"); before Start().
-  void SetPassword(const std::string &password) { password_ = password; }
 
   // A board command such as "xdma0 hot=95", as an operator's test rig would
   // send it while the miner runs.
@@ -126,9 +119,10 @@ class MinerRun {
   }
 
   // Waits, reading the miner's output all the while so that it never blocks
-  // on a full terminal, until `done` holds or the hang guard runs out.
+  // on a full terminal, until `done` holds or the hang guard runs out: a run
+  // longer than any row should take ends in a failure, not a hung suite.
   template <typename Predicate>
-  bool Until(Predicate done, std::chrono::seconds limit = kHangGuard) {
+  bool Until(Predicate done, std::chrono::seconds limit = 180s) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done()) {
       if (std::chrono::steady_clock::now() > deadline) return false;
@@ -147,8 +141,6 @@ class MinerRun {
 
   // A count from the pool's statistics file.
   uint64_t Pool(const std::string &name) const { return PoolCount(pool_, name); }
-
-  std::set<std::string> SubmittedJobs() const { return SubmittedJobIds(pool_); }
 
   size_t Count(const std::string &text, size_t from = 0) const {
     size_t count = 0;
@@ -200,12 +192,15 @@ class MinerRun {
   std::string Lines() const { return Output().substr(0, Output().rfind('\n') + 1); }
   const std::filesystem::path &WorkDir() const { return boards_.WorkDir(); }
 
+  // Set before Start(): the pool password on the command line, and entries
+  // ("NAME=value") for the miner's environment.
+  std::string password = "x";
+  std::vector<std::string> environment;
+
  private:
   testing_support::TestPool pool_;
   miner_testing::SimBoardList boards_;
   std::string control_;
-  std::string password_ = "x";
-  std::vector<std::string> env_;
   std::unique_ptr<testing_support::PtyProcess> child_;
 };
 

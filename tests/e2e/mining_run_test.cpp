@@ -74,8 +74,8 @@ TEST(MiningRun, SharesAreCountedAlikeAndKeysStopRestartAndTuneABoard) {
   ASSERT_TRUE(run.Start());
   // Both boards find shares (the slower one may take a while under a sanitizer).
   ASSERT_TRUE(run.Until([&] {
-    return run.Pool("accepted") >= 6 && run.SubmittedJobs().size() >= 2 && run.Count("Worker 1 - YAY") >= 1 &&
-           run.Count("Worker 2 - YAY") >= 1;
+    return run.Pool("accepted") >= 6 && SubmittedJobIds(run.PoolProcess()).size() >= 2 &&
+           run.Count("Worker 1 - YAY") >= 1 && run.Count("Worker 2 - YAY") >= 1;
   })) << run.Output();
 
   // The screen: two tables in a row that show both boards give each its
@@ -146,7 +146,7 @@ TEST(MiningRun, HotOrSaggingBoardsThrottleTheHotOneRecoversAndTerminationStopsCl
   // also the lowest reading taken as real.
   NotifySocket notify;
   MinerRun run("xdma0 model=7\nxdma1 model=2\nxdma2 model=7\n", {"--difficulty", "1"});
-  run.AddEnvironment("NOTIFY_SOCKET=" + notify.Path());
+  run.environment.push_back("NOTIFY_SOCKET=" + notify.Path());
   ASSERT_TRUE(run.Start());
   ASSERT_TRUE(run.Until([&] {
     std::string told = notify.Take();
