@@ -154,7 +154,8 @@ TEST_F(SessionTest, AStalledOrRefusingPoolIsLeftWithOneLineAndTriedAgain) {
     double skip;
     std::string line;
   };
-  // Left alike elsewhere: a silent subscribe and a plain refusal (end-to-end), a false login (SessionLines).
+  // Left alike elsewhere: a plain refusal (Failover, end-to-end), a false login (SessionLines); a silent
+  // subscribe takes the path of the short one below.
   const std::string unanswered = "The pool did not answer mining.";
   const std::string refused = "Pool refused authorisation for wallet.rig: ";
   const Case cases[] = {
